@@ -1,0 +1,10 @@
+#pragma once
+
+#include "cpu/layer/operator_layer.h"
+
+namespace TarnoCPU {
+
+/// Dense layer.
+class FullConnection : public SISOLayer {};
+
+}  // namespace TarnoCPU

@@ -1,0 +1,55 @@
+// Small things that every operator class needs.
+#pragma once
+
+#include <cstdint>
+#include <new>
+#include <vector>
+
+#include "cpu/mat.h"
+#include "cpu/operator.h"
+#include "platform/assertion.h"
+
+/// First statement of every `forward`: ends it with -100, after the assertion, when the check does
+/// not hold. The second form has another spelling of the text, which some classes carry.
+#define TN_FORWARD_PRECONDITIONS(holds)                            \
+    do {                                                           \
+        if (!(holds)) {                                            \
+            TN_ASSERT(false && "Invalid forward pre-conditions");  \
+            return -100;                                           \
+        }                                                          \
+    } while (false)
+#define TN_FORWARD_PRECONDITIONS_NO_HYPHEN(holds)                  \
+    do {                                                           \
+        if (!(holds)) {                                            \
+            TN_ASSERT(false && "Invalid forward pre conditions");  \
+            return -100;                                           \
+        }                                                          \
+    } while (false)
+
+/// The exported factory of an operator class, in the unit of the class.
+#define TN_DEFINE_OPERATOR_CREATOR(ClassName) \
+    TN_API Operator* ClassName##_operator_creator() { return new (std::nothrow) ClassName; }
+
+namespace TarnoCPU {
+
+/// Whether a bottom is a float tensor in a layout of which element operators need not know more.
+inline bool is_float_of_any_layout(const TensorShape& shape) {
+    return shape.elem_size == 4 &&
+           (shape.layout == TensorShape::CHW || shape.layout == TensorShape::C4HW4 ||
+            shape.layout == TensorShape::C8HW8);
+}
+
+inline bool is_float_chw(const TensorShape& shape) {
+    return shape.elem_size == 4 && shape.layout == TensorShape::CHW;
+}
+
+/// `array` when it holds at least `count` floats, else a copy with zeros behind it: a kernel whose
+/// bottom has more channels than its weights were made for reads zeros there, not foreign memory.
+/// Empty when there is no memory.
+Mat extended_with_zeros(const Mat& array, int64_t count);
+
+/// The shapes of `bottoms`, for the check of an operator of several bottoms. Storage of the calling
+/// thread, overwritten by its next call: a run takes nothing from the heap once it is warm.
+const std::vector<TensorShape>& shapes_of(const std::vector<Mat>& bottoms);
+
+}  // namespace TarnoCPU

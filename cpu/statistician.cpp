@@ -1,0 +1,7 @@
+#include "cpu/statistician.h"
+
+namespace TarnoCPU {
+
+Statistician::~Statistician() = default;
+
+}  // namespace TarnoCPU
