@@ -33,10 +33,15 @@ namespace {
 
 using BlockList = std::list<std::pair<unsigned int, void*>>;
 
-void append(BlockList& list, const std::pair<unsigned int, void*>& block) {
+void check_room(const BlockList& list) {
     constexpr size_t longest = 0xffffffe;
     if (list.size() >= longest) throw std::length_error("list<T> too long");
-    list.push_back(block);
+}
+
+// Moves a list node as it is: a warm pool makes no heap call, not even for its own bookkeeping.
+void move_to_end(BlockList& from, BlockList::iterator block, BlockList& to) {
+    check_room(to);
+    to.splice(to.end(), from, block);
 }
 
 void free_all(BlockList& list) {
@@ -54,14 +59,14 @@ void* take_block(unsigned int ratio, unsigned int size, BlockList& budgets, Bloc
     for (auto it = budgets.begin(); it != budgets.end(); ++it) {
         const unsigned int block_size = it->first;
         if (block_size >= size && ratio * block_size <= size) {
-            const auto block = *it;
-            append(payouts, block);
-            budgets.erase(it);
-            return block.second;
+            void* ptr = it->second;
+            move_to_end(budgets, it, payouts);
+            return ptr;
         }
     }
+    check_room(payouts);
     void* ptr = fastMalloc(size);
-    append(payouts, {size, ptr});
+    payouts.emplace_back(size, ptr);
     return ptr;
 }
 
@@ -69,9 +74,7 @@ void* take_block(unsigned int ratio, unsigned int size, BlockList& budgets, Bloc
 bool return_block(void* ptr, BlockList& budgets, BlockList& payouts) {
     for (auto it = payouts.begin(); it != payouts.end(); ++it) {
         if (it->second == ptr) {
-            const auto block = *it;
-            payouts.erase(it);
-            append(budgets, block);
+            move_to_end(payouts, it, budgets);
             return true;
         }
     }

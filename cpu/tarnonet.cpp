@@ -1,5 +1,6 @@
 #include "cpu/tarnonet.h"
 
+#include "cpu/mat_storage.h"
 #include "platform/assertion.h"
 #include "platform/clock.h"
 
@@ -13,7 +14,11 @@ bool is_index_of(int blob, const std::vector<Mat>& blob_mats) {
 }  // namespace
 
 TarnoNetExtractor::TarnoNetExtractor(const TarnoNet* net, int blob_count)
-    : net(net), blob_mats(static_cast<size_t>(blob_count)), opt(get_default_option()) {}
+    : net(net),
+      blob_mats(borrow_mats(static_cast<size_t>(blob_count))),
+      opt(get_default_option()) {}
+
+TarnoNetExtractor::~TarnoNetExtractor() { return_mats(blob_mats); }
 
 int TarnoNetExtractor::input(int input_index, const Mat& in) {
     if (input_index < 0 || input_index >= static_cast<int>(blob_mats.size())) return -1;
@@ -139,13 +144,15 @@ int TarnoNet::forward_layer(int layer_index, std::vector<Mat>& blob_mats, Option
                 release_when_read(b, 1446);
             }
         } else {
-            std::vector<Mat> bottoms(layer->bottoms.size());
+            BorrowedMats borrowed_bottoms(layer->bottoms.size());
+            std::vector<Mat>& bottoms = borrowed_bottoms.mats;
             for (size_t k = 0; k < bottoms.size(); ++k) {
                 bottoms[k] = mat_of(blob_mats, layer->bottoms[k]);
             }
             TN_ASSERT_AT(layers[i]->tops.size() == 1, "tarnonet", 1467);
             if (layer->tops.empty() || !is_index_of(layer->tops[0], blob_mats)) return -100;
-            std::vector<Mat> tops(1);
+            BorrowedMats borrowed_tops(1);
+            std::vector<Mat>& tops = borrowed_tops.mats;
             int result = 0;
             if (stats == nullptr) {
                 result = layer->forward(bottoms, tops, opt);

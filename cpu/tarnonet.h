@@ -23,6 +23,10 @@ class TarnoNet;
 /// with its own allocators or none, as long as the net has no LSTM.
 class TN_API TarnoNetExtractor {
 public:
+    TarnoNetExtractor(const TarnoNetExtractor& other) = default;
+    TarnoNetExtractor& operator=(const TarnoNetExtractor& other) = default;
+    ~TarnoNetExtractor();
+
     /// Hands in a tensor under the input index of the model file; the block is shared. 0, or -1 for
     /// an index that is negative, not below the number of blobs, or not an input of the model.
     int input(int input_index, const Mat& in);
