@@ -12,34 +12,11 @@
 #include "cpu/operator_creators.h"
 #include "cpu/tarnonet.h"
 #include "crossplatform/src/common/src/crossplatform_zqnetloader.h"
+#include "crossplatform/src/common/src/half_float.h"
 #include "platform/assertion.h"
 
 namespace TarnoCPU {
 namespace {
-
-// Message types of the model file.
-enum RecordType {
-    type_input = 0,
-    type_conv2d = 1,
-    type_conv2d_transpose = 2,
-    type_depthwise_conv2d = 3,
-    type_pixel_shuffle = 4,
-    type_pooling = 5,
-    type_batch_normalization = 7,
-    type_activation = 8,
-    type_region = 9,
-    type_elementwise = 10,
-    type_concatenate = 11,
-    type_upsampling = 14,
-    type_depthwise_conv2d_transpose = 16,
-    type_tensor_input = 17,
-    type_tensor_reshape = 18,
-    type_full_connection = 21,
-    type_lstm = 22,
-    type_tensor_activation = 26,
-};
-
-constexpr int ActivationType_None = 0;
 
 // The detection grid of a region layer; the model file does not carry it.
 constexpr int region_grid = 11;
@@ -47,16 +24,16 @@ constexpr int region_grid = 11;
 /// The activation that a record fuses to its layer, 0 for none.
 int fused_activation(const ZQLayerInfo* zqlayer_info) {
     switch (zqlayer_info->type) {
-        case type_conv2d:
+        case ZQLayerType_Conv2D:
             return static_cast<const ZQLayerInfo_Conv2D*>(zqlayer_info)->activation;
-        case type_conv2d_transpose:
+        case ZQLayerType_Conv2DTranspose:
             return static_cast<const ZQLayerInfo_Conv2DTranspose*>(zqlayer_info)->activation;
-        case type_depthwise_conv2d:
+        case ZQLayerType_DepthWiseConv2D:
             return static_cast<const ZQLayerInfo_DepthWiseConv2D*>(zqlayer_info)->activation;
-        case type_depthwise_conv2d_transpose:
+        case ZQLayerType_DepthWiseConv2DTranspose:
             return static_cast<const ZQLayerInfo_DepthWiseConv2DTranspose*>(zqlayer_info)
                 ->activation;
-        case type_elementwise:
+        case ZQLayerType_ElementWiseOperator:
             return static_cast<const ZQLayerInfo_ElementWiseOperator*>(zqlayer_info)->activation;
         default:
             return 0;
@@ -196,70 +173,73 @@ void Construction::run() {
 
 void Construction::add_layer_of(const ZQLayerInfo* info) {
     switch (info->type) {
-        case type_input:
+        case ZQLayerType_Input:
             add_input(info, static_cast<const ZQLayerInfo_Input*>(info)->input_index);
             break;
-        case type_tensor_input:
+        case ZQLayerType_TensorInput:
             add_input(info, static_cast<const ZQLayerInfo_TensorInput*>(info)->input_index);
             break;
-        case type_conv2d:
+        case ZQLayerType_Conv2D:
             add_convolution(static_cast<const ZQLayerInfo_Conv2D*>(info));
             break;
-        case type_conv2d_transpose:
+        case ZQLayerType_Conv2DTranspose:
             add_deconvolution(static_cast<const ZQLayerInfo_Conv2DTranspose*>(info));
             break;
-        case type_depthwise_conv2d:
+        case ZQLayerType_DepthWiseConv2D:
             add_depthwise(static_cast<const ZQLayerInfo_DepthWiseConv2D*>(info));
             break;
-        case type_depthwise_conv2d_transpose:
+        case ZQLayerType_DepthWiseConv2DTranspose:
             add_depthwise_deconvolution(
                 static_cast<const ZQLayerInfo_DepthWiseConv2DTranspose*>(info));
             break;
-        case type_pixel_shuffle:
+        case ZQLayerType_PixelShuffle:
             add_pixel_shuffle(static_cast<const ZQLayerInfo_PixelShuffle*>(info));
             break;
-        case type_pooling:
+        case ZQLayerType_Pooling:
             add_pooling(static_cast<const ZQLayerInfo_Pooling*>(info));
             break;
-        case type_batch_normalization:
+        case ZQLayerType_BatchNormalization:
             add_batch_normalization(static_cast<const ZQLayerInfo_BatchNormalization*>(info));
             break;
-        case type_activation: {
+        case ZQLayerType_Activation: {
             const auto* zqlayer = static_cast<const ZQLayerInfo_Activation*>(info);
             TN_ASSERT_AT(zqlayer->activation_type != ActivationType_None, "tarnonet", 1150);
-            add_activation(info, zqlayer->activation_type, zqlayer->alpha, zqlayer->beta);
+            add_activation(info, zqlayer->activation_type,
+                           Tarno::half_to_float(zqlayer->alpha),
+                           Tarno::half_to_float(zqlayer->beta));
             break;
         }
-        case type_tensor_activation: {
+        case ZQLayerType_TensorActivation: {
             const auto* zqlayer = static_cast<const ZQLayerInfo_TensorActivation*>(info);
             if (zqlayer->activation_type == ActivationType_None) {
                 // The text has the member under an older name.
                 Tarno::ReportAssertion("zqlayer->_activation_type != ActivationType_None",
                                        "tarnonet", 1123);
             }
+            // Plain numbers in this record, not halves.
             add_activation(info, zqlayer->activation_type, static_cast<float>(zqlayer->alpha),
                            static_cast<float>(zqlayer->beta));
             break;
         }
-        case type_region:
+        case ZQLayerType_Region:
             add_region(static_cast<const ZQLayerInfo_Region*>(info));
             break;
-        case type_elementwise:
+        case ZQLayerType_ElementWiseOperator:
             add_eltwise(static_cast<const ZQLayerInfo_ElementWiseOperator*>(info));
             break;
-        case type_concatenate:
+        case ZQLayerType_Concatenate:
             add_concat(static_cast<const ZQLayerInfo_Concatenate*>(info));
             break;
-        case type_upsampling:
+        case ZQLayerType_Upsampling:
             add_upsampling(static_cast<const ZQLayerInfo_Upsampling*>(info));
             break;
-        case type_tensor_reshape:
+        case ZQLayerType_TensorReshape:
             add_tensor_reshape(static_cast<const ZQLayerInfo_TensorReshape*>(info));
             break;
-        case type_full_connection:
+        case ZQLayerType_FullConnection:
             add_full_connection(static_cast<const ZQLayerInfo_FullConnection*>(info));
             break;
-        case type_lstm:
+        case ZQLayerType_LSTM:
             add_lstm(static_cast<const ZQLayerInfo_LSTM*>(info));
             break;
         default:
@@ -417,8 +397,7 @@ void Construction::add_convolution(const ZQLayerInfo_Conv2D* record) {
     const int64_t in = record->in_shape->channels;
     const int64_t out = record->out_shape->channels;
     const int64_t taps = static_cast<int64_t>(record->kernel_w) * record->kernel_h;
-    // Files of version 10000 have no groups field and read as 0.
-    const int groups = record->groups == 0 ? 1 : record->groups;
+    const int groups = static_cast<int>(record->effective_groups());
     const std::vector<float> weights =
         groups == 1 ? taps_innermost(record->weights, record->weights_count, out, taps, in)
                     : padded_array(record->weights, record->weights_count,
@@ -527,7 +506,7 @@ void Construction::add_depthwise_deconvolution(
 
 void Construction::add_pixel_shuffle(const ZQLayerInfo_PixelShuffle* record) {
     ParamDict pd;
-    pd.set(0, record->upscale_factor);
+    pd.set(0, Tarno::half_to_float(record->upscale_factor));
     Layer* layer = make_layer("PixelShuffle", record, "PixelShuffle");
     const LayerInferenceConfig config = next_config(&PixelShuffle_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
@@ -622,7 +601,7 @@ void Construction::add_concat(const ZQLayerInfo_Concatenate* record) {
 
 void Construction::add_upsampling(const ZQLayerInfo_Upsampling* record) {
     ParamDict pd;
-    pd.set(0, record->scale);
+    pd.set(0, Tarno::half_to_float(record->scale));
     pd.set(1, static_cast<int>(record->mode));
     pd.set(2, static_cast<int>(record->align));
     Layer* layer = make_layer("Upsampling", record, "Upsampling");
