@@ -11,8 +11,10 @@ namespace TarnoCPU {
 /// One row of `operators.def`.
 struct OperatorInfo {
     enum class Base { SISO, SISOInplace, MIMO };
-    enum class InstructionSet { Baseline, AVX, AVX2 };
+    /// In ascending order: each brings those before it. `FMA` is FMA3.
+    enum class InstructionSet { Baseline, SSE41, AVX, FMA, AVX2 };
     enum class Layout { Any, CHW, C4HW4 };
+    enum class Bias { Any, Needed };
 
     const char* name;        ///< class name
     OperatorCreator creator;
@@ -28,6 +30,7 @@ struct OperatorInfo {
     int input_multiple;
     int height_multiple;
     int width_multiple;
+    Bias bias;               ///< `Needed`: not for a layer without a bias
 };
 
 /// All rows, in the order of the list; `*count` receives their number.
