@@ -77,8 +77,8 @@ int main(int argc, char** argv) {
         // The model was trained on pixel / 255 less these means.
         const float means[3] = {0.485f * 255.0f, 0.456f * 255.0f, 0.406f * 255.0f};
         const float norms[3] = {1.0f / 255.0f, 1.0f / 255.0f, 1.0f / 255.0f};
-        TarnoCPU::Mat in = TarnoCPU::Mat::from_pixels_resize(
-            frame.rgb.data(), 1, frame.width, frame.height, width, height, &blobs);
+        TarnoCPU::Mat in = TarnoCPU::Mat::from_pixels_resize(frame.rgb.data(), 1, frame.width,
+                                                             frame.height, width, height, &blobs);
         in.substract_mean_normalize(means, norms);
 
         TarnoCPU::TarnoNetExtractor extractor = net.create_extractor();

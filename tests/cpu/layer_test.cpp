@@ -36,12 +36,15 @@ const Row rows[] = {
     {"LSTM", true, false, "LSTM_Fallback"},
 };
 
-std::unique_ptr<Layer> make(const char* key) { return std::unique_ptr<Layer>(create_layer(key)); }
+std::unique_ptr<Layer> make(const char* key) {
+    return std::unique_ptr<Layer>(create_layer(key));
+}
 
 // Parameters and weights with which every operator of the rows loads.
 int load_something(Layer& layer, OperatorCreator creator) {
     ParamDict pd;
-    for (int id = 0; id <= 12; ++id) pd.set(id, 1);
+    for (int id = 0; id <= 12; ++id)
+        pd.set(id, 1);
     const std::vector<float> ones(64, 1.0f);
     if (layer.type == "LSTM") {
         const float* arrays[4] = {ones.data(), ones.data(), ones.data(), ones.data()};
@@ -63,7 +66,9 @@ TEST(CreateLayer, SetsTheFlagsOfEachOfTheSixteenKinds) {
     }
 }
 
-TEST(CreateLayer, TheClassNameBatchnormIsNoKey) { EXPECT_EQ(nullptr, make("Batchnorm")); }
+TEST(CreateLayer, TheClassNameBatchnormIsNoKey) {
+    EXPECT_EQ(nullptr, make("Batchnorm"));
+}
 
 TEST(CreateLayer, ActivationKindsAreNoKeys) {
     EXPECT_EQ(nullptr, make("Softmax"));
