@@ -18,7 +18,9 @@ std::unique_ptr<Layer> layer_of(const char* key, const char* op) {
     return layer;
 }
 
-TEST(ConfigPrinter, IsEmptyBeforeAnyCall) { EXPECT_EQ("", ConfigPrinter().get_config_string()); }
+TEST(ConfigPrinter, IsEmptyBeforeAnyCall) {
+    EXPECT_EQ("", ConfigPrinter().get_config_string());
+}
 
 TEST(ConfigPrinter, HeaderAndTailAreTheFrameOfATable) {
     ConfigPrinter printer;
@@ -77,7 +79,8 @@ TEST(ConfigPrinter, TheIndexCountsLines) {
     ConfigPrinter printer;
     const auto layer = layer_of("Activation", "ReLU_Float_Fallback");
     Mat mat(chw(1, 1, 1), nullptr);
-    for (int i = 0; i < 3; ++i) printer.layer_stats(layer.get(), mat, mat, 0, 0);
+    for (int i = 0; i < 3; ++i)
+        printer.layer_stats(layer.get(), mat, mat, 0, 0);
     EXPECT_NE(std::string::npos, printer.get_config_string().find("// Index   2 Model ID"));
 }
 
