@@ -79,6 +79,15 @@ public:
     static constexpr size_t HEADER_WORDS = 250;
 
 private:
+    /// Read messages up to the end of the stream, and leave it open.
+    bool read_messages(FILE* stream);
+    bool read_messages_v10000(FILE* stream);
+    /// Puts a record behind all others. One whose id is taken leaves its place in the order only.
+    void append(std::unique_ptr<ZQLayerInfo> record);
+    /// Notes why the load fails; false.
+    bool fail(const std::string& text);
+    void release_records();
+
     std::map<unsigned short, ZQLayerInfo*> layers_info;
     std::vector<unsigned short> sequential_layers;
     std::map<unsigned short, unsigned short> layers_rcnt;
@@ -90,6 +99,4 @@ private:
     std::string failure_text;
     /// Keeps the records of `layers_info` alive; shared by copies.
     std::vector<std::shared_ptr<ZQLayerInfo>> records;
-
-    friend class ZQMessageReader;
 };
