@@ -45,12 +45,14 @@ void move_to_end(BlockList& from, BlockList::iterator block, BlockList& to) {
 }
 
 void free_all(BlockList& list) {
-    for (const auto& block : list) fastFree(block.second);
+    for (const auto& block : list)
+        fastFree(block.second);
     list.clear();
 }
 
 void report_blocks_in_use(const BlockList& payouts) {
-    for (const auto& block : payouts) std::fprintf(stderr, "%p still in use\n", block.second);
+    for (const auto& block : payouts)
+        std::fprintf(stderr, "%p still in use\n", block.second);
 }
 
 // The stored ratio is compared as it is, in 32 bits and without a shift: from 2 on no free block
@@ -102,9 +104,13 @@ PoolAllocator::~PoolAllocator() {
     }
 }
 
-void PoolAllocator::clear() { free_all(budgets); }
+void PoolAllocator::clear() {
+    free_all(budgets);
+}
 
-void PoolAllocator::set_size_compare_ratio(float ratio) { store_ratio(ratio, size_compare_ratio); }
+void PoolAllocator::set_size_compare_ratio(float ratio) {
+    store_ratio(ratio, size_compare_ratio);
+}
 
 void* PoolAllocator::fastMalloc(unsigned int size) {
     return take_block(size_compare_ratio, size, budgets, payouts);
@@ -126,7 +132,9 @@ UnlockedPoolAllocator::~UnlockedPoolAllocator() {
     }
 }
 
-void UnlockedPoolAllocator::clear() { free_all(budgets); }
+void UnlockedPoolAllocator::clear() {
+    free_all(budgets);
+}
 
 void UnlockedPoolAllocator::set_size_compare_ratio(float ratio) {
     store_ratio(ratio, size_compare_ratio);

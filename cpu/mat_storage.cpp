@@ -19,7 +19,9 @@ struct Spares {
 thread_local bool spares_gone = false;
 thread_local Spares spares;
 
-Spares::~Spares() { spares_gone = true; }
+Spares::~Spares() {
+    spares_gone = true;
+}
 
 }  // namespace
 

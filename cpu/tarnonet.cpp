@@ -1,5 +1,7 @@
 #include "cpu/tarnonet.h"
 
+#include <utility>
+
 #include "cpu/mat_storage.h"
 #include "platform/assertion.h"
 #include "platform/clock.h"
@@ -18,7 +20,9 @@ TarnoNetExtractor::TarnoNetExtractor(const TarnoNet* net, int blob_count)
       blob_mats(borrow_mats(static_cast<size_t>(blob_count))),
       opt(get_default_option()) {}
 
-TarnoNetExtractor::~TarnoNetExtractor() { return_mats(blob_mats); }
+TarnoNetExtractor::~TarnoNetExtractor() {
+    return_mats(blob_mats);
+}
 
 int TarnoNetExtractor::input(int input_index, const Mat& in) {
     if (input_index < 0 || input_index >= static_cast<int>(blob_mats.size())) return -1;
@@ -46,11 +50,17 @@ int TarnoNetExtractor::get_last_layer_index() const {
     return static_cast<int>(net->layers.size()) - 1;
 }
 
-void TarnoNetExtractor::set_light_mode(bool on) { opt.lightmode = on; }
+void TarnoNetExtractor::set_light_mode(bool on) {
+    opt.lightmode = on;
+}
 
-void TarnoNetExtractor::set_num_threads(int count) { opt.num_threads = count; }
+void TarnoNetExtractor::set_num_threads(int count) {
+    opt.num_threads = count;
+}
 
-void TarnoNetExtractor::set_blob_allocator(Allocator* allocator) { opt.blob_allocator = allocator; }
+void TarnoNetExtractor::set_blob_allocator(Allocator* allocator) {
+    opt.blob_allocator = allocator;
+}
 
 void TarnoNetExtractor::set_workspace_allocator(Allocator* allocator) {
     opt.workspace_allocator = allocator;
@@ -58,8 +68,30 @@ void TarnoNetExtractor::set_workspace_allocator(Allocator* allocator) {
 
 TarnoNet::TarnoNet() : net_width(0), net_height(0) {}
 
+TarnoNet::TarnoNet(TarnoNet&& other) noexcept : TarnoNet() {
+    *this = std::move(other);
+}
+
+TarnoNet& TarnoNet::operator=(TarnoNet&& other) noexcept {
+    if (this == &other) return *this;
+    for (Layer* layer : layers)
+        delete layer;
+    net_width = other.net_width;
+    net_height = other.net_height;
+    blobs = std::move(other.blobs);
+    layers = std::move(other.layers);
+    lstm_operators = std::move(other.lstm_operators);
+    input_blobs = std::move(other.input_blobs);
+    other.blobs.clear();
+    other.layers.clear();
+    other.lstm_operators.clear();
+    other.input_blobs.clear();
+    return *this;
+}
+
 TarnoNet::~TarnoNet() {
-    for (Layer* layer : layers) delete layer;
+    for (Layer* layer : layers)
+        delete layer;
 }
 
 TarnoNetExtractor TarnoNet::create_extractor() const {
@@ -71,9 +103,13 @@ void TarnoNet::setNetSize(int width, int height) {
     net_height = height;
 }
 
-int TarnoNet::width() const { return net_width; }
+int TarnoNet::width() const {
+    return net_width;
+}
 
-int TarnoNet::height() const { return net_height; }
+int TarnoNet::height() const {
+    return net_height;
+}
 
 void TarnoNet::reset_lstm_state() {
     for (Operator* op : lstm_operators) {
@@ -167,7 +203,8 @@ int TarnoNet::forward_layer(int layer_index, std::vector<Mat>& blob_mats, Option
             if (result != 0) return result;
             blob_mats[static_cast<size_t>(layer->tops[0])] = tops.empty() ? Mat() : tops[0];
             if (opt.lightmode) {
-                for (const int b : layer->bottoms) release_when_read(b, 1504);
+                for (const int b : layer->bottoms)
+                    release_when_read(b, 1504);
             }
         }
     }

@@ -60,8 +60,8 @@ std::vector<float> padded_array(const float* source, int64_t available, int64_t 
 std::vector<float> taps_innermost(const float* source, int64_t available, int64_t outer,
                                   int64_t rows, int64_t inner) {
     // In double: four 16-bit numbers may multiply to more than 63 bits.
-    const double total = static_cast<double>(outer) * static_cast<double>(rows) *
-                         static_cast<double>(inner);
+    const double total =
+        static_cast<double>(outer) * static_cast<double>(rows) * static_cast<double>(inner);
     if (total <= 0.0 || total > INT_MAX) return {};
     std::vector<float> array = padded_array(nullptr, available, outer * rows * inner);
     if (array.empty() || source == nullptr) return array;
@@ -70,7 +70,8 @@ std::vector<float> taps_innermost(const float* source, int64_t available, int64_
         for (int64_t r = 0; r < rows; ++r) {
             const int64_t readable = std::min(inner, std::max<int64_t>(0, available - from));
             float* to = array.data() + o * rows * inner + r;
-            for (int64_t i = 0; i < readable; ++i) to[i * rows] = source[from + i];
+            for (int64_t i = 0; i < readable; ++i)
+                to[i * rows] = source[from + i];
             from += inner;
         }
     }
@@ -82,7 +83,9 @@ std::vector<float> resized(const std::vector<float>& array, int64_t wanted) {
     return padded_array(array.data(), static_cast<int64_t>(array.size()), wanted);
 }
 
-int count_of(const std::vector<float>& array) { return static_cast<int>(array.size()); }
+int count_of(const std::vector<float>& array) {
+    return static_cast<int>(array.size());
+}
 
 /// Builds one net from one loader. Lives for the length of the construction.
 class Construction {
@@ -136,7 +139,9 @@ private:
     std::map<unsigned short, ZQLayerInfo*> layers_info;
 };
 
-std::string text_of(unsigned int number) { return std::to_string(number); }
+std::string text_of(unsigned int number) {
+    return std::to_string(number);
+}
 
 /// "3x3s2x2" of kernel and stride.
 std::string window_text(unsigned int kernel_first, unsigned int kernel_second,
@@ -161,7 +166,8 @@ void set_window(ParamDict& pd, int num_output, int kernel_w, int kernel_h, int d
 
 void Construction::run() {
     int highest = -1;
-    for (const unsigned short id : sequential_layers) highest = std::max<int>(highest, id);
+    for (const unsigned short id : sequential_layers)
+        highest = std::max<int>(highest, id);
     net.blobs.resize(static_cast<size_t>(highest + 1));
     for (const unsigned short id : sequential_layers) {
         const auto found = layers_info.find(id);
@@ -204,8 +210,7 @@ void Construction::add_layer_of(const ZQLayerInfo* info) {
         case ZQLayerType_Activation: {
             const auto* zqlayer = static_cast<const ZQLayerInfo_Activation*>(info);
             TN_ASSERT_AT(zqlayer->activation_type != ActivationType_None, "tarnonet", 1150);
-            add_activation(info, zqlayer->activation_type,
-                           Tarno::half_to_float(zqlayer->alpha),
+            add_activation(info, zqlayer->activation_type, Tarno::half_to_float(zqlayer->alpha),
                            Tarno::half_to_float(zqlayer->beta));
             break;
         }
@@ -279,7 +284,8 @@ int Construction::append(Layer* layer) {
 }
 
 void Construction::connect_bottoms(Layer* layer, const ZQLayerInfo* record) {
-    for (int i = 0; i < record->bottom_count; ++i) layer->bottoms.push_back(record->bottoms[i]);
+    for (int i = 0; i < record->bottom_count; ++i)
+        layer->bottoms.push_back(record->bottoms[i]);
 }
 
 void Construction::wire(Layer* layer, const ZQLayerInfo* record) {
@@ -483,12 +489,11 @@ void Construction::add_depthwise(const ZQLayerInfo_DepthWiseConv2D* record) {
     wire_fused(layer, record);
 }
 
-void Construction::add_depthwise_deconvolution(
-    const ZQLayerInfo_DepthWiseConv2DTranspose* record) {
+void Construction::add_depthwise_deconvolution(const ZQLayerInfo_DepthWiseConv2DTranspose* record) {
     const int64_t taps = static_cast<int64_t>(record->kernel_w) * record->kernel_h;
     const std::vector<float> weights =
-        resized(taps_innermost(record->weights, record->weights_count,
-                               record->in_shape->channels, taps, record->depth_multiplier),
+        resized(taps_innermost(record->weights, record->weights_count, record->in_shape->channels,
+                               taps, record->depth_multiplier),
                 depthwise_weight_count(record));
     ParamDict pd;
     set_depthwise(pd, record, count_of(weights));
@@ -549,9 +554,9 @@ void Construction::add_batch_normalization(const ZQLayerInfo_BatchNormalization*
     Layer* layer = make_layer("BatchNormalization", record, "BatchNormalization");
     const LayerInferenceConfig config = next_config(&Batchnorm_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(
-        pd, ModelBinFromTarnoBatchnorm(record->bn_a, record->bn_d, record->bn_c, record->bn_b),
-        config);
+    layer->load(pd,
+                ModelBinFromTarnoBatchnorm(record->bn_a, record->bn_d, record->bn_c, record->bn_b),
+                config);
     wire(layer, record);
 }
 
@@ -615,9 +620,11 @@ void Construction::add_tensor_reshape(const ZQLayerInfo_TensorReshape* record) {
     if (configs != nullptr) ++ic_index;
     TensorReshape* layer = make_layer<TensorReshape>("TensorReshape", record, "TensorReshape");
     if (layer == nullptr) return;
-    for (int i = 0; i < 4; ++i) layer->dims[i] = record->out_tensor.dims[i];
+    for (int i = 0; i < 4; ++i)
+        layer->dims[i] = record->out_tensor.dims[i];
     const int rank = std::min<int>(record->out_tensor.rank, 11);
-    for (int i = 0; i < rank; ++i) layer->dim_count += record->out_tensor.dims[i] != 0 ? 1 : 0;
+    for (int i = 0; i < rank; ++i)
+        layer->dim_count += record->out_tensor.dims[i] != 0 ? 1 : 0;
     wire(layer, record);
 }
 

@@ -284,7 +284,7 @@ public:
 class TN_API ZQLayerInfo_ElementWiseOperator : public ZQLayerInfo {
 public:
     /// Ten shapes, the block that `in_shape` points at. The first `bottom_count` are copies of
-    /// `out_shape`; from a file of version 10000 only the first is filled.
+    /// `out_shape`.
     shape3* in_shapes;
     unsigned short operator_type = 0;  ///< 0 sum, 2 product
     unsigned short activation = 0;
