@@ -70,8 +70,8 @@ Mat run(const TarnoNet& net, const Mat& in, int layer = -1, int expected = 0) {
 ModelHeader small_header(unsigned int version = 10011) {
     ModelHeader header;
     header.version = version;
-    header.model_base_w = 8;
-    header.model_base_h = 8;
+    header.base_w = 8;
+    header.base_h = 8;
     return header;
 }
 
