@@ -10,7 +10,7 @@ namespace {
 
 using namespace TarnoCPU;
 using namespace testing_support;
-using Data = testing_support::ConvolutionData;
+using Data = ConvolutionArrays;
 
 constexpr const char* grouped = "ConvolutionDepthwise_Float_Fallback";
 

@@ -10,7 +10,7 @@ namespace {
 
 using namespace TarnoCPU;
 using namespace testing_support;
-using Data = testing_support::ConvolutionData;
+using Data = ConvolutionArrays;
 
 constexpr const char* plain = "Deconvolution_Float_Fallback";
 constexpr const char* grouped = "DeconvolutionDepthwise_Float_Fallback";

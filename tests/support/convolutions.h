@@ -61,10 +61,10 @@ struct ConvolutionCase {
 };
 
 /// Random data of a case.
-struct ConvolutionData {
+struct ConvolutionArrays {
     std::vector<float> input, weights, bias;
 
-    explicit ConvolutionData(const ConvolutionCase& a)
+    explicit ConvolutionArrays(const ConvolutionCase& a)
         : input(random_floats(static_cast<size_t>(a.c) * a.h * a.w, a.seed)),
           weights(random_floats(a.weight_count(), a.seed + 1000)),
           bias(random_floats(static_cast<size_t>(a.num_output), a.seed + 2000)) {}
@@ -89,7 +89,7 @@ struct ConvolutionReference {
 /// it. An index is taken through the flat padded block and counts as 0 behind its end; so is a
 /// weight behind the end of `data.weights`.
 inline ConvolutionReference reference_convolution(const ConvolutionCase& a,
-                                                  const ConvolutionData& data, int pad_top,
+                                                  const ConvolutionArrays& data, int pad_top,
                                                   int pad_bottom, int pad_left, int pad_right,
                                                   int outw, int outh) {
     const int64_t ph = a.h + pad_top + pad_bottom, pw = a.w + pad_left + pad_right;
@@ -136,7 +136,7 @@ inline ConvolutionReference reference_convolution(const ConvolutionCase& a,
 /// Scatter into [num_output][stride_h * h + 2][stride_w * w + 2], then the cut. A place behind the
 /// end of its channel is dropped.
 inline ConvolutionReference reference_deconvolution(const ConvolutionCase& a,
-                                                    const ConvolutionData& data) {
+                                                    const ConvolutionArrays& data) {
     const int64_t oh = static_cast<int64_t>(a.stride_h) * a.h + 2;
     const int64_t ow = static_cast<int64_t>(a.stride_w) * a.w + 2;
     const int in_g = a.c / a.group, out_g = a.num_output / a.group;
@@ -184,7 +184,7 @@ inline ConvolutionReference reference_deconvolution(const ConvolutionCase& a,
 /// A loaded operator of a case.
 inline std::unique_ptr<TarnoCPU::OperatorSISO> load_convolution(const char* name,
                                                                 const ConvolutionCase& a,
-                                                                const ConvolutionData& data) {
+                                                                const ConvolutionArrays& data) {
     auto op = make_operator(name);
     EXPECT_EQ(0, op->load(a.params(),
                           TarnoCPU::ModelBinFromTarnoWeightBias(
