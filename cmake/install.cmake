@@ -11,13 +11,14 @@ set(TARNO_INCLUDE_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tarno")
 install(DIRECTORY include/tarno/ DESTINATION "${TARNO_INCLUDE_DESTINATION}" FILES_MATCHING PATTERN "*.h")
 install(FILES platform/export.h platform/tn_core.h DESTINATION "${TARNO_INCLUDE_DESTINATION}/platform")
 file(GLOB TARNO_CPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/cpu/*.h" "${PROJECT_SOURCE_DIR}/cpu/*.def")
+list(FILTER TARNO_CPU_HEADERS EXCLUDE REGEX "/mat_storage\\.h$")  # internal
 install(FILES ${TARNO_CPU_HEADERS} DESTINATION "${TARNO_INCLUDE_DESTINATION}/cpu")
-file(GLOB TARNO_MODEL_HEADERS CONFIGURE_DEPENDS
-  "${PROJECT_SOURCE_DIR}/crossplatform/src/common/src/*.h")
-install(FILES ${TARNO_MODEL_HEADERS}
+install(FILES
+    crossplatform/src/common/src/crossplatform_zqnetloader.h
+    crossplatform/src/common/src/half_float.h
+    crossplatform/src/common/src/zqlayerinfo.h
   DESTINATION "${TARNO_INCLUDE_DESTINATION}/crossplatform/src/common/src")
-file(GLOB TARNO_VERSION_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/crossplatform/src/version/*.h")
-install(FILES ${TARNO_VERSION_HEADERS}
+install(FILES crossplatform/src/version/version.h
   DESTINATION "${TARNO_INCLUDE_DESTINATION}/crossplatform/src/version")
 
 set(TARNO_CMAKE_DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/tarno")

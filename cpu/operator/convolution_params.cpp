@@ -1,6 +1,6 @@
 #include "cpu/operator/convolution_params.h"
 
-#include <new>
+#include "cpu/operator/kernel_support.h"
 
 namespace TarnoCPU {
 
@@ -52,14 +52,24 @@ int ConvolutionParams::make_padded(const Mat& bottom, Mat& padded, const Option&
     return padded.empty() ? -100 : 0;
 }
 
+int ConvolutionData::load(const ParamDict& pd, const ModelBin& mb) {
+    params.read(pd);
+    const int result = params.load_weights(mb, weight_data, bias_data);
+    loaded = result == 0;
+    return result;
+}
+
+Mat ConvolutionData::weights(int64_t kernels) const {
+    // Weights shorter than a single kernel belong to another operator. The test also bounds every
+    // table of taps by the size of the weights.
+    const int64_t taps = params.kernel_taps();
+    if (taps > weight_data.shape.total() || kernels > INT_MAX) return Mat();
+    return extended_with_zeros(weight_data, kernels * taps);
+}
+
 bool TapOffsets::build(int kernel_w, int kernel_h, int dilation_w, int dilation_h, int64_t row) {
     taps = int64_t{kernel_w} * kernel_h;
-    offsets = inline_offsets;
-    if (taps > inline_taps) {
-        heap_offsets.reset(new (std::nothrow) int64_t[static_cast<size_t>(taps)]);
-        offsets = heap_offsets.get();
-        if (offsets == nullptr) return false;
-    }
+    if (!offsets.resize(taps)) return false;
     int64_t k = 0;
     for (int ky = 0; ky < kernel_h; ++ky) {
         for (int kx = 0; kx < kernel_w; ++kx) {

@@ -3,10 +3,10 @@
 
 #include <climits>
 #include <cstdint>
-#include <memory>
 
 #include "cpu/mat.h"
 #include "cpu/modelbin.h"
+#include "cpu/operator/small_array.h"
 #include "cpu/option.h"
 #include "cpu/paramdict.h"
 
@@ -62,6 +62,28 @@ struct ConvolutionParams {
     int make_padded(const Mat& bottom, Mat& padded, const Option& opt) const;
 };
 
+/// What a convolution on unpacked weights keeps from its `load`.
+struct ConvolutionData {
+    ConvolutionParams params;
+    Mat weight_data;
+    Mat bias_data;
+    bool loaded = false;
+
+    /// 0 on success, -100 on failure.
+    int load(const ParamDict& pd, const ModelBin& mb);
+
+    /// Whether there is something to compute, with these parameters and on a bottom like this.
+    bool ready_for(const Mat& bottom) const {
+        return loaded && params.computable() && !bottom.empty() && bottom.shape.dims() > 0;
+    }
+
+    float bias(int64_t p) const { return params.bias_term != 0 ? bias_data.ptr<float>()[p] : 0.0f; }
+
+    /// The weights when they hold `kernels` kernels, else a copy with zeros behind it. Empty when
+    /// there is no memory, and when they do not hold even one kernel.
+    Mat weights(int64_t kernels) const;
+};
+
 /// Where the taps of a kernel lie behind its first one, in elements: tap [ky][kx] at index
 /// ky * kernel_w + kx. On the stack up to `inline_taps`, so that usual kernels take nothing from
 /// the heap.
@@ -77,13 +99,12 @@ public:
 
     int64_t count() const { return taps; }
     int64_t operator[](int64_t k) const { return offsets[k]; }
+    const int64_t* data() const { return offsets.data(); }
     /// The offset of the last tap, which no other exceeds.
     int64_t largest() const { return offsets[taps - 1]; }
 
 private:
-    int64_t inline_offsets[inline_taps];
-    std::unique_ptr<int64_t[]> heap_offsets;
-    int64_t* offsets = inline_offsets;
+    SmallArray<int64_t, inline_taps> offsets;
     int64_t taps = 0;
 };
 
