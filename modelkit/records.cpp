@@ -241,8 +241,9 @@ public:
     void shapes(const char* name, const shape3* shapes, size_t count) {
         RecordField field{name, {}};
         for (size_t i = 0; shapes != nullptr && i < count; ++i) {
-            field.values.insert(field.values.end(),
-                                {shapes[i].scale_x, shapes[i].scale_y, shapes[i].channels});
+            field.values.push_back(shapes[i].scale_x);
+            field.values.push_back(shapes[i].scale_y);
+            field.values.push_back(shapes[i].channels);
         }
         list.push_back(std::move(field));
     }
@@ -252,7 +253,8 @@ public:
         for (size_t i = 0; i < count; ++i) {
             field.values.push_back(tensors[i].kind);
             field.values.push_back(tensors[i].rank);
-            field.values.insert(field.values.end(), tensors[i].dims, tensors[i].dims + 11);
+            for (const unsigned short dim : tensors[i].dims)
+                field.values.push_back(dim);
         }
         list.push_back(std::move(field));
     }
