@@ -15,7 +15,8 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(i[3-6]86|x86)$" OR CMAKE_CXX_FLAGS MATCHES 
   target_compile_options(tarno_flags INTERFACE -msse2 -mfpmath=sse)
 endif()
 
-set(TARNO_LINK_OPTIONS "-Wl,--no-undefined")
+set(TARNO_LINK_OPTIONS
+    "-Wl,--no-undefined" "-Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map")
 
 option(TARNO_SANITIZE "AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 if(TARNO_SANITIZE)

@@ -11,6 +11,7 @@ set(TARNO_INCLUDE_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tarno")
 install(DIRECTORY include/tarno/ DESTINATION "${TARNO_INCLUDE_DESTINATION}" FILES_MATCHING PATTERN "*.h")
 install(FILES platform/export.h platform/tn_core.h DESTINATION "${TARNO_INCLUDE_DESTINATION}/platform")
 file(GLOB TARNO_CPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/cpu/*.h" "${PROJECT_SOURCE_DIR}/cpu/*.def")
+list(FILTER TARNO_CPU_HEADERS EXCLUDE REGEX "/mat_storage\\.h$")  # internal
 install(FILES ${TARNO_CPU_HEADERS} DESTINATION "${TARNO_INCLUDE_DESTINATION}/cpu")
 install(FILES
     crossplatform/src/common/src/crossplatform_zqnetloader.h

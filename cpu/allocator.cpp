@@ -33,19 +33,26 @@ namespace {
 
 using BlockList = std::list<std::pair<unsigned int, void*>>;
 
-void append(BlockList& list, const std::pair<unsigned int, void*>& block) {
+void check_room(const BlockList& list) {
     constexpr size_t longest = 0xffffffe;
     if (list.size() >= longest) throw std::length_error("list<T> too long");
-    list.push_back(block);
+}
+
+// Moves a list node as it is: a warm pool makes no heap call, not even for its own bookkeeping.
+void move_to_end(BlockList& from, BlockList::iterator block, BlockList& to) {
+    check_room(to);
+    to.splice(to.end(), from, block);
 }
 
 void free_all(BlockList& list) {
-    for (const auto& block : list) fastFree(block.second);
+    for (const auto& block : list)
+        fastFree(block.second);
     list.clear();
 }
 
 void report_blocks_in_use(const BlockList& payouts) {
-    for (const auto& block : payouts) std::fprintf(stderr, "%p still in use\n", block.second);
+    for (const auto& block : payouts)
+        std::fprintf(stderr, "%p still in use\n", block.second);
 }
 
 // The stored ratio is compared as it is, in 32 bits and without a shift: from 2 on no free block
@@ -54,14 +61,14 @@ void* take_block(unsigned int ratio, unsigned int size, BlockList& budgets, Bloc
     for (auto it = budgets.begin(); it != budgets.end(); ++it) {
         const unsigned int block_size = it->first;
         if (block_size >= size && ratio * block_size <= size) {
-            const auto block = *it;
-            append(payouts, block);
-            budgets.erase(it);
-            return block.second;
+            void* ptr = it->second;
+            move_to_end(budgets, it, payouts);
+            return ptr;
         }
     }
+    check_room(payouts);
     void* ptr = fastMalloc(size);
-    append(payouts, {size, ptr});
+    payouts.emplace_back(size, ptr);
     return ptr;
 }
 
@@ -69,9 +76,7 @@ void* take_block(unsigned int ratio, unsigned int size, BlockList& budgets, Bloc
 bool return_block(void* ptr, BlockList& budgets, BlockList& payouts) {
     for (auto it = payouts.begin(); it != payouts.end(); ++it) {
         if (it->second == ptr) {
-            const auto block = *it;
-            payouts.erase(it);
-            append(budgets, block);
+            move_to_end(payouts, it, budgets);
             return true;
         }
     }
@@ -99,9 +104,13 @@ PoolAllocator::~PoolAllocator() {
     }
 }
 
-void PoolAllocator::clear() { free_all(budgets); }
+void PoolAllocator::clear() {
+    free_all(budgets);
+}
 
-void PoolAllocator::set_size_compare_ratio(float ratio) { store_ratio(ratio, size_compare_ratio); }
+void PoolAllocator::set_size_compare_ratio(float ratio) {
+    store_ratio(ratio, size_compare_ratio);
+}
 
 void* PoolAllocator::fastMalloc(unsigned int size) {
     return take_block(size_compare_ratio, size, budgets, payouts);
@@ -123,7 +132,9 @@ UnlockedPoolAllocator::~UnlockedPoolAllocator() {
     }
 }
 
-void UnlockedPoolAllocator::clear() { free_all(budgets); }
+void UnlockedPoolAllocator::clear() {
+    free_all(budgets);
+}
 
 void UnlockedPoolAllocator::set_size_compare_ratio(float ratio) {
     store_ratio(ratio, size_compare_ratio);

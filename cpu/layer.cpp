@@ -28,7 +28,9 @@ int Layer::load(const ParamDict&, const ModelBin&, const LayerInferenceConfig& c
     return 0;
 }
 
-Operator* Layer::get_operator() { return nullptr; }
+Operator* Layer::get_operator() {
+    return nullptr;
+}
 
 int Layer::forward(const Mat& bottom, Mat& top, const Option& opt) {
     if (support_inplace) {
@@ -45,9 +47,13 @@ int Layer::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, cons
     return forward_inplace(tops, opt);
 }
 
-int Layer::forward_inplace(Mat&, const Option&) { return -1; }
+int Layer::forward_inplace(Mat&, const Option&) {
+    return -1;
+}
 
-int Layer::forward_inplace(std::vector<Mat>&, const Option&) { return -1; }
+int Layer::forward_inplace(std::vector<Mat>&, const Option&) {
+    return -1;
+}
 
 namespace {
 

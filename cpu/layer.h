@@ -13,18 +13,18 @@
 
 namespace TarnoCPU {
 
-/// Most layers own one operator and forward to it; `Concat`, `Region` and `TensorReshape` compute by
-/// themselves. A layer is loaded once and lives as long as its net.
+/// Most layers own one operator and forward to it; `Concat`, `Region` and `TensorReshape` compute
+/// by themselves. A layer is loaded once and lives as long as its net.
 class TN_API Layer {
 public:
     bool one_blob_only = false;    ///< one bottom and one top: the single-tensor path is taken
     bool support_inplace = false;  ///< may change its bottom in place
     LayerInferenceConfig inference_config = {nullptr, 0, 0};  ///< what `load` was given
-    int id = -1;                   ///< layer id of the model file; a fused activation has its layer's
-    std::string type;              ///< display name, such as "Convolution3x3s2x2"
-    std::string name;              ///< stays empty
-    std::vector<int> bottoms;      ///< blob indices read
-    std::vector<int> tops;         ///< blob indices written; one in a loaded net
+    int id = -1;               ///< layer id of the model file; a fused activation has its layer's
+    std::string type;          ///< display name, such as "Convolution3x3s2x2"
+    std::string name;          ///< stays empty
+    std::vector<int> bottoms;  ///< blob indices read
+    std::vector<int> tops;     ///< blob indices written; one in a loaded net
 
     virtual ~Layer();
 
@@ -37,7 +37,8 @@ public:
     virtual Operator* get_operator();
 
     /// Computes into a new `top`, or, for a layer that works in place, into a copy of `bottom`
-    /// (`support_inplace` false) or into `bottom`'s own block (true). 0 on success, -100 on failure.
+    /// (`support_inplace` false) or into `bottom`'s own block (true). 0 on success, -100 on
+    /// failure.
     virtual int forward(const Mat& bottom, Mat& top, const Option& opt);
     /// The same for layers of several bottoms; `tops` arrives with one empty `Mat`.
     virtual int forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, const Option& opt);

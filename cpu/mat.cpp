@@ -25,7 +25,9 @@ int truncate_to_int(float v) {
     return v > -2147483904.0f && v < 2147483648.0f ? static_cast<int>(v) : INT_MIN;
 }
 
-bool fits_int(int64_t v) { return v >= 0 && v <= INT_MAX; }
+bool fits_int(int64_t v) {
+    return v >= 0 && v <= INT_MAX;
+}
 
 }  // namespace
 
@@ -43,7 +45,9 @@ int TensorShape::dims() const {
 
 Mat::Mat() : data(nullptr), refcount(nullptr), allocator(nullptr) {}
 
-Mat::Mat(const TensorShape& shape, Allocator* allocator) : Mat() { create(shape, allocator); }
+Mat::Mat(const TensorShape& shape, Allocator* allocator) : Mat() {
+    create(shape, allocator);
+}
 
 Mat::Mat(const TensorShape& shape, void* data, Allocator* allocator)
     : shape(shape), data(data), refcount(nullptr), allocator(allocator) {}
@@ -65,7 +69,9 @@ Mat& Mat::operator=(const Mat& other) {
     return *this;
 }
 
-Mat::~Mat() { release(); }
+Mat::~Mat() {
+    release();
+}
 
 void Mat::release() {
     if (refcount != nullptr && atomic_add(refcount, -1) == 1) {
@@ -116,7 +122,9 @@ Mat Mat::channel(int q) {
     return Mat(plane, static_cast<unsigned char*>(data) + offset, allocator);
 }
 
-const Mat Mat::channel(int q) const { return const_cast<Mat*>(this)->channel(q); }
+const Mat Mat::channel(int q) const {
+    return const_cast<Mat*>(this)->channel(q);
+}
 
 Mat Mat::clone(Allocator* target_allocator) const {
     if (data == nullptr || shape.total() == 0) return Mat();

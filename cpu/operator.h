@@ -32,7 +32,8 @@ public:
     virtual ~Operator();
     /// Reads parameters, takes weights and repacks them. 0 on success, -100 on failure. An operator
     /// whose `load` failed answers every `forward` with -100.
-    virtual int load(const ParamDict& pd, const ModelBin& mb, const LayerInferenceConfig& config) = 0;
+    virtual int load(const ParamDict& pd, const ModelBin& mb,
+                     const LayerInferenceConfig& config) = 0;
     /// Clears recurrent state; nothing to do but for the LSTM.
     virtual void reset_lstm_state();
     /// The class name, such as "Convolution_Float_Fallback".

@@ -9,7 +9,7 @@ namespace {
 
 const OperatorInfo rows[] = {
 #define TN_OPERATOR(name, layer, base, isa, layout_in, layout_out, kernel_h, kernel_w, stride, \
-                    output_multiple, input_multiple, height_multiple, width_multiple)          \
+                    output_multiple, input_multiple, height_multiple, width_multiple, bias)    \
     {#name,                                                                                    \
      &name##_operator_creator,                                                                 \
      #layer,                                                                                   \
@@ -23,7 +23,8 @@ const OperatorInfo rows[] = {
      output_multiple,                                                                          \
      input_multiple,                                                                           \
      height_multiple,                                                                          \
-     width_multiple},
+     width_multiple,                                                                           \
+     OperatorInfo::Bias::bias},
 #include "cpu/operators.def"
 };
 

@@ -12,7 +12,9 @@ Option& default_option() {
 
 }  // namespace
 
-const Option& get_default_option() { return default_option(); }
+const Option& get_default_option() {
+    return default_option();
+}
 
 int set_default_option(const Option& opt) {
     if (opt.num_threads > 0) {

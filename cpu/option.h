@@ -7,8 +7,8 @@
 namespace TarnoCPU {
 
 struct TN_API Option {
-    bool lightmode = true;  ///< release a blob when all its readers have run
-    int num_threads = 1;    ///< stored and handed on; no kernel starts a thread
+    bool lightmode = true;                     ///< release a blob when all its readers have run
+    int num_threads = 1;                       ///< stored and handed on; no kernel starts a thread
     Allocator* blob_allocator = nullptr;       ///< for tensors that outlive a layer
     Allocator* workspace_allocator = nullptr;  ///< for scratch inside an operator
 };

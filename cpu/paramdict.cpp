@@ -3,11 +3,15 @@
 namespace TarnoCPU {
 namespace {
 
-bool in_range(int id) { return id >= 0 && id < ParamDict::entry_count; }
+bool in_range(int id) {
+    return id >= 0 && id < ParamDict::entry_count;
+}
 
 }  // namespace
 
-ParamDict::ParamDict() { clear(); }
+ParamDict::ParamDict() {
+    clear();
+}
 
 void ParamDict::clear() {
     for (Entry& entry : entries) {

@@ -1,5 +1,8 @@
 #include "cpu/tarnonet.h"
 
+#include <utility>
+
+#include "cpu/mat_storage.h"
 #include "platform/assertion.h"
 #include "platform/clock.h"
 
@@ -13,7 +16,13 @@ bool is_index_of(int blob, const std::vector<Mat>& blob_mats) {
 }  // namespace
 
 TarnoNetExtractor::TarnoNetExtractor(const TarnoNet* net, int blob_count)
-    : net(net), blob_mats(static_cast<size_t>(blob_count)), opt(get_default_option()) {}
+    : net(net),
+      blob_mats(borrow_mats(static_cast<size_t>(blob_count))),
+      opt(get_default_option()) {}
+
+TarnoNetExtractor::~TarnoNetExtractor() {
+    return_mats(blob_mats);
+}
 
 int TarnoNetExtractor::input(int input_index, const Mat& in) {
     if (input_index < 0 || input_index >= static_cast<int>(blob_mats.size())) return -1;
@@ -41,11 +50,17 @@ int TarnoNetExtractor::get_last_layer_index() const {
     return static_cast<int>(net->layers.size()) - 1;
 }
 
-void TarnoNetExtractor::set_light_mode(bool on) { opt.lightmode = on; }
+void TarnoNetExtractor::set_light_mode(bool on) {
+    opt.lightmode = on;
+}
 
-void TarnoNetExtractor::set_num_threads(int count) { opt.num_threads = count; }
+void TarnoNetExtractor::set_num_threads(int count) {
+    opt.num_threads = count;
+}
 
-void TarnoNetExtractor::set_blob_allocator(Allocator* allocator) { opt.blob_allocator = allocator; }
+void TarnoNetExtractor::set_blob_allocator(Allocator* allocator) {
+    opt.blob_allocator = allocator;
+}
 
 void TarnoNetExtractor::set_workspace_allocator(Allocator* allocator) {
     opt.workspace_allocator = allocator;
@@ -53,8 +68,30 @@ void TarnoNetExtractor::set_workspace_allocator(Allocator* allocator) {
 
 TarnoNet::TarnoNet() : net_width(0), net_height(0) {}
 
+TarnoNet::TarnoNet(TarnoNet&& other) noexcept : TarnoNet() {
+    *this = std::move(other);
+}
+
+TarnoNet& TarnoNet::operator=(TarnoNet&& other) noexcept {
+    if (this == &other) return *this;
+    for (Layer* layer : layers)
+        delete layer;
+    net_width = other.net_width;
+    net_height = other.net_height;
+    blobs = std::move(other.blobs);
+    layers = std::move(other.layers);
+    lstm_operators = std::move(other.lstm_operators);
+    input_blobs = std::move(other.input_blobs);
+    other.blobs.clear();
+    other.layers.clear();
+    other.lstm_operators.clear();
+    other.input_blobs.clear();
+    return *this;
+}
+
 TarnoNet::~TarnoNet() {
-    for (Layer* layer : layers) delete layer;
+    for (Layer* layer : layers)
+        delete layer;
 }
 
 TarnoNetExtractor TarnoNet::create_extractor() const {
@@ -66,9 +103,13 @@ void TarnoNet::setNetSize(int width, int height) {
     net_height = height;
 }
 
-int TarnoNet::width() const { return net_width; }
+int TarnoNet::width() const {
+    return net_width;
+}
 
-int TarnoNet::height() const { return net_height; }
+int TarnoNet::height() const {
+    return net_height;
+}
 
 void TarnoNet::reset_lstm_state() {
     for (Operator* op : lstm_operators) {
@@ -139,13 +180,15 @@ int TarnoNet::forward_layer(int layer_index, std::vector<Mat>& blob_mats, Option
                 release_when_read(b, 1446);
             }
         } else {
-            std::vector<Mat> bottoms(layer->bottoms.size());
+            BorrowedMats borrowed_bottoms(layer->bottoms.size());
+            std::vector<Mat>& bottoms = borrowed_bottoms.mats;
             for (size_t k = 0; k < bottoms.size(); ++k) {
                 bottoms[k] = mat_of(blob_mats, layer->bottoms[k]);
             }
             TN_ASSERT_AT(layers[i]->tops.size() == 1, "tarnonet", 1467);
             if (layer->tops.empty() || !is_index_of(layer->tops[0], blob_mats)) return -100;
-            std::vector<Mat> tops(1);
+            BorrowedMats borrowed_tops(1);
+            std::vector<Mat>& tops = borrowed_tops.mats;
             int result = 0;
             if (stats == nullptr) {
                 result = layer->forward(bottoms, tops, opt);
@@ -160,7 +203,8 @@ int TarnoNet::forward_layer(int layer_index, std::vector<Mat>& blob_mats, Option
             if (result != 0) return result;
             blob_mats[static_cast<size_t>(layer->tops[0])] = tops.empty() ? Mat() : tops[0];
             if (opt.lightmode) {
-                for (const int b : layer->bottoms) release_when_read(b, 1504);
+                for (const int b : layer->bottoms)
+                    release_when_read(b, 1504);
             }
         }
     }

@@ -23,15 +23,19 @@ class TarnoNet;
 /// with its own allocators or none, as long as the net has no LSTM.
 class TN_API TarnoNetExtractor {
 public:
+    TarnoNetExtractor(const TarnoNetExtractor& other) = default;
+    TarnoNetExtractor& operator=(const TarnoNetExtractor& other) = default;
+    ~TarnoNetExtractor();
+
     /// Hands in a tensor under the input index of the model file; the block is shared. 0, or -1 for
     /// an index that is negative, not below the number of blobs, or not an input of the model.
     int input(int input_index, const Mat& in);
 
-    /// Computes layer `layer_index`, a position in `TarnoNet::layers` (not a layer id and not a blob
-    /// index), and assigns its top to `out`. When the top is there already nothing runs; otherwise
-    /// all layers from 0 to `layer_index` run. 0 on success; -1, with `out` left alone, for a
-    /// position out of range; else the value of the layer that failed (-100), with `out` whatever
-    /// the top holds. In light mode extract the last wanted layer, once.
+    /// Computes layer `layer_index`, a position in `TarnoNet::layers` (not a layer id and not a
+    /// blob index), and assigns its top to `out`. When the top is there already nothing runs;
+    /// otherwise all layers from 0 to `layer_index` run. 0 on success; -1, with `out` left alone,
+    /// for a position out of range; else the value of the layer that failed (-100), with `out`
+    /// whatever the top holds. In light mode extract the last wanted layer, once.
     int extract(int layer_index, Mat& out, Statistician* stats = nullptr);
 
     /// Position of the last layer, -1 in an empty net.
@@ -61,8 +65,8 @@ private:
 /// `layers` of one of them were emptied first.
 class TN_API TarnoNet {
 public:
-    int net_width;   ///< unset until `setNetSize`
-    int net_height;  ///< unset until `setNetSize`
+    int net_width;                          ///< unset until `setNetSize`
+    int net_height;                         ///< unset until `setNetSize`
     std::vector<Blob> blobs;                ///< blob n is the output of the layer with id n; then
                                             ///< one for each fused activation
     std::vector<Layer*> layers;             ///< in execution order, owned
@@ -72,6 +76,9 @@ public:
     TarnoNet();
     TarnoNet(const TarnoNet& other) = default;
     TarnoNet& operator=(const TarnoNet& other) = default;
+    /// The source is left empty, so nets may live in a vector that grows.
+    TarnoNet(TarnoNet&& other) noexcept;
+    TarnoNet& operator=(TarnoNet&& other) noexcept;
     virtual ~TarnoNet();
 
     /// Builds the net from a loaded model; call once, on a new net. `configs` is a table with one

@@ -28,16 +28,16 @@ struct SourceUnitName {
 
 /// Reports `condition` under a fixed source name and line when it is false. The fixed numbers are
 /// part of the interface: hosts and their crash statistics key on them.
-#define TN_ASSERT_AT(condition, source, line)                                           \
-    do {                                                                                \
-        if (!(condition)) ::Tarno::ReportAssertion(#condition, source, line);           \
+#define TN_ASSERT_AT(condition, source, line)                                 \
+    do {                                                                      \
+        if (!(condition)) ::Tarno::ReportAssertion(#condition, source, line); \
     } while (false)
 
 /// Reports `condition` with the unit's name and the real line when it is false.
-#define TN_ASSERT(condition)                                                            \
-    do {                                                                                \
-        if (!(condition)) {                                                             \
-            static const ::Tarno::SourceUnitName unit(__FILE__);                        \
-            ::Tarno::ReportAssertion(#condition, unit.text, __LINE__);                  \
-        }                                                                               \
+#define TN_ASSERT(condition)                                           \
+    do {                                                               \
+        if (!(condition)) {                                            \
+            static const ::Tarno::SourceUnitName unit(__FILE__);       \
+            ::Tarno::ReportAssertion(#condition, unit.text, __LINE__); \
+        }                                                              \
     } while (false)

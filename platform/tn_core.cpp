@@ -68,12 +68,12 @@ void write_line(LogLevel level, const char* tag, const char* format, va_list arg
 
 }  // namespace
 
-#define TN_DEFINE_CHANNEL(function, level)           \
+#define TN_DEFINE_CHANNEL(function, level)                    \
     void function(const char* tag, const char* format, ...) { \
-        va_list arguments;                           \
-        va_start(arguments, format);                 \
-        write_line(level, tag, format, arguments);   \
-        va_end(arguments);                           \
+        va_list arguments;                                    \
+        va_start(arguments, format);                          \
+        write_line(level, tag, format, arguments);            \
+        va_end(arguments);                                    \
     }
 
 TN_DEFINE_CHANNEL(_LogVerbose, LogLevel::Verbose)

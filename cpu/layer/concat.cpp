@@ -44,7 +44,8 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
         return joined == channels ? shape.c : joined == rows ? shape.h : shape.w;
     };
     int64_t sum = 0;
-    for (const Mat& bottom : bottoms) sum += extent(bottom.shape);
+    for (const Mat& bottom : bottoms)
+        sum += extent(bottom.shape);
     if (sum <= 0 || sum > INT_MAX) return -100;
 
     TensorShape shape(first.layout, first.c, first.h, first.w, first.elem_size);

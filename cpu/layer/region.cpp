@@ -19,7 +19,8 @@ int Region::forward_inplace(Mat& bottom_top, const Option&) {
     const int64_t stride = (static_cast<int64_t>(w) * h + 3) / 4 * 4;
     const int entries = coords + classes + 1;
     std::vector<int64_t> offsets(static_cast<size_t>(entries));
-    for (int k = 0; k < entries; ++k) offsets[static_cast<size_t>(k)] = k * stride;
+    for (int k = 0; k < entries; ++k)
+        offsets[static_cast<size_t>(k)] = k * stride;
 
     const auto read = [&](int64_t at) { return at < total ? data[at] : 0.0f; };
     const auto write = [&](int64_t at, float v) {

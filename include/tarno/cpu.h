@@ -6,6 +6,7 @@
 
 #include "cpu/allocator.h"
 #include "cpu/blob.h"
+#include "cpu/configprinter.h"
 #include "cpu/layer.h"
 #include "cpu/mat.h"
 #include "cpu/modelbin.h"
@@ -18,4 +19,5 @@
 #include "cpu/resize.h"
 #include "cpu/statistician.h"
 #include "cpu/tarnonet.h"
+#include "cpu/tn_detectcpu_x86.h"
 #include "cpu/transform.h"

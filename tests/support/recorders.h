@@ -33,7 +33,8 @@ public:
     /// How many failures carried exactly this condition text.
     size_t count(const std::string& condition) const {
         size_t hits = 0;
-        for (const Entry& entry : entries()) hits += entry.condition == condition ? 1 : 0;
+        for (const Entry& entry : entries())
+            hits += entry.condition == condition ? 1 : 0;
         return hits;
     }
     const Entry& last() const { return entries().back(); }

@@ -20,7 +20,8 @@ inline std::vector<float> random_floats(size_t count, unsigned int seed, float l
     std::mt19937 engine(seed);
     std::uniform_real_distribution<float> distribution(low, high);
     std::vector<float> values(count);
-    for (float& value : values) value = distribution(engine);
+    for (float& value : values)
+        value = distribution(engine);
     return values;
 }
 
@@ -39,8 +40,8 @@ inline std::vector<float> values_of(const TarnoCPU::Mat& mat) {
     return values;
 }
 
-/// Hands out blocks that are filled with NaN and exactly as large as asked for, on the general heap,
-/// so that AddressSanitizer sees the first byte beyond one, and counts what is alive.
+/// Hands out blocks that are filled with NaN and exactly as large as asked for, on the general
+/// heap, so that AddressSanitizer sees the first byte beyond one, and counts what is alive.
 class PoisoningAllocator : public TarnoCPU::Allocator {
 public:
     int alive = 0;

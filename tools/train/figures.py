@@ -10,8 +10,8 @@ body.  What hands hold, hats, glasses and collars count as person.
 
 import numpy as np
 
-from drawing import (Canvas, any_colour, blob, box, cloth, coordinates, ellipse, folds, hsv,
-                     hair_colour, limb, noise, pattern, skin_colour, smooth, strands)
+from drawing import (Canvas, any_colour, blob, box, cloth, coordinates, ellipse, hair_colour, hsv,
+                     limb, noise, pattern, skin_colour, smooth, strands)
 
 
 class Figure:
@@ -39,7 +39,6 @@ class Figure:
         self.other_cloth = cloth(rng, size, u * 2)
         self.hair = hair_colour(rng)
         self.hair_surface = strands(rng, size, self.hair, self.x, self.y - u, u)
-        self.shadow_side = self.canvas.light * -0.25
 
     # Points of the body and of the head to pixels.
 
@@ -86,6 +85,8 @@ class Figure:
         self.arm_x, self.arm_y = s * bulk * 0.9, y + 0.6
         if self.chance(0.25):
             self.yoke()
+        if self.chance(0.6):
+            self.armpits()
         if self.chance(0.7):
             self.creases()
 
@@ -95,6 +96,18 @@ class Figure:
         outline = smooth(self.body([(-4, -1), (4, -1), (4, y), (1, y + self.rng.normal(0, 0.3)),
                                     (-1, y + self.rng.normal(0, 0.3)), (-4, y)]))
         self.paint(outline, self.other_cloth, 0.1, inside=self.torso_mask)
+
+    def armpits(self):
+        """The lines between chest and hanging arms."""
+        rng = self.rng
+        for k in (-1, 1):
+            x = k * self.shoulders * rng.uniform(0.6, 0.85)
+            y = self.shoulder_y + rng.uniform(0.6, 1.3)
+            line = self.body([(x, y), (x * rng.uniform(0.9, 1.15), y + 1.5),
+                              (x * rng.uniform(0.8, 1.3), y + 6)])
+            width = self.u * rng.uniform(0.02, 0.1)
+            self.canvas.shadow(np.concatenate([line - (width, 0), line[::-1] + (width, 0)]),
+                               rng.uniform(0.2, 0.7), self.u * rng.uniform(0.02, 0.1), self.torso_mask)
 
     def creases(self):
         rng = self.rng
@@ -113,7 +126,7 @@ class Figure:
                 self.canvas.glow(smooth(line), self.cloth.mean((0, 1)) * 0.4 + 0.6,
                                  rng.uniform(0.05, 0.3), self.u * 0.07)
 
-    def arm(self, side, behind=False):
+    def arm(self, side):
         """Upper arm, forearm and hand on one side (-1 or 1); gives the hand's
         place (x, y) in u, or None where the arm just hangs."""
         rng = self.rng
@@ -136,7 +149,7 @@ class Figure:
         upper = self.body([start, elbow])
         fore = self.body([elbow, end])
         u = self.u
-        self.canvas.shadow(limb(fore[0], fore[1] , u * thick * 1.2, u * thick), 0.3, u * 0.15,
+        self.canvas.shadow(limb(fore[0], fore[1], u * thick * 1.2, u * thick), 0.3, u * 0.15,
                            self.canvas.alpha.copy())
         lower = sleeve if long_sleeve else self.skin_surface
         wrist = rng.uniform(0.24, 0.34) * (1.3 if long_sleeve else 1)
@@ -157,7 +170,7 @@ class Figure:
             self.hand(hand, np.arctan2(hand[1] - elbow[1], hand[0] - elbow[0]))
         return hand
 
-    def hand(self, at, angle, glove=None):
+    def hand(self, at, angle):
         """Palm, four fingers and a thumb around `at` (u), fingers along angle."""
         rng, u = self.rng, self.u
         surface = self.skin_surface
@@ -627,7 +640,9 @@ class Figure:
             a = rng.uniform(-1, 1)
             q = self.head([(part * 0.5 + a * 0.2, top), (a * (w + v) * 0.8, -0.8), (a * (w + v), rng.uniform(-0.5, 0.5))])
             tone = np.clip(self.hair * rng.uniform(0.5, 1.7), 0, 1)
-            self.canvas.stroke(smooth_open(q), self.u * rng.uniform(0.01, 0.03), tone, 0.6, mask)
+            loose = self.chance(0.15)
+            self.canvas.stroke(smooth_open(q), self.u * rng.uniform(0.01, 0.03), tone, 0.6,
+                               None if loose else mask)
 
     def headgear(self):
         rng, w, u = self.rng, self.head_width, self.u
@@ -680,7 +695,7 @@ class Figure:
         kind = rng.integers(8)
         r = u * rng.uniform(0.4, 1.3)
         if kind <= 1:
-            self.globe(x, y, u * rng.uniform(0.6, 1.9))
+            self.globe(x, y, u * rng.uniform(0.5, 2.1))
         elif kind == 2:                                 # cup, can, bottle
             h = r * rng.uniform(0.7, 1.8)
             self.paint(box(x, y, r * 0.5, h * 0.6, rng.normal(0, 0.2), 0.1), any_colour(rng), 0.15, shade=1)
@@ -763,7 +778,7 @@ class Figure:
         for k in () if before else arms:
             self.arm_with_thing(k)
         if self.chance(0.4):
-            self.held((rng.uniform(-1.4, 1.4) * self.shoulders, self.shoulder_y + rng.uniform(1.8, 4)))
+            self.held((rng.uniform(-1.6, 1.6) * self.shoulders, self.shoulder_y + rng.uniform(1.8, 4.5)))
         if self.style == 'long' and self.chance(0.5):
             for k in (-1, 1):
                 w = self.head_width

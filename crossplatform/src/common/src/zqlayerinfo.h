@@ -429,8 +429,8 @@ public:
 class TN_API ZQLayerInfo_TensorActivation : public ZQFreezedLayerInfo {
 public:
     unsigned short activation_type = 0;  ///< an ActivationType, or any other number
-    unsigned short alpha = 0;            ///< half: slope of Linear
-    unsigned short beta = 0;             ///< half: offset of Linear
+    unsigned short alpha = 0;            ///< a plain number: slope of Linear
+    unsigned short beta = 0;             ///< a plain number: offset of Linear
 
     ZQLayerInfo_TensorActivation();
     ~ZQLayerInfo_TensorActivation() override;

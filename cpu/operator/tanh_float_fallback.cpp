@@ -1,0 +1,32 @@
+#include "cpu/operator/tanh_float_fallback.h"
+
+#include <cmath>
+
+#include "cpu/operator/kernel_support.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Tanh_Float_Fallback)
+
+int Tanh_Float_Fallback::load(const ParamDict&, const ModelBin&, const LayerInferenceConfig&) {
+    return 0;
+}
+
+bool Tanh_Float_Fallback::check_forward(const TensorShape& shape) {
+    return is_float_of_any_layout(shape);
+}
+
+int Tanh_Float_Fallback::forward(Mat& bottom_top, const Option&) {
+    TN_FORWARD_PRECONDITIONS(check_forward(bottom_top.shape));
+    if (bottom_top.empty()) return 0;
+    float* x = bottom_top.ptr<float>();
+    const int64_t total = bottom_top.shape.total();
+    for (int64_t i = 0; i < total; ++i) {
+        const float e = static_cast<float>(std::exp(static_cast<double>(-x[i])));
+        const float p = 1.0f / e;
+        x[i] = (p - e) / (p + e);
+    }
+    return 0;
+}
+
+}  // namespace TarnoCPU

@@ -1,0 +1,14 @@
+#include "cpu/operator_x86/convolution_1x1s1_float_sgemm.h"
+
+#include "cpu/operator/kernel_support.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Convolution_1x1s1_Float_SGEMM)
+
+int Convolution_1x1s1_Float_SGEMM::forward(const Mat& bottom, Mat& top, const Option& opt) {
+    TN_FORWARD_PRECONDITIONS_NO_HYPHEN(check_forward(bottom.shape));
+    return convolve_bottom(bottom, top, opt);
+}
+
+}  // namespace TarnoCPU

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# check_install.sh BUILD_DIR SOURCE_DIR FRAME_TOOL TARNO CXX
+#
+# Installs the library into an empty folder, builds the example outside the tree against it, once
+# with CMake and once with pkg-config, runs the shipped model with both on the shipped frame, and
+# compares their maps with what the tarno command writes. Also: each umbrella header compiles alone
+# without a warning, and nothing but the interface is exported.
+set -euo pipefail
+build=$1 source=$2 frame_tool=$3 tarno=$4 cxx=$5
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+model=$source/assets/models/portrait_segmentation.zqnet
+frame=$source/assets/frames/portrait.png
+
+DESTDIR='' cmake --install "$build" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name libtarno.so)")
+export LD_LIBRARY_PATH=$libdir
+
+for header in log model cpu gpu; do
+    echo "#include <tarno/$header.h>" >"$work/$header.cpp"
+    "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" \
+        "$work/$header.cpp"
+done
+
+foreign=$(nm -DC --defined-only "$libdir/libtarno.so" | awk '{$1=""; $2=""; print}' |
+    sed 's/^ *//' |
+    grep -vE '^(typeinfo (name )?for |vtable for |VTT for |guard variable for )?(TarnoCPU::|Tarno::|ZQ|zq_)|^GetModelVersion$' || true)
+if [ -n "$foreign" ]; then
+    echo "exported beside the interface:" >&2
+    echo "$foreign" | head >&2
+    exit 1
+fi
+
+cmake -S "$source/examples/segment_frame" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake --build "$work/with_cmake" >/dev/null
+
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+mkdir "$work/with_pkg_config"
+# shellcheck disable=SC2046
+"$cxx" -std=c++17 -O2 "$source/examples/segment_frame/main.cpp" \
+    $(pkg-config --cflags --libs tarno) -o "$work/with_pkg_config/segment_frame"
+
+"$frame_tool" to-ppm "$frame" "$work/frame.ppm"
+"$tarno" run --model "$model" --input "$frame" --mean 123.675,116.28,103.53 \
+    --norm 0.003921569,0.003921569,0.003921569 --output "$work/mask.png" >/dev/null
+for way in with_cmake with_pkg_config; do
+    "$work/$way/segment_frame" "$model" "$work/frame.ppm" "$work/$way.pgm"
+    "$frame_tool" compare "$work/$way.pgm" "$work/mask.png" 1
+done
+
+# A host that feeds it rubbish gets an answer, not a crash.
+head -c 5000 "$model" >"$work/cut.zqnet"
+if "$work/with_cmake/segment_frame" "$work/cut.zqnet" "$work/frame.ppm" "$work/none.pgm" \
+    2>/dev/null; then
+    echo "a truncated model was taken for a whole one" >&2
+    exit 1
+fi
+[ ! -e "$work/none.pgm" ]
+echo "both programs agree with the tarno command"

@@ -1,0 +1,513 @@
+#include "bench_command.h"
+
+#include <sys/resource.h>
+#include <tarno/cpu.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "errors.h"
+#include "heap_calls.h"
+#include "library_reports.h"
+#include "model_file.h"
+#include "net_run.h"
+#include "numbers.h"
+#include "progress.h"
+#include "sample_statistics.h"
+#include "text_table.h"
+
+namespace tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::ordered_json;
+
+constexpr int default_runs = 100;
+constexpr size_t most_profiled_runs = 100;
+constexpr unsigned int input_seed = 1;
+
+double milliseconds(Clock::duration time) {
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+double milliseconds_since(Clock::time_point start) { return milliseconds(Clock::now() - start); }
+
+/// Bytes that the tensors and the scratch of a run hold at once.
+struct TensorBytes {
+    int64_t alive = 0;
+    int64_t peak = 0;
+};
+
+/// A pool that keeps count. Its bookkeeping takes time and heap calls, so it serves runs that are
+/// not timed.
+class CountingAllocator : public TarnoCPU::Allocator {
+public:
+    explicit CountingAllocator(TensorBytes& bytes) : bytes(bytes) {}
+
+    void* fastMalloc(unsigned int size) override {
+        void* block = pool.fastMalloc(size);
+        if (block == nullptr) return nullptr;
+        sizes[block] = size;
+        bytes.alive += size;
+        bytes.peak = std::max(bytes.peak, bytes.alive);
+        return block;
+    }
+
+    void fastFree(void* block) override {
+        const auto found = sizes.find(block);
+        if (found != sizes.end()) {
+            bytes.alive -= found->second;
+            sizes.erase(found);
+        }
+        pool.fastFree(block);
+    }
+
+private:
+    TensorBytes& bytes;
+    TarnoCPU::PoolAllocator pool;
+    std::unordered_map<void*, unsigned int> sizes;
+};
+
+/// Times the layers on the monotonic clock. The times that the library hands over are wall-clock
+/// milliseconds, which is too coarse for a layer. What is measured is the time since the end of the
+/// call before, so it holds the layer itself and the few steps by which the net stores its output
+/// and lets go of its bottoms.
+class LayerTimer : public TarnoCPU::Statistician {
+public:
+    explicit LayerTimer(size_t layers, size_t runs) : times(layers) {
+        for (auto& samples : times) samples.reserve(runs);
+    }
+
+    void start_run() {
+        position = 0;
+        previous = Clock::now();
+    }
+
+    void layer_stats(const TarnoCPU::Layer*, const TarnoCPU::Mat&, TarnoCPU::Mat&, double,
+                     double) override {
+        times[position++].push_back(milliseconds_since(previous));
+        previous = Clock::now();
+    }
+
+    /// By position of the layer, one sample a run.
+    std::vector<std::vector<double>> times;
+
+private:
+    size_t position = 0;
+    Clock::time_point previous;
+};
+
+/// Names and sizes of the layers of a net, heard of in one run.
+class LayerNames : public TarnoCPU::Statistician {
+public:
+    struct Row {
+        int id;
+        std::string type;
+        std::string operator_name;
+        TensorSize size;
+    };
+    std::vector<Row> rows;
+
+    void layer_stats(const TarnoCPU::Layer* layer, const TarnoCPU::Mat&, TarnoCPU::Mat& top, double,
+                     double) override {
+        const TarnoCPU::TensorShape& shape = top.shape;
+        const int packing = shape.layout == TarnoCPU::TensorShape::C4HW4   ? 4
+                            : shape.layout == TarnoCPU::TensorShape::C8HW8 ? 8
+                                                                           : 1;
+        const std::string name = const_cast<TarnoCPU::Layer*>(layer)->operator_name();
+        rows.push_back({layer->id, layer->type, name == "nullptr" ? "-" : name,
+                        {int64_t{shape.c} * packing, shape.h, shape.w / packing}});
+    }
+};
+
+struct LayerReport {
+    int id = 0;
+    std::string kind;
+    std::string type;
+    std::string operator_name;
+    TensorSize size;
+    int64_t multiply_adds = 0;
+    double milliseconds = 0.0;
+    double share = 0.0;
+    double cumulative_share = 0.0;
+};
+
+struct KindReport {
+    std::string kind;
+    int count = 0;
+    double milliseconds = 0.0;
+    double share = 0.0;
+};
+
+struct Pacing {
+    SampleStatistics lateness;
+    int64_t dropped = 0;
+};
+
+struct BenchReport {
+    double read_ms = 0.0;
+    double build_ms = 0.0;
+    double first_run_ms = 0.0;
+    int warmup = 0;
+    SampleStatistics steady;
+    double elapsed_s = 0.0;
+    std::optional<Pacing> pacing;
+    size_t profiled_runs = 0;
+    std::vector<LayerReport> layers;
+    std::vector<KindReport> kinds;
+    int64_t resident_bytes = 0;
+    int64_t peak_light = 0;
+    std::optional<int64_t> peak_full;
+    std::optional<uint64_t> allocations;
+    std::optional<uint64_t> frees;
+};
+
+class Bench {
+public:
+    Bench(const BenchCommand& command, const ModelPlan& plan, const RunnableNet& net,
+          const std::vector<NetInput>& inputs, BenchReport& report)
+        : command(command), plan(plan), net(net), inputs(inputs), report(report) {
+        settings.blob_allocator = &blobs;
+        settings.workspace_allocator = &workspace;
+    }
+
+    void run();
+
+private:
+    double timed_run();
+    void first_runs();
+    void steady_state();
+    void profile();
+    void count_heap_calls();
+    int64_t peak_bytes(bool light_mode);
+
+    const BenchCommand& command;
+    const ModelPlan& plan;
+    const RunnableNet& net;
+    const std::vector<NetInput>& inputs;
+    BenchReport& report;
+
+    TarnoCPU::UnlockedPoolAllocator blobs;
+    TarnoCPU::PoolAllocator workspace;
+    RunnableNet::Settings settings;
+    LayerNames names;
+};
+
+double Bench::timed_run() {
+    const Clock::time_point start = Clock::now();
+    const TarnoCPU::Mat out = net.run(inputs, net.last_position(), settings, nullptr);
+    return milliseconds_since(start);
+}
+
+void Bench::run() {
+    first_runs();
+    steady_state();
+    profile();
+    count_heap_calls();
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    report.resident_bytes = int64_t{usage.ru_maxrss} * 1024;
+    report.peak_light = peak_bytes(true);
+    // Everything at once may be far more than a run needs.
+    if (plan.all_tensor_bytes <= command.limits.memory) report.peak_full = peak_bytes(false);
+}
+
+void Bench::first_runs() {
+    const Clock::time_point start = Clock::now();
+    net.run_checked(inputs, net.last_position(), settings, &names);
+    report.first_run_ms = milliseconds_since(start);
+    Progress progress("warm-up run", command.warmup);
+    for (int i = 0; i < command.warmup; ++i) {
+        timed_run();
+        progress.step(i + 1);
+    }
+    report.warmup = command.warmup;
+}
+
+void Bench::steady_state() {
+    const int64_t runs = command.runs        ? *command.runs
+                         : command.duration ? INT64_MAX
+                                            : default_runs;
+    std::vector<double> times;
+    std::vector<double> lateness;
+    int64_t dropped = 0;
+    const auto interval = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(command.fps ? 1.0 / *command.fps : 0.0));
+    Progress progress("run", runs == INT64_MAX ? 0 : runs);
+    const Clock::time_point start = Clock::now();
+    Clock::time_point due = start;
+    for (int64_t i = 0; i < runs; ++i) {
+        if (command.duration && i > 0 && milliseconds_since(start) >= *command.duration * 1e3) break;
+        if (command.fps) {
+            // A camera does not wait: a frame whose successor is due already is lost.
+            while (Clock::now() >= due + interval) {
+                due += interval;
+                ++dropped;
+            }
+            std::this_thread::sleep_until(due);
+            lateness.push_back(milliseconds_since(due));
+            due += interval;
+        }
+        times.push_back(timed_run());
+        progress.step(i + 1);
+    }
+    report.elapsed_s = milliseconds_since(start) / 1e3;
+    report.steady = statistics_of(times);
+    if (command.fps) report.pacing = Pacing{statistics_of(lateness), dropped};
+}
+
+void Bench::profile() {
+    const size_t runs = std::min(report.steady.count, most_profiled_runs);
+    LayerTimer timer(names.rows.size(), runs);
+    Progress progress("profiled run", static_cast<int64_t>(runs));
+    for (size_t i = 0; i < runs; ++i) {
+        timer.start_run();
+        net.run(inputs, net.last_position(), settings, &timer);
+        progress.step(static_cast<int64_t>(i) + 1);
+    }
+    report.profiled_runs = runs;
+
+    double total = 0.0;
+    for (size_t i = 0; i < names.rows.size(); ++i) {
+        const LayerNames::Row& row = names.rows[i];
+        const PlannedLayer& planned = plan.layers[*plan.find(row.id)];
+        LayerReport layer;
+        layer.id = row.id;
+        layer.kind = planned.kind;
+        layer.type = row.type;
+        layer.operator_name = row.operator_name;
+        layer.size = row.size;
+        // A fused activation stands behind its layer under the same id.
+        const bool fused = i > 0 && names.rows[i - 1].id == row.id;
+        if (fused) layer.kind = "fused activation";
+        layer.multiply_adds = fused ? 0 : planned.multiply_adds;
+        std::sort(timer.times[i].begin(), timer.times[i].end());
+        layer.milliseconds = percentile(timer.times[i], 50);
+        total += layer.milliseconds;
+        report.layers.push_back(layer);
+    }
+    double behind = 0.0;
+    for (LayerReport& layer : report.layers) {
+        behind += layer.milliseconds;
+        layer.share = total > 0.0 ? layer.milliseconds / total : 0.0;
+        layer.cumulative_share = total > 0.0 ? behind / total : 0.0;
+        auto kind = std::find_if(report.kinds.begin(), report.kinds.end(),
+                                 [&](const KindReport& each) { return each.kind == layer.kind; });
+        if (kind == report.kinds.end()) {
+            kind = report.kinds.insert(report.kinds.end(), KindReport{layer.kind, 0, 0.0, 0.0});
+        }
+        ++kind->count;
+        kind->milliseconds += layer.milliseconds;
+        kind->share += layer.share;
+    }
+    std::stable_sort(report.kinds.begin(), report.kinds.end(),
+                     [](const KindReport& a, const KindReport& b) {
+                         return a.milliseconds > b.milliseconds;
+                     });
+}
+
+void Bench::count_heap_calls() {
+    if (!heap_calls_are_counted()) return;
+    timed_run();
+    HeapCalls calls;
+    timed_run();
+    calls.stop();
+    report.allocations = calls.allocations;
+    report.frees = calls.frees;
+}
+
+int64_t Bench::peak_bytes(bool light_mode) {
+    TensorBytes bytes;
+    CountingAllocator counting_blobs(bytes);
+    CountingAllocator counting_workspace(bytes);
+    RunnableNet::Settings counted;
+    counted.light_mode = light_mode;
+    counted.blob_allocator = &counting_blobs;
+    counted.workspace_allocator = &counting_workspace;
+    net.run(inputs, net.last_position(), counted, nullptr);
+    return bytes.peak;
+}
+
+Json json_of(const SampleStatistics& statistics) {
+    return Json{{"count", statistics.count}, {"mean", statistics.mean}, {"min", statistics.min},
+                {"p50", statistics.p50},     {"p90", statistics.p90},   {"p99", statistics.p99},
+                {"max", statistics.max}};
+}
+
+void print_json(const BenchCommand& command, const ModelFile& model, const ModelPlan& plan,
+                const BenchReport& report) {
+    Json json;
+    json["file"] = model.path;
+    json["identity"] = model.loader.decodeModelID();
+    json["inputs"] = Json::array();
+    for (const ModelInput& input : plan.inputs) {
+        json["inputs"].push_back(
+            {{"index", input.index}, {"shape", {input.size->c, input.size->h, input.size->w}}});
+    }
+    json["multiply_adds"] = plan.multiply_adds;
+    json["setup_ms"] = {{"read", report.read_ms}, {"build", report.build_ms}};
+    json["first_run_ms"] = report.first_run_ms;
+    json["warmup_runs"] = report.warmup;
+    json["steady_ms"] = json_of(report.steady);
+    json["steady_elapsed_s"] = report.elapsed_s;
+    if (report.pacing) {
+        json["paced"] = {{"fps", *command.fps},
+                         {"lateness_ms", json_of(report.pacing->lateness)},
+                         {"dropped_frames", report.pacing->dropped}};
+    }
+    json["profiled_runs"] = report.profiled_runs;
+    json["layers"] = Json::array();
+    for (const LayerReport& layer : report.layers) {
+        json["layers"].push_back({{"id", layer.id},
+                                  {"kind", layer.kind},
+                                  {"type", layer.type},
+                                  {"operator", layer.operator_name},
+                                  {"shape", {layer.size.c, layer.size.h, layer.size.w}},
+                                  {"multiply_adds", layer.multiply_adds},
+                                  {"ms", layer.milliseconds},
+                                  {"share", layer.share},
+                                  {"cumulative_share", layer.cumulative_share}});
+    }
+    json["kinds"] = Json::array();
+    for (const KindReport& kind : report.kinds) {
+        json["kinds"].push_back({{"kind", kind.kind},
+                                 {"count", kind.count},
+                                 {"ms", kind.milliseconds},
+                                 {"share", kind.share}});
+    }
+    json["memory"] = {{"peak_resident_bytes", report.resident_bytes},
+                      {"peak_pool_bytes_light", report.peak_light},
+                      {"peak_pool_bytes_full", nullptr},
+                      {"weight_bytes", plan.weight_bytes}};
+    if (report.peak_full) json["memory"]["peak_pool_bytes_full"] = *report.peak_full;
+    json["heap_calls_per_run"] = nullptr;
+    if (report.allocations) {
+        json["heap_calls_per_run"] = {{"allocations", *report.allocations},
+                                      {"frees", *report.frees}};
+    }
+    // A path need not be UTF-8.
+    std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+std::string ms(double milliseconds) { return fixed(milliseconds, 3); }
+
+std::string percent(double share) { return fixed(share * 100.0, 1) + " %"; }
+
+std::string statistics_text(const SampleStatistics& s) {
+    return "p50 " + ms(s.p50) + "  p90 " + ms(s.p90) + "  p99 " + ms(s.p99) + "  max " +
+           ms(s.max) + "  mean " + ms(s.mean) + "  min " + ms(s.min);
+}
+
+std::string rate_text(int64_t multiply_adds, double milliseconds) {
+    if (multiply_adds == 0 || milliseconds <= 0.0) return "-";
+    return fixed(static_cast<double>(multiply_adds) / milliseconds * 1e-6, 1);
+}
+
+void print_text(const BenchCommand& command, const ModelFile& model, const ModelPlan& plan,
+                const BenchReport& report) {
+    std::string text;
+    const auto line = [&](const std::string& name, const std::string& value) {
+        text += name + std::string(name.size() < 18 ? 18 - name.size() : 1, ' ') + value + '\n';
+    };
+    line("model", model.path + ", " + model.loader.decodeModelID());
+    for (const ModelInput& input : plan.inputs) {
+        line("input " + std::to_string(input.index), size_text(*input.size) + ", random numbers");
+    }
+    line("work", count_text(plan.multiply_adds) + " multiply-adds a run");
+    line("set-up", "read " + ms(report.read_ms) + " ms, build " + ms(report.build_ms) + " ms");
+    line("first run", ms(report.first_run_ms) + " ms");
+    line("steady state", std::to_string(report.steady.count) + " runs after " +
+                             std::to_string(report.warmup) + " for warm-up, in ms:");
+    line("", statistics_text(report.steady));
+    if (report.pacing) {
+        line("paced", "at " + fixed(*command.fps, 2) + " frames a second, " +
+                          std::to_string(report.pacing->dropped) +
+                          " frames dropped; start behind the due time, in ms:");
+        line("", statistics_text(report.pacing->lateness));
+    } else {
+        line("throughput", fixed(1e3 / report.steady.mean, 1) + " runs a second, " +
+                               rate_text(plan.multiply_adds, report.steady.p50) +
+                               " G multiply-adds a second");
+    }
+    line("peak memory", bytes_text(report.resident_bytes) + " resident in the whole process");
+    line("", bytes_text(report.peak_light) + " in the pools with light mode, " +
+                 (report.peak_full ? bytes_text(*report.peak_full) + " without"
+                                   : "not measured without, beyond --memory-limit"));
+    line("", bytes_text(plan.weight_bytes) + " of weights");
+    line("heap calls a run",
+         report.allocations ? std::to_string(*report.allocations) + " allocations, " +
+                                  std::to_string(*report.frees) + " frees"
+                            : "not counted in this build");
+
+    text += "\nLayers in run order, median of " + std::to_string(report.profiled_runs) +
+            " further runs\n\n";
+    TextTable layers;
+    layers.column("id", TextTable::right);
+    layers.column("layer", TextTable::left);
+    layers.column("operator", TextTable::left);
+    layers.column("output", TextTable::right);
+    layers.column("ms", TextTable::right);
+    layers.column("share", TextTable::right);
+    layers.column("sum", TextTable::right);
+    layers.column("G madds/s", TextTable::right);
+    double total = 0.0;
+    for (const LayerReport& layer : report.layers) {
+        total += layer.milliseconds;
+        layers.row({std::to_string(layer.id), layer.type, layer.operator_name,
+                    size_text(layer.size), ms(layer.milliseconds), percent(layer.share),
+                    percent(layer.cumulative_share),
+                    rate_text(layer.multiply_adds, layer.milliseconds)});
+    }
+    layers.rule();
+    layers.row({"", "all", "", "", ms(total), percent(total > 0.0 ? 1.0 : 0.0), "",
+                rate_text(plan.multiply_adds, total)});
+    text += layers.text();
+
+    text += "\nBy kind\n\n";
+    TextTable kinds;
+    kinds.column("kind", TextTable::left);
+    kinds.column("layers", TextTable::right);
+    kinds.column("ms", TextTable::right);
+    kinds.column("share", TextTable::right);
+    for (const KindReport& kind : report.kinds) {
+        kinds.row({kind.kind, std::to_string(kind.count), ms(kind.milliseconds),
+                   percent(kind.share)});
+    }
+    text += kinds.text();
+    std::fputs(text.c_str(), stdout);
+}
+
+}  // namespace
+
+void bench(const BenchCommand& command) {
+    LibraryReports reports(command.verbose);
+    BenchReport report;
+    ModelFile model;
+    Clock::time_point start = Clock::now();
+    open_model(command.model, reports, model);
+    report.read_ms = milliseconds_since(start);
+
+    const ModelPlan plan = make_plan(model, command.plan);
+    require_runnable(model, plan, command.limits);
+    const std::vector<NetInput> inputs = random_inputs(plan.inputs, input_seed);
+
+    start = Clock::now();
+    const RunnableNet net(model, plan, reports);
+    report.build_ms = milliseconds_since(start);
+
+    Bench(command, plan, net, inputs, report).run();
+    if (command.json) {
+        print_json(command, model, plan, report);
+    } else {
+        print_text(command, model, plan, report);
+    }
+}
+
+}  // namespace tool

@@ -1,0 +1,26 @@
+// `tarno bench`: how long a model takes, where, and with how much memory.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "model_plan.h"
+
+namespace tool {
+
+struct BenchCommand {
+    std::string model;
+    int warmup = 10;
+    std::optional<int> runs;
+    std::optional<double> duration;  ///< seconds of the steady state
+    std::optional<double> fps;       ///< frames that fall due in a second; none: back to back
+    bool json = false;
+    PlanOptions plan;
+    RunLimits limits;
+    bool verbose = false;
+};
+
+/// Prints the report to standard output. Throws CommandError.
+void bench(const BenchCommand& command);
+
+}  // namespace tool

@@ -1,0 +1,344 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "errors.h"
+#include "files.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t help_width = 96;
+constexpr size_t name_width = 28;
+
+/// Breaks at blanks; keeps the line ends that are there.
+std::vector<std::string> wrapped(std::string_view text, size_t width) {
+    std::vector<std::string> lines(1);
+    while (!text.empty()) {
+        const size_t end = text.find_first_of(" \n");
+        const std::string_view word = text.substr(0, end);
+        std::string& line = lines.back();
+        if (!line.empty() && line.size() + 1 + word.size() > width) {
+            lines.emplace_back(word);
+        } else {
+            line += (line.empty() ? "" : " ") + std::string(word);
+        }
+        if (end == std::string_view::npos) break;
+        if (text[end] == '\n') lines.emplace_back();
+        text.remove_prefix(end + 1);
+    }
+    return lines;
+}
+
+/// Two columns within the width of a page.
+std::string two_columns(const std::string& name, const std::string& description) {
+    std::string text = "  " + name;
+    bool first = true;
+    for (const std::string& line : wrapped(description, help_width - name_width - 2)) {
+        if (first && text.size() < name_width + 1) {
+            text += std::string(name_width + 2 - text.size(), ' ');
+        } else {
+            text += "\n" + std::string(name_width + 2, ' ');
+        }
+        text += line;
+        first = false;
+    }
+    return text + "\n";
+}
+
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_option(const CLI::Option* option, bool is_positional) const override {
+        std::string name = make_option_name(option, is_positional);
+        // "-h,--help" reads better with a blank.
+        const size_t comma = name.find(',');
+        if (comma != std::string::npos) name.insert(comma + 1, " ");
+        if (!is_positional && option->get_type_size() != 0) name += " " + option->get_type_name();
+        return two_columns(name, option->get_description() +
+                                     (option->get_required() ? " Required." : ""));
+    }
+    std::string make_subcommand(const CLI::App* sub) const override {
+        return two_columns(sub->get_name(), sub->get_description());
+    }
+    std::string make_description(const CLI::App* app) const override {
+        std::string text;
+        for (const std::string& line : wrapped(app->get_description(), help_width)) {
+            text += line + "\n";
+        }
+        return text + "\n";
+    }
+    std::string make_footer(const CLI::App* app) const override {
+        return app->get_footer().empty() ? "" : app->get_footer() + "\n";
+    }
+    std::string make_usage(const CLI::App* app, std::string) const override {
+        if (app->get_parent() == nullptr) return "Usage: tarno COMMAND [OPTIONS]\n";
+        const bool is_info = app->get_name() == "info";
+        return "Usage: tarno " + app->get_name() + (is_info ? " MODEL" : "") + " [OPTIONS]\n";
+    }
+};
+
+/// Options that are texts here and get their meaning when all is read.
+struct Texts {
+    std::string size;
+    std::string memory_limit;
+    std::string work_limit;
+    std::string mean;
+    std::string norm;
+};
+
+void add_size(CLI::App* app, Texts& texts) {
+    app->add_option("--size", texts.size,
+                    "Base size in pixels that the relative sizes of the model multiply, in place of "
+                    "the one in its header (256 where that is 0). For an input of scale 1 this is "
+                    "the size of the input.")
+        ->type_name("WxH");
+}
+
+void add_verbose(CLI::App* app, bool& verbose) {
+    app->add_flag("--verbose", verbose, "Show the library's log lines on standard error.");
+}
+
+void add_limits(CLI::App* app, Texts& texts) {
+    app->add_option("--memory-limit", texts.memory_limit,
+                    "Refuse a model that needs more bytes than this for weights, tensors and "
+                    "scratch. 2G unless told otherwise.")
+        ->type_name("BYTES");
+    app->add_option("--work-limit", texts.work_limit,
+                    "Refuse a model of which one run takes more inner steps (multiply-adds and the "
+                    "like). 100G unless told otherwise.")
+        ->type_name("STEPS");
+}
+
+void apply(const Texts& texts, PlanOptions& plan, RunLimits& limits) {
+    if (!texts.size.empty()) plan.base = parse_size("--size", texts.size);
+    if (!texts.memory_limit.empty()) {
+        limits.memory = parse_bytes("--memory-limit", texts.memory_limit);
+    }
+    if (!texts.work_limit.empty()) limits.work = parse_count("--work-limit", texts.work_limit);
+}
+
+CLI::App* add_info(CLI::App& app, InfoCommand& command, Texts& texts) {
+    CLI::App* info = app.add_subcommand("info", "Show what is in a model file.");
+    info->add_option("MODEL", command.model, "The model file.")->required();
+    CLI::Option* json = info->add_flag("--json", command.json, "Write JSON.");
+    info->add_flag("--dot", command.dot, "Write the graph for Graphviz: tarno info M --dot | dot "
+                                         "-Tsvg > m.svg")
+        ->excludes(json);
+    add_size(info, texts);
+    add_verbose(info, command.verbose);
+    info->footer(
+        "\n"
+        "The table has the layers in the order in which they run. Sizes are channels x rows x\n"
+        "columns, as the CPU engine computes them at the base size; kernel, stride and pad are\n"
+        "width x height, one number when both are the same. Parameters are the numbers that the\n"
+        "file holds for the layer, multiply-adds the products with a weight in one run.\n"
+        "\n"
+        "A sound file with a layer that the CPU engine does not have is shown all the same, and the\n"
+        "exit status is 1.");
+    return info;
+}
+
+CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
+    CLI::App* run = app.add_subcommand("run", "Run a model over a picture or an array.");
+    run->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    run->add_option("--input", command.inputs,
+                    "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
+                    "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
+                    "order of their indices.")
+        ->type_name("FILE")
+        ->required()
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    run->add_option("--output", command.output,
+                    "Where the result goes. An .npy file gets the numbers, as float32 of channels, "
+                    "rows, columns. A .png file gets 0 to 1 as 0 to 255, what is outside clamped: "
+                    "one channel as grey, three as RGB.")
+        ->type_name("FILE");
+    run->add_option("--layer", command.layer,
+                    "Id of the layer whose output is the result (see tarno info); the last layer "
+                    "unless told otherwise.")
+        ->type_name("ID");
+    run->add_option("--all-layers", command.all_layers,
+                    "Folder for the outputs of all layers, an .npy file each: place in the run, "
+                    "layer id and kind make its name.")
+        ->type_name("FOLDER");
+    run->add_flag("--resize-output", command.resize_output,
+                  "Bring the result to the size of the picture before it is written (bilinear).");
+    run->add_option("--composite", command.composite,
+                    "A .png file for the picture over another background, in the size of the "
+                    "picture: picture * mask + background * (1 - mask), the mask being the result.")
+        ->type_name("FILE");
+    run->add_option("--background", command.background,
+                    "Background of the composite: R,G,B from 0 to 255, or a picture, which is "
+                    "stretched. White unless told otherwise.")
+        ->type_name("COLOUR|FILE");
+    run->add_option("--pixel-type", command.rules.pixel_type,
+                    "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
+                    "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
+                    "where it is not wanted.")
+        ->type_name("TYPE");
+    run->add_option("--mean", texts.mean,
+                    "Subtracted from the values 0 to 255 of each channel; one number for all or one "
+                    "for each, in the order of --pixel-type. 0 unless told otherwise.")
+        ->type_name("NUMBERS");
+    run->add_option("--norm", texts.norm,
+                    "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
+        ->type_name("NUMBERS");
+    add_size(run, texts);
+    run->add_option("--repeat", command.repeat,
+                    "Feed the input this many times; an LSTM keeps its state from one time to the "
+                    "next. The last result counts.")
+        ->type_name("TIMES");
+    add_limits(run, texts);
+    add_verbose(run, command.verbose);
+    run->footer(
+        "\n"
+        "For a net that takes pixel / 255 less (0.485, 0.456, 0.406):\n"
+        "\n"
+        "  tarno run --model portrait.zqnet --input me.jpg --output mask.png --resize-output \\\n"
+        "      --mean 123.675,116.28,103.53 --norm 1/255\n"
+        "\n"
+        "An array for a picture input has the shape (channels, rows, columns); its size counts, not\n"
+        "the base size. An array for a tensor input may be (features), (time, features) or (c, h, w):\n"
+        "time steps become the channels, as the LSTM reads them.\n"
+        "\n"
+        "A turn that a camera noted in a JPEG is not applied. Files are written whole or not at all.");
+    return run;
+}
+
+CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
+    CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
+    bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    bench->add_option("--runs", command.runs,
+                      "Runs of the steady state: 100, or with --duration as many as fit.")
+        ->type_name("COUNT");
+    bench->add_option("--duration", command.duration,
+                      "End the steady state after this time, at least one run done.")
+        ->type_name("SECONDS");
+    bench->add_option("--warmup", command.warmup,
+                      "Runs before the steady state, the first not counted. 10 unless told otherwise.")
+        ->type_name("COUNT");
+    bench->add_option("--fps", command.fps,
+                      "Start the runs as a camera does, so many in a second, and show how late they "
+                      "start. A frame whose successor is due already is dropped.")
+        ->type_name("RATE");
+    bench->add_flag("--json", command.json, "Write JSON.");
+    add_size(bench, texts);
+    add_limits(bench, texts);
+    add_verbose(bench, command.verbose);
+    bench->footer(
+        "\n"
+        "Each run is what a host does for a frame: a fresh extractor on the two memory pools that all\n"
+        "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same in\n"
+        "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.");
+    return bench;
+}
+
+void require(bool holds, const std::string& text) {
+    if (!holds) throw UsageError(text);
+}
+
+void check(RunCommand& command, const Texts& texts) {
+    apply(texts, command.plan, command.limits);
+    if (!texts.mean.empty()) command.rules.mean = parse_numbers("--mean", texts.mean);
+    if (!texts.norm.empty()) command.rules.norm = parse_numbers("--norm", texts.norm);
+    require(!command.output.empty() || !command.all_layers.empty() || !command.composite.empty(),
+            "run: expected --output, --composite or --all-layers, found none of them");
+    const std::string extension = extension_of(command.output);
+    require(command.output.empty() || extension == ".png" || extension == ".npy",
+            "--output: expected a .png or .npy file, found \"" + command.output + "\"");
+    require(command.composite.empty() || extension_of(command.composite) == ".png",
+            "--composite: expected a .png file, found \"" + command.composite + "\"");
+    require(command.output.empty() || command.output != command.composite,
+            "--output and --composite: expected two files, found \"" + command.output + "\" twice");
+    require(command.repeat >= 1, "--repeat: expected at least 1, found " +
+                                     std::to_string(command.repeat));
+    require(!command.resize_output || !command.output.empty(),
+            "--resize-output: expected --output with it, found none");
+    std::string& type = command.rules.pixel_type;
+    if (type == "grey") type = "gray";
+    require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
+            "--pixel-type: expected rgb, bgr, gray or rgba, found \"" + type + "\"");
+}
+
+void check(BenchCommand& command, const Texts& texts) {
+    apply(texts, command.plan, command.limits);
+    require(command.warmup >= 0 && command.warmup <= 1000000,
+            "--warmup: expected 0 to 1000000, found " + std::to_string(command.warmup));
+    if (command.runs) {
+        require(*command.runs >= 1 && *command.runs <= 10000000,
+                "--runs: expected 1 to 10000000, found " + std::to_string(*command.runs));
+    }
+    if (command.duration) {
+        require(*command.duration > 0.0 && *command.duration <= 86400.0,
+                "--duration: expected seconds above 0, at most 86400, found " +
+                    fixed(*command.duration, 3));
+    }
+    if (command.fps) {
+        require(*command.fps >= 0.01 && *command.fps <= 10000.0,
+                "--fps: expected 0.01 to 10000, found " + fixed(*command.fps, 3));
+    }
+}
+
+}  // namespace
+
+Command parse_command_line(int argc, char** argv) {
+    CLI::App app("Runs, measures and shows neural-network models of the tarno library.", "tarno");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.set_help_flag("-h,--help", "Show this help; tarno COMMAND --help shows that of a command.");
+    app.set_version_flag("--version", "tarno " TARNO_VERSION, "Show the version.");
+    app.require_subcommand(1);
+    app.get_formatter()->label("Positionals", "Arguments");
+    app.get_formatter()->label("Subcommands", "Commands");
+    app.footer("\n"
+               "An error is one line on standard error, with exit status 1; 2 when the command line\n"
+               "itself is wrong.");
+
+    InfoCommand info_command;
+    RunCommand run_command;
+    BenchCommand bench_command;
+    Texts texts;
+    CLI::App* info = add_info(app, info_command, texts);
+    CLI::App* run = add_run(app, run_command, texts);
+    add_bench(app, bench_command, texts);
+    for (CLI::App* sub : app.get_subcommands({})) {
+        sub->set_help_flag("-h,--help", "Show this help.");
+        sub->group("Commands");
+    }
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        const auto chosen = app.get_subcommands();
+        const std::string text = chosen.empty() ? app.help() : chosen[0]->help();
+        std::fputs(text.c_str(), stdout);
+        throw NothingToDo();
+    } catch (const CLI::CallForVersion&) {
+        std::puts("tarno " TARNO_VERSION);
+        throw NothingToDo();
+    } catch (const CLI::ParseError& error) {
+        const auto chosen = app.get_subcommands();
+        throw UsageError(std::string(error.what()) + " (see tarno " +
+                         (chosen.empty() ? "" : chosen[0]->get_name() + " ") + "--help)");
+    }
+
+    if (info->parsed()) {
+        RunLimits unused;
+        apply(texts, info_command.plan, unused);
+        return info_command;
+    }
+    if (run->parsed()) {
+        check(run_command, texts);
+        return run_command;
+    }
+    check(bench_command, texts);
+    return bench_command;
+}
+
+}  // namespace tool

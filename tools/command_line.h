@@ -1,0 +1,18 @@
+// The words of the command line.
+#pragma once
+
+#include <string>
+#include <variant>
+
+#include "bench_command.h"
+#include "info_command.h"
+#include "run_command.h"
+
+namespace tool {
+
+using Command = std::variant<InfoCommand, RunCommand, BenchCommand>;
+
+/// Throws UsageError for what makes no sense, and NothingToDo once help or the version is printed.
+Command parse_command_line(int argc, char** argv);
+
+}  // namespace tool

@@ -1,0 +1,56 @@
+// Files in and out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+/// Size of a regular file. Throws CommandError for what can't be opened, a folder, a pipe or a
+/// device: a device may have no end, and a pipe nobody at its other side.
+int64_t size_of_regular_file(const std::string& path);
+
+/// The first bytes of a file, at most `most` of them.
+std::string first_bytes(const std::string& path, size_t most);
+
+/// The whole of a regular file of at most `most` bytes.
+std::string whole_file(const std::string& path, int64_t most);
+
+/// ".png" of "a/b.PNG": lower case, with the dot; empty without one.
+std::string extension_of(const std::string& path);
+
+/// Files that are written together or not at all. Each is written beside its final place, and takes
+/// that place in `commit`; whatever was not committed is taken away by the destructor.
+class OutputFiles {
+public:
+    OutputFiles() = default;
+    ~OutputFiles();
+    OutputFiles(const OutputFiles&) = delete;
+    OutputFiles& operator=(const OutputFiles&) = delete;
+
+    /// Writes `contents` for `path`. An existing `path` must be a regular file.
+    void write(const std::string& path, const std::string& contents);
+
+    /// Folder for files that are not `write`n: made when it is not there, by `commit`.
+    void folder(const std::string& path);
+    /// Writes `contents` for `path` / `name`, `path` having been handed to `folder`.
+    void write_in_folder(const std::string& path, const std::string& name,
+                         const std::string& contents);
+
+    void commit();
+
+private:
+    struct Staged {
+        std::string temporary;
+        std::string final;
+    };
+    struct Folder {
+        std::string path;
+        std::string staging;
+    };
+    std::vector<Staged> files;
+    std::vector<Folder> folders;
+};
+
+}  // namespace tool

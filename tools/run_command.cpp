@@ -1,0 +1,226 @@
+#include "run_command.h"
+
+#include <tarno/cpu.h>
+
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "errors.h"
+#include "files.h"
+#include "library_reports.h"
+#include "model_file.h"
+#include "net_run.h"
+#include "npy.h"
+#include "picture.h"
+#include "progress.h"
+
+namespace tool {
+namespace {
+
+/// "012_7_Convolution3x3s1x1.npy": place in the run, layer id, display name.
+std::string blob_file_name(size_t position, const TarnoCPU::Layer& layer) {
+    char number[16];
+    std::snprintf(number, sizeof(number), "%03zu", position);
+    std::string name = layer.type;
+    for (char& c : name) {
+        if (c == ':' || c == '/') c = '-';
+    }
+    return std::string(number) + "_" + std::to_string(layer.id) + "_" + name + ".npy";
+}
+
+/// Hears of every layer as it ends: shows how far the run is, and writes the blobs when there is a
+/// folder for them.
+///
+/// The blobs are written here and not fetched after the run: an activation that is fused to its layer
+/// works in place, so that what the layer itself made is gone when the run is over.
+class RunObserver : public TarnoCPU::Statistician {
+public:
+    /// `kept`: position of the layer whose output is copied.
+    RunObserver(int64_t layers, OutputFiles& files, std::string folder, int kept)
+        : progress("layer", layers),
+          files(files),
+          folder(std::move(folder)),
+          kept(static_cast<size_t>(kept)) {}
+
+    void layer_stats(const TarnoCPU::Layer* layer, const TarnoCPU::Mat&, TarnoCPU::Mat& top, double,
+                     double) override {
+        progress.step(static_cast<int64_t>(position) + 1);
+        // The library knows nothing of exceptions, so they wait here until it is done.
+        if (!folder.empty() && !top.empty() && !failure) {
+            try {
+                if (position == kept) copy = top.clone(nullptr);
+                write(*layer, top);
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        }
+        ++position;
+    }
+
+    /// The output of the layer in question.
+    const TarnoCPU::Mat& kept_copy() const {
+        if (failure) std::rethrow_exception(failure);
+        if (copy.empty()) throw std::bad_alloc();
+        return copy;
+    }
+
+private:
+    void write(const TarnoCPU::Layer& layer, const TarnoCPU::Mat& top) {
+        TensorSize size;
+        const std::vector<float> values = values_of(top, size);
+        files.write_in_folder(folder, blob_file_name(position, layer),
+                              npy_bytes(values.data(), static_cast<int>(size.c),
+                                        static_cast<int>(size.h), static_cast<int>(size.w)));
+    }
+
+    Progress progress;
+    OutputFiles& files;
+    std::string folder;
+    size_t kept;
+    size_t position = 0;
+    TarnoCPU::Mat copy;
+    std::exception_ptr failure;
+};
+
+/// The layer whose output is asked for.
+const PlannedLayer& wanted_layer(const RunCommand& command, const ModelFile& model,
+                                 const ModelPlan& plan) {
+    if (!command.layer) return plan.layers.back();
+    const auto position = plan.find(*command.layer);
+    if (!position) {
+        throw CommandError(model.path + ": expected the id of a layer (see `tarno info`), found " +
+                           std::to_string(*command.layer));
+    }
+    return plan.layers[*position];
+}
+
+/// What can be said about the output files before the net runs.
+void check_outputs(const RunCommand& command, const ModelFile& model, const PlannedLayer& layer,
+                   const InputFiles& files) {
+    const auto fail = [&](const std::string& text) {
+        throw CommandError(layer_fault(model.path, layer.id, layer.type, text));
+    };
+    const int64_t channels = layer.size->c;
+    if (extension_of(command.output) == ".png" && channels != 1 && channels != 3) {
+        fail("expected 1 or 3 output channels for a .png file, found " + std::to_string(channels) +
+             ": write an .npy file instead");
+    }
+    if (!command.composite.empty() && channels != 1) {
+        fail("expected 1 output channel as the mask of a composite, found " +
+             std::to_string(channels));
+    }
+    if ((command.resize_output || !command.composite.empty()) && files.picture_path().empty()) {
+        throw CommandError(command.inputs[0] + ": expected a picture, whose size the output takes, "
+                                               "found an .npy file");
+    }
+    if (!command.resize_output) return;
+    const PictureInfo info = picture_info(files.picture_path());
+    const double bytes = 4.0 * static_cast<double>(channels) * info.w * info.h;
+    if (bytes > static_cast<double>(command.limits.memory)) {
+        fail("expected at most " + bytes_text(command.limits.memory) +
+             " of memory for the resized output, found a need of " +
+             bytes_text(static_cast<int64_t>(bytes)) + " (see --memory-limit)");
+    }
+}
+
+/// One colour for all pixels, or a picture stretched to the size of the other.
+Picture background_of(const std::string& text, int w, int h) {
+    Picture background;
+    background.w = w;
+    background.h = h;
+    background.channels = 3;
+    const size_t pixels = static_cast<size_t>(w) * static_cast<size_t>(h);
+    unsigned char colour[3];
+    if (parse_colour(text, colour)) {
+        background.pixels.resize(pixels * 3);
+        for (size_t i = 0; i < pixels * 3; ++i) background.pixels[i] = colour[i % 3];
+        return background;
+    }
+    const Picture picture = read_picture(text, 3);
+    if (picture.w == w && picture.h == h) return picture;
+    background.pixels.resize(pixels * 3);
+    TarnoCPU::resize_bilinear_c3(picture.pixels.data(), picture.w, picture.h,
+                                 background.pixels.data(), w, h);
+    return background;
+}
+
+/// picture * mask + background * (1 - mask), the mask brought to the size of the picture.
+Picture composite_of(const Picture& picture, const Picture& background, const FloatMap& mask) {
+    const FloatMap alpha = resize_bilinear(mask, picture.w, picture.h);
+    Picture result = picture;
+    for (size_t i = 0; i < alpha.values.size(); ++i) {
+        const float value = alpha.values[i];
+        // A NaN fails both comparisons.
+        const float a = value >= 1.0f ? 1.0f : value > 0.0f ? value : 0.0f;
+        for (size_t k = i * 3; k < i * 3 + 3; ++k) {
+            const float mixed = static_cast<float>(picture.pixels[k]) * a +
+                                static_cast<float>(background.pixels[k]) * (1.0f - a);
+            result.pixels[k] = static_cast<unsigned char>(mixed + 0.5f);
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+void run(const RunCommand& command) {
+    LibraryReports reports(command.verbose);
+    ModelFile model;
+    open_model(command.model, reports, model);
+
+    // The first plan tells the inputs, the second has the sizes that the files bring along.
+    PlanOptions plan_options = command.plan;
+    const ModelPlan own_sizes = make_plan(model, plan_options);
+    if (own_sizes.inputs.empty()) require_runnable(model, own_sizes, command.limits);
+    const InputFiles input_files(model, own_sizes.inputs, command.inputs);
+    plan_options.input_sizes = input_files.sizes();
+    const ModelPlan plan = make_plan(model, plan_options);
+    require_runnable(model, plan, command.limits);
+    input_files.check(command.rules);
+    const PlannedLayer& layer = wanted_layer(command, model, plan);
+    check_outputs(command, model, layer, input_files);
+
+    const std::vector<NetInput> inputs = input_files.load(command.rules, plan.inputs);
+    const RunnableNet net(model, plan, reports);
+
+    OutputFiles files;
+    if (!command.all_layers.empty()) files.folder(command.all_layers);
+    const int wanted = net.position_of(layer.id);
+    TarnoCPU::Mat out;
+    for (int i = 0; i < command.repeat; ++i) {
+        // One walk serves the folder and the output: an LSTM would not give the same again.
+        const bool into_folder = !command.all_layers.empty() && i + 1 == command.repeat;
+        const int position = command.all_layers.empty() ? wanted : net.last_position();
+        RunObserver observer(position + 1, files, into_folder ? command.all_layers : std::string(),
+                             wanted);
+        out = net.run_checked(inputs, position, {}, &observer);
+        if (into_folder) out = observer.kept_copy();
+    }
+
+    TensorSize size;
+    FloatMap map;
+    map.values = values_of(out, size);
+    map.c = static_cast<int>(size.c);
+    map.h = static_cast<int>(size.h);
+    map.w = static_cast<int>(size.w);
+
+    if (!command.composite.empty()) {
+        const Picture picture = read_picture(input_files.picture_path(), 3);
+        const Picture background = background_of(command.background, picture.w, picture.h);
+        files.write(command.composite, png_bytes(composite_of(picture, background, map)));
+    }
+    if (!command.output.empty()) {
+        if (command.resize_output) {
+            const PictureInfo info = picture_info(input_files.picture_path());
+            map = resize_bilinear(map, info.w, info.h);
+        }
+        files.write(command.output, extension_of(command.output) == ".png"
+                                        ? png_bytes(picture_of(map))
+                                        : npy_bytes(map.values.data(), map.c, map.h, map.w));
+    }
+    files.commit();
+}
+
+}  // namespace tool
