@@ -7,43 +7,66 @@
 namespace TarnoCPU {
 namespace {
 
-// Rows of a feature map are short, too short for the way into memcpy and back.
-inline void copy_row(const float* from, int64_t count, float* to) {
-    if (count > 128) {
-        std::memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
-        return;
+// from[0], from[stride], from[2 * stride], from[3 * stride]; nothing behind the last is read.
+template <int stride>
+inline __m128 load_four(const float* from) {
+    if (stride == 1) return _mm_loadu_ps(from);
+    return _mm_shuffle_ps(_mm_loadu_ps(from), _mm_loadu_ps(from + 3), _MM_SHUFFLE(3, 1, 2, 0));
+}
+
+// `rows` rows of `count` pixels `stride` floats apart, one row every `step` floats, to consecutive
+// places. `vectors`, when not 0, is (count - 1) / 4 of a count of at least 4, known beforehand: the
+// rows of small feature maps are so short that the loop around their vectors would cost as much as
+// the copy.
+template <int stride, int vectors>
+void copy_rows(const float* from, int64_t step, int rows, int64_t count, float* to) {
+    for (int y = 0; y < rows; ++y, to += count) {
+        const float* row = from + y * step;
+        const int64_t before_last = vectors != 0 ? 4 * vectors : (count - 1) / 4 * 4;
+        for (int64_t i = 0; i < before_last; i += 4) {
+            _mm_storeu_ps(to + i, load_four<stride>(row + i * stride));
+        }
+        // The last vector overlaps the one before it where 4 does not divide the count.
+        _mm_storeu_ps(to + count - 4, load_four<stride>(row + (count - 4) * stride));
     }
+}
+
+template <int stride>
+void copy_rows(const float* from, int64_t step, int rows, int64_t count, float* to) {
     if (count < 4) {
-        for (int64_t i = 0; i < count; ++i)
-            to[i] = from[i];
+        for (int y = 0; y < rows; ++y, to += count) {
+            for (int64_t i = 0; i < count; ++i)
+                to[i] = from[y * step + i * stride];
+        }
         return;
     }
-    for (int64_t i = 0; i + 4 < count; i += 4)
-        _mm_storeu_ps(to + i, _mm_loadu_ps(from + i));
-    // The last vector overlaps the one before it where 4 does not divide the count.
-    _mm_storeu_ps(to + count - 4, _mm_loadu_ps(from + count - 4));
-}
-
-// to[i] = from[2 * i]; reads nothing behind from[2 * (count - 1)].
-inline void copy_every_second(const float* from, int64_t count, float* to) {
-    int64_t i = 0;
-    for (; i + 4 < count; i += 4) {
-        const __m128 low = _mm_loadu_ps(from + 2 * i);
-        const __m128 high = _mm_loadu_ps(from + 2 * i + 4);
-        _mm_storeu_ps(to + i, _mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0)));
+    switch ((count - 1) / 4) {
+        case 1:
+            return copy_rows<stride, 1>(from, step, rows, count, to);
+        case 2:
+            return copy_rows<stride, 2>(from, step, rows, count, to);
+        case 3:
+            return copy_rows<stride, 3>(from, step, rows, count, to);
+        default:
+            return copy_rows<stride, 0>(from, step, rows, count, to);
     }
-    for (; i < count; ++i)
-        to[i] = from[2 * i];
 }
 
-inline void copy_strided(const float* from, int64_t stride, int64_t count, float* to) {
-    if (stride == 1) {
-        copy_row(from, count, to);
+void copy_rows(const float* from, int64_t step, int rows, int64_t stride, int64_t count,
+               float* to) {
+    if (stride == 1 && count > 128) {
+        for (int y = 0; y < rows; ++y, to += count) {
+            std::memcpy(to, from + y * step, static_cast<size_t>(count) * sizeof(float));
+        }
+    } else if (stride == 1) {
+        copy_rows<1>(from, step, rows, count, to);
     } else if (stride == 2) {
-        copy_every_second(from, count, to);
+        copy_rows<2>(from, step, rows, count, to);
     } else {
-        for (int64_t i = 0; i < count; ++i)
-            to[i] = from[i * stride];
+        for (int y = 0; y < rows; ++y, to += count) {
+            for (int64_t i = 0; i < count; ++i)
+                to[i] = from[y * step + i * stride];
+        }
     }
 }
 
@@ -75,14 +98,15 @@ struct TapWalk {
 
 constexpr int strip = 16;  // floats of a cache line
 
-// Four taps of `count` neighbouring pixels: to[i * pitch + k] = from[k][i]. All of it inside.
-inline void interleave_taps(const float* const from[4], int count, int64_t pitch, float* to) {
+// Four taps of `count` output pixels: to[i * pitch + k] = from[k][i * stride].
+template <int stride>
+void interleave_taps(const float* const from[4], int count, int64_t pitch, float* to) {
     int i = 0;
     for (; i + 4 <= count; i += 4) {
-        __m128 a = _mm_loadu_ps(from[0] + i);
-        __m128 b = _mm_loadu_ps(from[1] + i);
-        __m128 c = _mm_loadu_ps(from[2] + i);
-        __m128 d = _mm_loadu_ps(from[3] + i);
+        __m128 a = load_four<stride>(from[0] + i * stride);
+        __m128 b = load_four<stride>(from[1] + i * stride);
+        __m128 c = load_four<stride>(from[2] + i * stride);
+        __m128 d = load_four<stride>(from[3] + i * stride);
         _MM_TRANSPOSE4_PS(a, b, c, d);
         _mm_storeu_ps(to + i * pitch, a);
         _mm_storeu_ps(to + (i + 1) * pitch, b);
@@ -91,7 +115,7 @@ inline void interleave_taps(const float* const from[4], int count, int64_t pitch
     }
     for (; i < count; ++i) {
         for (int k = 0; k < 4; ++k)
-            to[i * pitch + k] = from[k][i];
+            to[i * pitch + k] = from[k][i * stride];
     }
 }
 
@@ -105,15 +129,14 @@ void im2col_channel_major(const Im2col& work, float* col) {
     for (int64_t k = 0; k < taps; ++k, tap.next(work)) {
         const int64_t start = tap.offset(work);
         if (start + span < work.size) {
-            for (int y = 0; y < work.out_h; ++y, col += work.out_w) {
-                copy_strided(work.source + start + y * step, work.stride_w, work.out_w, col);
-            }
+            copy_rows(work.source + start, step, work.out_h, work.stride_w, work.out_w, col);
+            col += work.pixels();
             continue;
         }
         for (int y = 0; y < work.out_h; ++y, col += work.out_w) {
             const int64_t row = start + y * step;
             const int64_t inside = pixels_inside(row, work.stride_w, work.out_w, work.size);
-            if (inside > 0) copy_strided(work.source + row, work.stride_w, inside, col);
+            if (inside > 0) copy_rows(work.source + row, 0, 1, work.stride_w, inside, col);
             std::memset(col + inside, 0, static_cast<size_t>(work.out_w - inside) * sizeof(float));
         }
     }
@@ -132,7 +155,7 @@ void im2col_pixel_major(const Im2col& work, int64_t pitch, float* col) {
             float* to = col + (int64_t{y} * work.out_w + x) * pitch;
             TapWalk tap;
             for (int64_t k = 0; k < taps;) {
-                if (work.stride_w == 1 && k + 4 <= taps) {
+                if (work.stride_w <= 2 && k + 4 <= taps) {
                     TapWalk ahead = tap;
                     int64_t start[4];
                     bool inside = true;
@@ -144,7 +167,11 @@ void im2col_pixel_major(const Im2col& work, int64_t pitch, float* col) {
                     if (inside) {
                         const float* from[4] = {work.source + start[0], work.source + start[1],
                                                 work.source + start[2], work.source + start[3]};
-                        interleave_taps(from, count, pitch, to + k);
+                        if (work.stride_w == 1) {
+                            interleave_taps<1>(from, count, pitch, to + k);
+                        } else {
+                            interleave_taps<2>(from, count, pitch, to + k);
+                        }
                         tap = ahead;
                         k += 4;
                         continue;
@@ -168,12 +195,12 @@ void gather_every_second(const float* source, int64_t channels, int h, int w, in
                          float* col) {
     const int64_t plane = int64_t{h} * w;
     const int64_t columns = (int64_t{w} + 1) / 2;
-    for (int64_t q = 0; q < channels; ++q) {
-        for (int64_t done = 0, y = 0; done < count; done += columns, y += 2) {
-            const int64_t pixels = count - done < columns ? count - done : columns;
-            copy_every_second(source + q * plane + y * w, pixels, col);
-            col += pixels;
-        }
+    const int rows = static_cast<int>(count / columns);
+    const int64_t rest = count % columns;
+    for (int64_t q = 0; q < channels; ++q, col += count) {
+        const float* from = source + q * plane;
+        copy_rows(from, 2 * int64_t{w}, rows, 2, columns, col);
+        if (rest > 0) copy_rows(from + 2 * int64_t{w} * rows, 0, 1, 2, rest, col + rows * columns);
     }
 }
 

@@ -164,6 +164,26 @@ TEST_P(SgemmTapsTest, WithoutPaddingOrWithTooMuchOfItTheTapsRunOnInTheFlatBlock)
     }
 }
 
+TEST_P(SgemmConvolutionTest, RowsOfEveryLengthAreCopiedAndAddedToTheirEnd) {
+    SCOPED_TRACE(seed);
+    const Member& member = GetParam();
+    std::vector<int> widths = {127, 128, 129, 130, 131, 133, 256, 259};
+    for (int w = 4; w <= 42; ++w)
+        widths.push_back(w);
+    for (int w : widths) {
+        if (member.kernel_h == 1 && member.stride == 2 && w % 2 != 0) continue;
+        ConvolutionProblem p = problem_of(member, 3, 2, 5, w, natural_pad(member.kernel_h),
+                                          natural_pad(member.kernel_w), true);
+        SCOPED_TRACE(p.text());
+        Mat top;
+        auto op = loaded_operator(member.name, p);
+        ASSERT_EQ(0, op->forward(p.bottom_view(), top, get_default_option()));
+        expect_near(convolution_on_paper(p, out_h(member, p), out_w(member, p), p.pad_h, p.pad_w),
+                    top);
+        if (HasFatalFailure()) return;
+    }
+}
+
 TEST_P(SgemmConvolutionTest, EveryScratchComesFromItsAllocatorAndGoesBack) {
     const Member& member = GetParam();
     for (int pad : {0, 1}) {

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "cpu/operator.h"
+
+namespace TarnoCPU {
+
+/// max(x, 0) in place, any layout; a NaN becomes 0, and so does -0. The processor must have AVX:
+/// the tuning table answers for that.
+/// Parameter 0 `slope` is accepted and not used: a leaky ReLU cannot run here.
+class ReLU_Float_AVX : public OperatorSISOInplace {
+public:
+    int load(const ParamDict& pd, const ModelBin& mb, const LayerInferenceConfig& config) override;
+    std::string name() const override { return "ReLU_Float_AVX"; }
+    int forward(Mat& bottom_top, const Option& opt) override;
+    bool check_forward(const TensorShape& shape) override;
+};
+
+}  // namespace TarnoCPU
