@@ -130,15 +130,7 @@ Record& NetBuilder::add_reading(int bottom, const Size& out, const std::vector<i
 template <typename Record>
 int NetBuilder::add_many(const std::vector<int>& bottoms, const Size& out, int word,
                          int activation) {
-    if (bottoms.empty() || bottoms.size() > ZQ_MAX_BOTTOMS) {
-        fail_next("1 to 10 bottoms expected, found " + std::to_string(bottoms.size()));
-    }
     const size_t used = std::min<size_t>(bottoms.size(), ZQ_MAX_BOTTOMS);
-    for (size_t i = 0; i < used; ++i) {
-        if (bottoms[i] < 0 || bottoms[i] >= count()) {
-            fail_next("bottom " + std::to_string(bottoms[i]) + " is not there");
-        }
-    }
     Record& record = add<Record>(out, {});
     record.bottom_count = static_cast<unsigned short>(used);
     *record.out_shape = shape(out);
@@ -304,7 +296,19 @@ int NetBuilder::depthwise_deconvolution(int bottom, const Window& w, int activat
     return last();
 }
 
+void NetBuilder::check_bottoms(const std::vector<int>& bottoms) {
+    if (bottoms.empty() || bottoms.size() > ZQ_MAX_BOTTOMS) {
+        fail_next("1 to 10 bottoms expected, found " + std::to_string(bottoms.size()));
+    }
+    for (const int bottom : bottoms) {
+        if (bottom < 0 || bottom >= count()) {
+            fail_next("bottom " + std::to_string(bottom) + " is not there");
+        }
+    }
+}
+
 int NetBuilder::eltwise(const std::vector<int>& bottoms, int operator_type, int activation) {
+    check_bottoms(bottoms);
     const Size out = bottoms.empty() ? Size() : size(bottoms[0]);
     for (const int bottom : bottoms) {
         const Size in = size(bottom);
@@ -316,6 +320,7 @@ int NetBuilder::eltwise(const std::vector<int>& bottoms, int operator_type, int 
 }
 
 int NetBuilder::concat(const std::vector<int>& bottoms, int axis) {
+    check_bottoms(bottoms);
     Size out = bottoms.empty() ? Size() : size(bottoms[0]);
     out.channels = 0;
     for (const int bottom : bottoms) {

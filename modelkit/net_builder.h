@@ -168,6 +168,7 @@ private:
     Record& add(const Size& size, const std::vector<int>& dims);
     template <typename Record>
     Record& add_reading(int bottom, const Size& size, const std::vector<int>& dims = {});
+    void check_bottoms(const std::vector<int>& bottoms);
     template <typename Record>
     int add_many(const std::vector<int>& bottoms, const Size& size, int word, int activation);
     template <typename Record>

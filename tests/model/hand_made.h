@@ -63,7 +63,7 @@ inline std::vector<unsigned char> file(uint32_t version, const std::vector<Bytes
     return bytes.data;
 }
 
-/// An activation, the shortest message that reads a layer: 20 bytes of payload, no arrays.
+/// An activation, a short message that reads one layer.
 inline Bytes activation(unsigned int id, unsigned int bottom) {
     return message(8, Bytes().u16(id).u16(bottom).list({0x3c00, 0x3c00, 3}).list({2, 0, 0}));
 }

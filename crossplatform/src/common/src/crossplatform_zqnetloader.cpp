@@ -118,7 +118,8 @@ bool ZQNetLoader::read_messages(FILE* stream) {
         TN_ASSERT_AT(message_head == 0x5555, "crossplatform_zqnetloader", 1381);
         unsigned short message_type = 0;
         if (!in.read(message_type)) {
-            return fail(message_fault_text(in, record, "message_type expected, found the end"));
+            return fail(
+                message_fault_text(in.offset(), record, "message_type expected, found the end"));
         }
 
         const unsigned int since = zq_layer_type_since(message_type);
@@ -126,26 +127,27 @@ bool ZQNetLoader::read_messages(FILE* stream) {
         if (since == 0) {
             Tarno::_LogError("Tarno", "\n\n\nError, Unsupport Layer Type %d.\n", message_type);
             fault.text = "no such type";
-            return fail(message_fault_text(in, record, message_type, fault));
+            return fail(message_fault_text(in.offset(), record, message_type, fault));
         }
         // The oldest types have no gate: they are read whatever the header says.
         if (since > LEGACY_VERSION && rules.version < since) {
             fault.text = "a file of version " + std::to_string(since) +
                          " or above expected, found version " + std::to_string(rules.version);
-            return fail(message_fault_text(in, record, message_type, fault));
+            return fail(message_fault_text(in.offset(), record, message_type, fault));
         }
         std::unique_ptr<ZQLayerInfo> layer = read_payload(in, message_type, rules, fault);
-        if (!layer) return fail(message_fault_text(in, record, message_type, fault));
+        if (!layer) return fail(message_fault_text(in.offset(), record, message_type, fault));
         fault.id_known = true;
         fault.id = layer->id;
         append(std::move(layer));
 
+        const uint64_t end_offset = in.offset();
         unsigned short message_end = 0;
         const bool ended = in.read(message_end);
         if (!ended || message_end != 0xaaaa) {
             fault.text = "message_end 0xaaaa expected, found " +
                          (ended ? marker_text(message_end) : "the end of the file");
-            return fail(message_fault_text(in, record, message_type, fault));
+            return fail(message_fault_text(end_offset, record, message_type, fault));
         }
     }
 }

@@ -27,13 +27,14 @@ bool ZQNetLoader::read_messages_v10000(FILE* stream) {
         TN_ASSERT_AT(message_head == 0x5555, "crossplatform_zqnetloader", __LINE__);
         unsigned short message_type = 0;
         if (!in.read(message_type)) {
-            return fail(message_fault_text(in, record, "message_type expected, found the end"));
+            return fail(
+                message_fault_text(in.offset(), record, "message_type expected, found the end"));
         }
 
         if (zq_layer_type_since(message_type) == 10000) {
             PayloadFault fault;
             std::unique_ptr<ZQLayerInfo> layer = read_payload(in, message_type, rules, fault);
-            if (!layer) return fail(message_fault_text(in, record, message_type, fault));
+            if (!layer) return fail(message_fault_text(in.offset(), record, message_type, fault));
             append(std::move(layer));
         } else {
             std::printf("\n\n\nError, Unsupport Layer Type.\n");

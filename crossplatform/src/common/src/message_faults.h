@@ -1,15 +1,17 @@
 // The one-line reasons of `ZQNetLoader::failure`.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
-#include "crossplatform/src/common/src/bounded_reader.h"
 #include "crossplatform/src/common/src/payload_readers.h"
 
 /// "0x5555".
 std::string marker_text(unsigned int marker);
 
-/// Where a message went wrong and how. `record` counts the messages from 0.
-std::string message_fault_text(const BoundedReader& in, size_t record, const std::string& text);
-std::string message_fault_text(const BoundedReader& in, size_t record, unsigned short message_type,
+/// Where a message went wrong and how: the distance from the start of the file, and the number of
+/// the message from 0.
+std::string message_fault_text(uint64_t offset, size_t record, const std::string& text);
+std::string message_fault_text(uint64_t offset, size_t record, unsigned short message_type,
                                const PayloadFault& fault);

@@ -259,9 +259,9 @@ bool read(Payload& p, ZQLayerInfo_ElementWiseOperator& r, const PayloadRules& ru
         *r.out_shape = *r.in_shape;
     } else {
         if (!p.shape("out_shape", *r.out_shape)) return false;
-        for (unsigned int i = 0; i < r.bottom_count; ++i)
-            r.in_shapes[i] = *r.out_shape;
     }
+    for (unsigned int i = 0; i < r.bottom_count; ++i)
+        r.in_shapes[i] = *r.out_shape;
     return p.number("operator_type", r.operator_type) && p.number("activation", r.activation);
 }
 
