@@ -27,3 +27,15 @@ if(TARNO_SANITIZE)
   # The runtime of the sanitizers is resolved in the executable, not in the shared library.
   set(TARNO_LINK_OPTIONS "")
 endif()
+
+# The fuzzers' sanitizers and coverage go into every unit of the build.
+if(TARNO_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "TARNO_BUILD_FUZZERS needs clang; use the preset `fuzz`.")
+  endif()
+  set(fuzz_flags -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                 -fno-omit-frame-pointer)
+  add_compile_options(${fuzz_flags})
+  add_link_options(${fuzz_flags})
+  set(TARNO_LINK_OPTIONS "")
+endif()

@@ -241,8 +241,9 @@ public:
     void shapes(const char* name, const shape3* shapes, size_t count) {
         RecordField field{name, {}};
         for (size_t i = 0; shapes != nullptr && i < count; ++i) {
-            field.values.insert(field.values.end(),
-                                {shapes[i].scale_x, shapes[i].scale_y, shapes[i].channels});
+            field.values.push_back(shapes[i].scale_x);
+            field.values.push_back(shapes[i].scale_y);
+            field.values.push_back(shapes[i].channels);
         }
         list.push_back(std::move(field));
     }

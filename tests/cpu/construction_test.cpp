@@ -70,8 +70,8 @@ Mat run(const TarnoNet& net, const Mat& in, int layer = -1, int expected = 0) {
 ModelHeader small_header(unsigned int version = 10011) {
     ModelHeader header;
     header.version = version;
-    header.model_base_w = 8;
-    header.model_base_h = 8;
+    header.base_w = 8;
+    header.base_h = 8;
     return header;
 }
 
@@ -631,22 +631,27 @@ TEST(ConstructionWeights, PoolingKindsAreMaximumOneAndAverageZero) {
     }
 }
 
-TEST(ConstructionWeights, RegionAndConcatAndReshapeGetTheirFields) {
+TEST(ConstructionWeights, RegionAndConcatGetTheirFields) {
     NetBuilder builder(small_header());
-    const int a = builder.input(1);
-    builder.concat({a, a});
+    const int in = builder.input(2);
+    builder.concat({in, in});
     builder.region(1, 1, 0, 1);
     const auto net = net_of(builder);
-    // 11 x 11 grid: entry 0 (coords 0: also 1) is logistic, entry 1 the only class: 1 after
-    // softmax.
-    Mat in_mat(chw(1, 8, 16), nullptr);
-    std::fill(in_mat.ptr<float>(), in_mat.ptr<float>() + 128, 0.0f);
+    Mat in_mat(chw(2, 8, 16), nullptr);
+    std::fill(in_mat.ptr<float>(), in_mat.ptr<float>() + 256, 0.0f);
     const Mat out = run(*net, in_mat);
-    ASSERT_TRUE(out.shape == chw(2, 8, 16));
-    EXPECT_NE(0.0f, out.ptr<float>()[0]);
-    EXPECT_EQ(1.0f, out.ptr<float>()[124]);  // stride 124: 11 * 11 rounded up to fours
-    EXPECT_NE(1.0f, out.ptr<float>()[121]);  // the gap of three
-    EXPECT_EQ(0.0f, out.ptr<float>()[121]);
+    ASSERT_TRUE(out.shape == chw(4, 8, 16));
+    // One anchor, no box values: entry 0 is box value and score in one and is taken twice, entry 1
+    // is the only class, which a softmax makes 1. Entries are 124 apart: 11 * 11 rounded up.
+    const float* values = out.ptr<float>();
+    const double once = 0.5, twice = 1.0 / (1.0 + std::exp(-once));
+    EXPECT_NEAR(twice, values[0], 1e-6);
+    EXPECT_NEAR(twice, values[120], 1e-6);
+    for (int gap = 121; gap < 124; ++gap)
+        EXPECT_EQ(0.0f, values[gap]);
+    EXPECT_EQ(1.0f, values[124]);
+    EXPECT_EQ(1.0f, values[244]);
+    EXPECT_EQ(0.0f, values[245]);
 }
 
 // ---- damaged records ----

@@ -45,17 +45,15 @@ public:
     }
 };
 
-/// Notes which layers ran, and what each of them found in the blobs that a test watches.
+/// Notes which layers ran.
 class RecordingStatistician : public Statistician {
 public:
     std::vector<const Layer*> layers;
-    std::vector<Mat> bottoms;
     bool times_in_order = true;
 
-    void layer_stats(const Layer* layer, const Mat& bottom, Mat&, double t_before,
+    void layer_stats(const Layer* layer, const Mat&, Mat&, double t_before,
                      double t_after) override {
         layers.push_back(layer);
-        bottoms.push_back(bottom);
         times_in_order = times_in_order && t_before <= t_after;
     }
 };

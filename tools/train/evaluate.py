@@ -16,7 +16,7 @@ import numpy as np
 import torch
 
 from compose import pair
-from network import SegmentationNet, half_rounded
+from network import half_rounded, load
 from train import network_input
 
 COUNT = 500
@@ -43,11 +43,10 @@ def main():
     parser.add_argument('--float', action='store_true', help='do not round the weights')
     options = parser.parse_args()
     try:
-        network = SegmentationNet().eval()
-        network.load_state_dict(torch.load(options.checkpoint))
+        network = load(options.checkpoint).eval()
         figures, backgrounds = (np.load(os.path.join(options.data, name), mmap_mode='r')
                                 for name in ('figures.npy', 'backgrounds.npy'))
-    except OSError as error:
+    except (OSError, ValueError) as error:
         sys.exit(f'evaluate: {error}')
     each, pooled = scores(network if options.float else half_rounded(network), figures, backgrounds)
     print(f'mean IoU {each.mean():.4f}  pooled IoU {pooled:.4f}  '

@@ -13,7 +13,7 @@ import numpy as np
 import torch
 
 import reference
-from network import SIZE, SegmentationNet, fold, half_rounded
+from network import SIZE, fold, half_rounded, load
 from train import network_input
 from zqnet_writer import RELU, SIGMOID, Writer
 
@@ -62,8 +62,7 @@ def main():
     parser.add_argument('--check', metavar='PICTURE', help='a 256 x 256 picture')
     options = parser.parse_args()
     try:
-        network = SegmentationNet().eval()
-        network.load_state_dict(torch.load(options.checkpoint))
+        network = load(options.checkpoint).eval()
         export(network, options.output)
         if options.check:
             picture = reference.read_picture(options.check)

@@ -11,6 +11,9 @@ blocks see the whole picture.  Channel counts are multiples of 4 except at the
 two ends.
 """
 
+import copy
+import pickle
+
 import torch
 from torch import nn
 
@@ -107,6 +110,17 @@ class SegmentationNet(nn.Module):
         return self.head(upsample(x))
 
 
+def load(path):
+    """Returns the network of a checkpoint that train.py wrote; ValueError if
+    the file is none."""
+    network = SegmentationNet()
+    try:
+        network.load_state_dict(torch.load(path, map_location='cpu'))
+    except (RuntimeError, pickle.UnpicklingError, EOFError, KeyError, TypeError, AttributeError):
+        raise ValueError(f'{path}: not a checkpoint of this network') from None
+    return network
+
+
 def fold(block):
     """Returns (weight (o, i, kh, kw), bias (o,)) of a ConvNorm with its
     BatchNorm's running statistics folded in, computed in double."""
@@ -121,7 +135,6 @@ def half_rounded(network):
     """Returns a copy for evaluation whose BatchNorms are folded and whose
     weights and biases are rounded to IEEE half, as the exported file has
     them; arithmetic stays float32."""
-    import copy
     copied = copy.deepcopy(network).eval()
     for module in list(copied.modules()):
         if isinstance(module, ConvNorm):

@@ -20,7 +20,7 @@ import torch
 from torch.utils.data import DataLoader, Dataset
 
 from compose import pair
-from network import MEANS, SegmentationNet
+from network import MEANS, SegmentationNet, load
 
 FIRST = 1_000_000       # held-out pictures have numbers below 1,000,000
 
@@ -30,17 +30,15 @@ class Pictures(Dataset):
     (256, 256, 3) and (256, 256)."""
 
     def __init__(self, directory, first, count):
-        self.directory, self.first, self.count = directory, first, count
-        self.figures = self.backgrounds = None
+        self.first, self.count = first, count
+        self.figures, self.backgrounds = (
+            np.load(os.path.join(directory, name), mmap_mode='r')
+            for name in ('figures.npy', 'backgrounds.npy'))
 
     def __len__(self):
         return self.count
 
     def __getitem__(self, i):
-        if self.figures is None:
-            self.figures, self.backgrounds = (
-                np.load(os.path.join(self.directory, name), mmap_mode='r')
-                for name in ('figures.npy', 'backgrounds.npy'))
         picture, label = pair(self.first + i, self.figures, self.backgrounds)
         return torch.from_numpy(picture.copy()), torch.from_numpy(label)
 
@@ -74,9 +72,8 @@ def batch_iou(logits, labels):
 def train(options):
     torch.manual_seed(options.seed)
     torch.set_num_threads(options.threads)
-    network = SegmentationNet().to(memory_format=torch.channels_last)
-    if options.start:
-        network.load_state_dict(torch.load(options.start))
+    network = load(options.start) if options.start else SegmentationNet()
+    network = network.to(memory_format=torch.channels_last)
     optimizer = torch.optim.AdamW(network.parameters(), options.rate, weight_decay=1e-4)
     schedule = torch.optim.lr_scheduler.OneCycleLR(
         optimizer, options.rate, options.steps, pct_start=options.warmup, final_div_factor=200)
@@ -99,7 +96,8 @@ def train(options):
                     average[k].lerp_(v, 1 - keep)
         losses.append(loss.item())
         ious.append(batch_iou(logits, labels))
-        if step % options.report == 0 or step == options.steps:
+        last = step == (options.stop or options.steps)
+        if step % options.report == 0 or last:
             torch.save(average, options.checkpoint)
             line = (f'step {step} seconds {time.time() - begun:.0f} '
                     f'loss {np.mean(losses):.4f} iou {np.mean(ious):.4f}')
@@ -109,13 +107,16 @@ def train(options):
                     print(line, file=log)
             if sys.stderr.isatty():
                 print(line, file=sys.stderr)
+        if last:
+            break
 
 
 def main():
     parser = argparse.ArgumentParser(description='Train the segmentation network.')
     parser.add_argument('data', help='directory that make_data.py wrote')
     parser.add_argument('checkpoint', help='file to write, again at every report')
-    parser.add_argument('--steps', type=int, default=9000)
+    parser.add_argument('--steps', type=int, default=5000, help='length of the schedule')
+    parser.add_argument('--stop', type=int, help='end after so many steps of the schedule')
     parser.add_argument('--batch', type=int, default=16)
     parser.add_argument('--rate', type=float, default=3e-3, help='highest learning rate')
     parser.add_argument('--warmup', type=float, default=0.1, help='share of the steps')
@@ -129,7 +130,7 @@ def main():
     options = parser.parse_args()
     try:
         train(options)
-    except OSError as error:
+    except (OSError, ValueError) as error:
         sys.exit(f'train: {error}')
 
 
