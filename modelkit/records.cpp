@@ -253,7 +253,8 @@ public:
         for (size_t i = 0; i < count; ++i) {
             field.values.push_back(tensors[i].kind);
             field.values.push_back(tensors[i].rank);
-            field.values.insert(field.values.end(), tensors[i].dims, tensors[i].dims + 11);
+            for (const unsigned short dim : tensors[i].dims)
+                field.values.push_back(dim);
         }
         list.push_back(std::move(field));
     }

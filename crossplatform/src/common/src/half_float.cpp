@@ -37,9 +37,8 @@ unsigned short float_bits_to_half(unsigned int bits) {
     return static_cast<unsigned short>(sign | half);
 }
 
-}  // namespace
-
-unsigned int half_to_float_bits(unsigned short half) {
+// Apart from the exported function, which a shared library may not inline into its loops.
+unsigned int widened(unsigned short half) {
     const unsigned int sign = (half & 0x8000u) << 16;
     const unsigned int exponent = (half >> 10) & 0x1fu;
     const unsigned int mantissa = half & 0x3ffu;
@@ -52,8 +51,14 @@ unsigned int half_to_float_bits(unsigned short half) {
     return sign | bits;
 }
 
+}  // namespace
+
+unsigned int half_to_float_bits(unsigned short half) {
+    return widened(half);
+}
+
 float half_to_float(unsigned short half) {
-    const unsigned int bits = half_to_float_bits(half);
+    const unsigned int bits = widened(half);
     float value = 0.0f;
     std::memcpy(&value, &bits, sizeof(value));
     return value;
@@ -67,7 +72,7 @@ unsigned short float_to_half(float value) {
 
 void halves_to_floats(const unsigned short* halves, float* floats, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        const unsigned int bits = half_to_float_bits(halves[i]);
+        const unsigned int bits = widened(halves[i]);
         std::memcpy(&floats[i], &bits, sizeof(bits));
     }
 }
