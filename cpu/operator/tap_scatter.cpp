@@ -50,8 +50,8 @@ bool Scatter::scatter() const {
         for (int64_t y = 0; y < h; ++y) {
             for (int64_t x = 0; x < w; ++x) {
                 const int64_t first = y * params.stride_h * out_w + x * params.stride_w;
-                const float* weight = weights_of(p);
-                for (int64_t q = 0; q < channels; ++q, weight += taps) {
+                for (int64_t q = 0; q < channels; ++q) {
+                    const float* weight = weights_of(p) + q * taps;
                     const float value = planes[(q * h + y) * w + x];
                     if (first + offsets.largest() < out_plane) {
                         float* target = plane + first;
@@ -96,14 +96,11 @@ struct PhaseTile {
         for (int i = 0; i < Columns; ++i)
             sums[i] = bias;
         for (int64_t t = 0; t < tap_count; ++t) {
-            const float* source = window + row_taps[t].source;
-            const float* weight = weights + row_taps[t].k;
             for (int64_t q = 0; q < channels; ++q) {
-                const float v = *weight;
+                const float* source = window + (q * plane + row_taps[t].source);
+                const float weight = weights[q * taps + row_taps[t].k];
                 for (int i = 0; i < Columns; ++i)
-                    sums[i] += source[i] * v;
-                source += plane;
-                weight += taps;
+                    sums[i] += source[i] * weight;
             }
         }
         for (int i = 0; i < Columns; ++i)

@@ -19,16 +19,15 @@ struct SumTile {
         float sums[Columns];
         for (int i = 0; i < Columns; ++i)
             sums[i] = bias;
-        const float* weight = weights;
         for (int64_t q = 0; q < channels; ++q) {
+            const float* channel = window + q * plane;
+            const float* weight = weights + q * taps;
             for (int64_t k = 0; k < taps; ++k) {
-                const float* source = window + offsets[k];
+                const float* source = channel + offsets[k];
                 const float w = weight[k];
                 for (int i = 0; i < Columns; ++i)
                     sums[i] += source[i * step] * w;
             }
-            window += plane;
-            weight += taps;
         }
         for (int i = 0; i < Columns; ++i)
             out[i] = sums[i];
