@@ -12,10 +12,11 @@
 //   im2col_copy_GBs, bias_copy_GBs   the same for memcpy of as many bytes
 //
 // The rest is what no part covers: the checks, two to four calls of the allocator (a pool, as in an
-// extractor), copies of headers with their atomic counts. It is small and of either sign, because a
-// part on its own meets other caches than inside the operator, where the product reads a `col` that
-// was written a moment ago. The depthwise members call the BLAS once for every channel; those calls
-// are in the product, and at one row or one column of nine numbers they are most of it.
+// extractor), copies of headers with their atomic counts. That is about a microsecond; what goes
+// beyond it, of either sign, is the caches. A part on its own works on blocks of its own, so the
+// operator finds its `col` evicted by that of the parts where both are larger than a cache, up to a
+// tenth of the whole. The depthwise members call the BLAS once for every channel; those calls are
+// in the product, and with one row or one column of nine numbers they are most of it.
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>

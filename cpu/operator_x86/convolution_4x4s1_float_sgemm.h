@@ -4,7 +4,8 @@
 
 namespace TarnoCPU {
 
-/// 4x4 taps at stride 1. With a padding of 1 the last row and column of taps lie behind the border.
+/// 4x4 taps at stride 1. With a padding of 1 the taps at the bottom and on the right reach behind
+/// the border.
 class Convolution_4x4s1_Float_SGEMM : public SgemmConvolution {
 public:
     Convolution_4x4s1_Float_SGEMM()

@@ -13,7 +13,7 @@
 
 namespace TarnoCPU {
 
-/// Source and geometry of one im2col. All numbers but the dilations are at least 1.
+/// Source and geometry of one im2col. Strides, kernel and output are at least 1 in both directions.
 struct Im2col {
     const float* source;
     int64_t size;   ///< floats from `source` to the end of its block

@@ -130,12 +130,14 @@ TEST(WeightPacking, ElementsThatNoSourceElementNamesStayAsTheyWere) {
 }
 
 TEST(WeightPacking, Nc4hw4OfAnOddChannelCountDividesTheWholeProduct) {
-    // Two outputs of 6 inputs: the second row starts at 6 / 4 = 1 block, not at 6 elements.
-    std::vector<float> source = counted(12);
-    std::vector<float> target(12, 0.0f);
+    // Three outputs of 6 inputs: the second starts at block 6 / 4 = 1, over the end of the first,
+    // the third at block 12 / 4 = 3.
+    std::vector<float> source = counted(18);
+    std::vector<float> target(18, 0.0f);
     Mat target_mat = flat_view(target);
-    transform_nchw_to_nc4hw4(flat_view(source), target_mat, 2, 6, 1, 1);
-    EXPECT_EQ((std::vector<float>{1, 2, 3, 4, 7, 8, 9, 10, 11, 12, 0, 0}), target);
+    transform_nchw_to_nc4hw4(flat_view(source), target_mat, 3, 6, 1, 1);
+    EXPECT_EQ((std::vector<float>{1, 2, 3, 4, 7, 8, 9, 10, 11, 12, 0, 0, 13, 14, 15, 16, 17, 18}),
+              target);
 }
 
 struct Helper {
