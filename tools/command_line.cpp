@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -83,6 +84,23 @@ public:
     }
 };
 
+/// For numbers, in the words of the other errors.
+template <typename Number>
+std::string number_fault(const std::string& text, const char* expected) {
+    Number number = {};
+    const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc() && last == text.data() + text.size()) return "";
+    return std::string("expected ") + expected + ", found \"" + text + "\"";
+}
+
+std::string whole_number_fault(const std::string& text) {
+    return number_fault<int>(text, "a whole number");
+}
+
+std::string number_fault_of(const std::string& text) {
+    return number_fault<double>(text, "a number");
+}
+
 /// Options that are texts here and get their meaning when all is read.
 struct Texts {
     std::string size;
@@ -127,13 +145,12 @@ CLI::App* add_info(CLI::App& app, InfoCommand& command, Texts& texts) {
     CLI::App* info = app.add_subcommand("info", "Show what is in a model file.");
     info->add_option("MODEL", command.model, "The model file.")->required();
     CLI::Option* json = info->add_flag("--json", command.json, "Write JSON.");
-    info->add_flag("--dot", command.dot, "Write the graph for Graphviz: tarno info M --dot | dot "
-                                         "-Tsvg > m.svg")
+    info->add_flag("--dot", command.dot,
+                   "Write the graph for Graphviz, as in: tarno info M --dot | dot -Tsvg")
         ->excludes(json);
     add_size(info, texts);
     add_verbose(info, command.verbose);
     info->footer(
-        "\n"
         "The table has the layers in the order in which they run. Sizes are channels x rows x\n"
         "columns, as the CPU engine computes them at the base size; kernel, stride and pad are\n"
         "width x height, one number when both are the same. Parameters are the numbers that the\n"
@@ -163,6 +180,7 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     run->add_option("--layer", command.layer,
                     "Id of the layer whose output is the result (see tarno info); the last layer "
                     "unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("ID");
     run->add_option("--all-layers", command.all_layers,
                     "Folder for the outputs of all layers, an .npy file each: place in the run, "
@@ -194,11 +212,11 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     run->add_option("--repeat", command.repeat,
                     "Feed the input this many times; an LSTM keeps its state from one time to the "
                     "next. The last result counts.")
+        ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("TIMES");
     add_limits(run, texts);
     add_verbose(run, command.verbose);
     run->footer(
-        "\n"
         "For a net that takes pixel / 255 less (0.485, 0.456, 0.406):\n"
         "\n"
         "  tarno run --model portrait.zqnet --input me.jpg --output mask.png --resize-output \\\n"
@@ -217,23 +235,26 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
     bench->add_option("--runs", command.runs,
                       "Runs of the steady state: 100, or with --duration as many as fit.")
+        ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench->add_option("--duration", command.duration,
                       "End the steady state after this time, at least one run done.")
+        ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("SECONDS");
     bench->add_option("--warmup", command.warmup,
                       "Runs before the steady state, the first not counted. 10 unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench->add_option("--fps", command.fps,
                       "Start the runs as a camera does, so many in a second, and show how late they "
                       "start. A frame whose successor is due already is dropped.")
+        ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("RATE");
     bench->add_flag("--json", command.json, "Write JSON.");
     add_size(bench, texts);
     add_limits(bench, texts);
     add_verbose(bench, command.verbose);
     bench->footer(
-        "\n"
         "Each run is what a host does for a frame: a fresh extractor on the two memory pools that all\n"
         "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same in\n"
         "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.");
@@ -261,6 +282,11 @@ void check(RunCommand& command, const Texts& texts) {
                                      std::to_string(command.repeat));
     require(!command.resize_output || !command.output.empty(),
             "--resize-output: expected --output with it, found none");
+    unsigned char colour[3];
+    const bool numbers = command.background.find_first_not_of("0123456789,") == std::string::npos;
+    require(!numbers || parse_colour(command.background, colour),
+            "--background: expected R,G,B from 0 to 255 or a picture, found \"" +
+                command.background + "\"");
     std::string& type = command.rules.pixel_type;
     if (type == "grey") type = "gray";
     require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
@@ -296,8 +322,7 @@ Command parse_command_line(int argc, char** argv) {
     app.require_subcommand(1);
     app.get_formatter()->label("Positionals", "Arguments");
     app.get_formatter()->label("Subcommands", "Commands");
-    app.footer("\n"
-               "An error is one line on standard error, with exit status 1; 2 when the command line\n"
+    app.footer("An error is one line on standard error, with exit status 1; 2 when the command line\n"
                "itself is wrong.");
 
     InfoCommand info_command;
@@ -312,6 +337,12 @@ Command parse_command_line(int argc, char** argv) {
         sub->group("Commands");
     }
 
+    if (argc < 2) throw UsageError("expected a command: info, run or bench (see tarno --help)");
+    const std::string first = argv[1];
+    if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench") {
+        throw UsageError("expected a command: info, run or bench, found \"" +
+                         first + "\" (see tarno --help)");
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {

@@ -88,8 +88,9 @@ void print_text(const ModelFile& model, const ModelPlan& plan) {
     if (!plan.refusal) {
         text += '\n';
         line("weights", bytes_text(plan.weight_bytes) + " in the engine");
-        line("tensors", bytes_text(plan.peak_bytes) + " at the most in a run, " +
-                            bytes_text(plan.all_tensor_bytes) + " all together");
+        line("outputs", bytes_text(plan.all_tensor_bytes) + " of all layers together");
+        line("peak of a run", bytes_text(plan.peak_bytes) + ", scratch included, at layer " +
+                                  std::to_string(plan.layers[plan.peak_layer].id));
     }
     bool first = true;
     for (const PlannedLayer& layer : plan.layers) {

@@ -2,8 +2,11 @@
 
 #include <tarno/cpu.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <exception>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -115,6 +118,10 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
         throw CommandError(command.inputs[0] + ": expected a picture, whose size the output takes, "
                                                "found an .npy file");
     }
+    unsigned char colour[3];
+    if (!command.composite.empty() && !parse_colour(command.background, colour)) {
+        picture_info(command.background);
+    }
     if (!command.resize_output) return;
     const PictureInfo info = picture_info(files.picture_path());
     const double bytes = 4.0 * static_cast<double>(channels) * info.w * info.h;
@@ -163,6 +170,25 @@ Picture composite_of(const Picture& picture, const Picture& background, const Fl
     return result;
 }
 
+/// "1x256x256, 0.0012 to 0.9987".
+std::string summary_of(const FloatMap& map) {
+    float low = std::numeric_limits<float>::infinity();
+    float high = -low;
+    int64_t not_finite = 0;
+    for (const float value : map.values) {
+        if (!std::isfinite(value)) {
+            ++not_finite;
+            continue;
+        }
+        low = std::min(low, value);
+        high = std::max(high, value);
+    }
+    std::string text = size_text({map.c, map.h, map.w});
+    if (low <= high) text += ", " + fixed(low, 4) + " to " + fixed(high, 4);
+    if (not_finite > 0) text += ", " + grouped(not_finite) + " not finite";
+    return text;
+}
+
 }  // namespace
 
 void run(const RunCommand& command) {
@@ -199,6 +225,11 @@ void run(const RunCommand& command) {
         if (into_folder) out = observer.kept_copy();
     }
 
+    std::string report;
+    if (!command.all_layers.empty()) {
+        report += "wrote " + command.all_layers + ": " +
+                  std::to_string(net.last_position() + 1) + " arrays\n";
+    }
     TensorSize size;
     FloatMap map;
     map.values = values_of(out, size);
@@ -210,6 +241,8 @@ void run(const RunCommand& command) {
         const Picture picture = read_picture(input_files.picture_path(), 3);
         const Picture background = background_of(command.background, picture.w, picture.h);
         files.write(command.composite, png_bytes(composite_of(picture, background, map)));
+        report += "wrote " + command.composite + ": " + std::to_string(picture.w) + " x " +
+                  std::to_string(picture.h) + " pixels\n";
     }
     if (!command.output.empty()) {
         if (command.resize_output) {
@@ -219,8 +252,10 @@ void run(const RunCommand& command) {
         files.write(command.output, extension_of(command.output) == ".png"
                                         ? png_bytes(picture_of(map))
                                         : npy_bytes(map.values.data(), map.c, map.h, map.w));
+        report += "wrote " + command.output + ": " + summary_of(map) + "\n";
     }
     files.commit();
+    std::fputs(report.c_str(), stdout);
 }
 
 }  // namespace tool

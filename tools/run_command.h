@@ -26,7 +26,7 @@ struct RunCommand {
     bool verbose = false;
 };
 
-/// Throws CommandError; nothing is written then.
+/// Says on standard output what it wrote. Throws CommandError; nothing is written then.
 void run(const RunCommand& command);
 
 }  // namespace tool
