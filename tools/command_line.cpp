@@ -129,7 +129,7 @@ void add_limits(CLI::App* app, Texts& texts) {
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
-                    "like). 100G unless told otherwise.")
+                    "like). 20G unless told otherwise.")
         ->type_name("STEPS");
 }
 
@@ -234,7 +234,8 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
     bench->add_option("--runs", command.runs,
-                      "Runs of the steady state: 100, or with --duration as many as fit.")
+                      "Runs of the steady state: as many as --duration holds, or 100 without either, or "
+                      "what 10 seconds hold where that is less.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench->add_option("--duration", command.duration,
@@ -242,7 +243,8 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
         ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("SECONDS");
     bench->add_option("--warmup", command.warmup,
-                      "Runs before the steady state, the first not counted. 10 unless told otherwise.")
+                      "Runs before the steady state, the first not counted: 10 unless told otherwise, or "
+                      "what 5 seconds hold where that is less.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench->add_option("--fps", command.fps,
