@@ -32,9 +32,17 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
-constexpr int default_runs = 100;
+// Where nobody says otherwise, a slow model ends after a while, too.
+constexpr int64_t default_runs = 100;
+constexpr double default_duration = 10.0;  // seconds
+constexpr double most_warmup = 5.0;
+constexpr double most_profiling = 10.0;
 constexpr size_t most_profiled_runs = 100;
 constexpr unsigned int input_seed = 1;
+
+double seconds_since(Clock::time_point start) {
+    return milliseconds_since(start) / 1e3;
+}
 
 /// Bytes that the tensors and the scratch of a run hold at once.
 struct TensorBytes {
@@ -165,19 +173,21 @@ void Bench::run() {
 }
 
 void Bench::first_runs() {
-    const Clock::time_point start = Clock::now();
+    Clock::time_point start = Clock::now();
     net.run_checked(inputs, net.last_position(), settings, &names);
     report.first_run_ms = milliseconds_since(start);
     Progress progress("warm-up run", command.warmup);
-    for (int i = 0; i < command.warmup; ++i) {
+    start = Clock::now();
+    while (report.warmup < command.warmup && seconds_since(start) < most_warmup) {
         timed_run();
-        progress.step(i + 1);
+        progress.step(++report.warmup);
     }
-    report.warmup = command.warmup;
 }
 
 void Bench::steady_state() {
-    const int64_t runs = command.runs ? *command.runs : command.duration ? INT64_MAX : default_runs;
+    const bool neither = !command.runs && !command.duration;
+    const int64_t runs = command.runs ? *command.runs : neither ? default_runs : INT64_MAX;
+    const std::optional<double> duration = neither ? default_duration : command.duration;
     std::vector<double> times;
     std::vector<double> lateness;
     int64_t dropped = 0;
@@ -187,8 +197,7 @@ void Bench::steady_state() {
     const Clock::time_point start = Clock::now();
     Clock::time_point due = start;
     for (int64_t i = 0; i < runs; ++i) {
-        if (command.duration && i > 0 && milliseconds_since(start) >= *command.duration * 1e3)
-            break;
+        if (duration && i > 0 && seconds_since(start) >= *duration) break;
         if (command.fps) {
             // A camera does not wait: a frame whose successor is due already is lost.
             while (Clock::now() >= due + interval) {
@@ -202,7 +211,7 @@ void Bench::steady_state() {
         times.push_back(timed_run());
         progress.step(i + 1);
     }
-    report.elapsed_s = milliseconds_since(start) / 1e3;
+    report.elapsed_s = seconds_since(start);
     report.steady = statistics_of(times);
     if (command.fps) report.pacing = Pacing{statistics_of(lateness), dropped};
 }
@@ -211,12 +220,13 @@ void Bench::profile() {
     const size_t runs = std::min(report.steady.count, most_profiled_runs);
     LayerTimer timer(names.rows.size(), runs);
     Progress progress("profiled run", static_cast<int64_t>(runs));
-    for (size_t i = 0; i < runs; ++i) {
+    const Clock::time_point start = Clock::now();
+    while (report.profiled_runs < runs &&
+           (report.profiled_runs == 0 || seconds_since(start) < most_profiling)) {
         timer.start_run();
         net.run(inputs, net.last_position(), settings, &timer);
-        progress.step(static_cast<int64_t>(i) + 1);
+        progress.step(static_cast<int64_t>(++report.profiled_runs));
     }
-    report.profiled_runs = runs;
 
     double total = 0.0;
     for (size_t i = 0; i < names.rows.size(); ++i) {

@@ -130,7 +130,7 @@ void add_limits(CLI::App* app, Texts& texts) {
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
-                    "like). 100G unless told otherwise.")
+                    "like). 20G unless told otherwise.")
         ->type_name("STEPS");
 }
 
@@ -273,8 +273,10 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
     add_table(bench, command.table);
     bench
-        ->add_option("--runs", command.runs,
-                     "Runs of the steady state: 100, or with --duration as many as fit.")
+        ->add_option(
+            "--runs", command.runs,
+            "Runs of the steady state: as many as --duration holds, or 100 without either, or "
+            "what 10 seconds hold where that is less.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench
@@ -285,7 +287,8 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     bench
         ->add_option(
             "--warmup", command.warmup,
-            "Runs before the steady state, the first not counted. 10 unless told otherwise.")
+            "Runs before the steady state, the first not counted: 10 unless told otherwise, or "
+            "what 5 seconds hold where that is less.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench

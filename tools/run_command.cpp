@@ -201,7 +201,8 @@ void run(const RunCommand& command) {
     // The first plan tells the inputs, the second has the sizes that the files bring along.
     PlanOptions plan_options = command.plan;
     const ModelPlan own_sizes = make_plan(model, plan_options);
-    if (own_sizes.inputs.empty()) require_runnable(model, own_sizes, command.limits);
+    const bool number_fits = own_sizes.inputs.size() == command.inputs.size();
+    if (own_sizes.refusal && !number_fits) require_runnable(model, own_sizes, command.limits);
     const InputFiles input_files(model, own_sizes.inputs, command.inputs);
     plan_options.input_sizes = input_files.sizes();
     const ModelPlan plan = make_plan(model, plan_options);

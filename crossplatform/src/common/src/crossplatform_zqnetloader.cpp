@@ -126,7 +126,7 @@ bool ZQNetLoader::read_messages(FILE* stream) {
         PayloadFault fault;
         if (since == 0) {
             Tarno::_LogError("Tarno", "\n\n\nError, Unsupport Layer Type %d.\n", message_type);
-            fault.text = "no such type";
+            fault.text = "a type of 0 to 11, 14 to 22 or 26 expected";
             return fail(message_fault_text(in.offset(), record, message_type, fault));
         }
         // The oldest types have no gate: they are read whatever the header says.
