@@ -44,8 +44,7 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
         return joined == channels ? shape.c : joined == rows ? shape.h : shape.w;
     };
     int64_t sum = 0;
-    for (const Mat& bottom : bottoms)
-        sum += extent(bottom.shape);
+    for (const Mat& bottom : bottoms) sum += extent(bottom.shape);
     if (sum <= 0 || sum > INT_MAX) return -100;
 
     TensorShape shape(first.layout, first.c, first.h, first.w, first.elem_size);
@@ -61,9 +60,10 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
     for (int64_t o = 0; o < outer; ++o) {
         for (const Mat& bottom : bottoms) {
             const TensorShape& part = bottom.shape;
-            const int64_t run = joined == channels ? part.total()
-                                : joined == rows   ? static_cast<int64_t>(part.h) * part.w
-                                                   : part.w;
+            const int64_t run = bottom.shape.dims() == 0 ? 0
+                                : joined == channels     ? part.total()
+                                : joined == rows         ? static_cast<int64_t>(part.h) * part.w
+                                                         : part.w;
             copy_run(bottom, o * run, top, to, run);
             to += run;
         }

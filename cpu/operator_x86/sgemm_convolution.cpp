@@ -190,8 +190,8 @@ int DepthwiseSgemmConvolution::load(const ParamDict& pd, const ModelBin& mb,
 }
 
 bool DepthwiseSgemmConvolution::check_forward(const TensorShape& shape) {
-    // A group of 0 divides nothing.
-    return is_float_chw(shape) && params.group != 0 && shape.c % params.group == 0 &&
+    // A group of 0 or less divides nothing.
+    return is_float_chw(shape) && params.group > 0 && shape.c % params.group == 0 &&
            params.num_output % params.group == 0;
 }
 
