@@ -48,7 +48,7 @@ struct Weights {
 /// shapes from it.
 ///
 /// The first mistake (a bottom that is not there, sizes that do not fit, a type too new for the
-/// version) is kept: later calls still return ids, and `writer`, `bytes` and `save` report it.
+/// version) is kept: later calls still return ids, and `status`, `write` and `save` report it.
 class NetBuilder {
 public:
     /// Pixels at the base size of the header, and channels. All 0 behind a layer whose shape is
