@@ -1,6 +1,5 @@
 #include "bench_command.h"
 
-#include <sys/resource.h>
 #include <tarno/cpu.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 
 #include "errors.h"
 #include "heap_calls.h"
+#include "host_system.h"
 #include "layer_timer.h"
 #include "library_reports.h"
 #include "model_file.h"
@@ -164,9 +164,7 @@ void Bench::run() {
     steady_state();
     profile();
     count_heap_calls();
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    report.resident_bytes = int64_t{usage.ru_maxrss} * 1024;
+    report.resident_bytes = peak_resident_bytes();
     report.peak_light = peak_bytes(true);
     // Everything at once may be far more than a run needs.
     if (plan.all_tensor_bytes <= command.limits.memory) report.peak_full = peak_bytes(false);

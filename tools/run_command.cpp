@@ -124,12 +124,15 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
     if (!command.composite.empty() && !parse_colour(command.background, colour)) {
         picture_info(command.background);
     }
-    if (!command.resize_output) return;
+    if (!command.resize_output && command.composite.empty()) return;
     const PictureInfo info = picture_info(files.picture_path());
-    const double bytes = 4.0 * static_cast<double>(channels) * info.w * info.h;
+    // Floats of the resized output; of a composite the resized mask and three pictures.
+    const double bytes_of_pixel = (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
+                                  (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
+    const double bytes = bytes_of_pixel * info.w * info.h;
     if (bytes > static_cast<double>(command.limits.memory)) {
         fail("expected at most " + bytes_text(command.limits.memory) +
-             " of memory for the resized output, found a need of " +
+             " of memory for outputs in the size of the picture, found a need of " +
              bytes_text(static_cast<int64_t>(bytes)) + " (see --memory-limit)");
     }
 }
