@@ -44,7 +44,14 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
         return joined == channels ? shape.c : joined == rows ? shape.h : shape.w;
     };
     int64_t sum = 0;
-    for (const Mat& bottom : bottoms) sum += extent(bottom.shape);
+    for (const Mat& bottom : bottoms) {
+        // A bottom of nothing adds nothing; negative sizes belong to no tensor.
+        if (bottom.shape.dims() != 0) {
+            sum += extent(bottom.shape);
+        } else if (bottom.shape.total() != 0) {
+            return -100;
+        }
+    }
     if (sum <= 0 || sum > INT_MAX) return -100;
 
     TensorShape shape(first.layout, first.c, first.h, first.w, first.elem_size);
