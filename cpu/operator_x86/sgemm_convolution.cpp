@@ -65,6 +65,8 @@ int SgemmOperator::lengthen_weights(int64_t rows, int64_t columns) {
 int SgemmOperator::begin(const Mat& bottom, int channels, Mat& bordered, Mat& top,
                          const Option& opt) const {
     if (weight_data.empty() || bottom.empty()) return -100;
+    // A border that cuts would leave the taps without the pixels that their sizes promise.
+    if (params.pad_h < 0 || params.pad_w < 0) return -100;
     copy_make_border(bottom, bordered, params.pad_h, params.pad_h, params.pad_w, params.pad_w, 0,
                      0.0f, opt.workspace_allocator, 1);
     if (bordered.empty()) return -100;

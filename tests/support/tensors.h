@@ -34,7 +34,8 @@ inline TarnoCPU::Mat random_tensor(int c, int h, int w, unsigned int seed, float
 }
 
 inline std::vector<float> values_of(const TarnoCPU::Mat& mat) {
-    const size_t count = mat.empty() ? 0 : static_cast<size_t>(mat.shape.total());
+    const bool has_values = mat.data != nullptr && mat.shape.total() > 0;
+    const size_t count = has_values ? static_cast<size_t>(mat.shape.total()) : 0;
     std::vector<float> values(count);
     if (count != 0) std::memcpy(values.data(), mat.data, count * sizeof(float));
     return values;
