@@ -43,8 +43,16 @@ struct TN_API TensorShape {
     /// everything that counts as empty.
     int dims() const;
 
-    /// `c * h * w`, in 64 bits.
-    int64_t total() const { return static_cast<int64_t>(c) * h * w; }
+    /// `c * h * w` in 64 bits. What does not fit is the largest number, or the lowest when the
+    /// product is negative; no such tensor can be had.
+    int64_t total() const {
+        const int64_t plane = static_cast<int64_t>(h) * w;
+        const int64_t limit = plane != 0 ? INT64_MAX / (plane < 0 ? -plane : plane) : INT64_MAX;
+        if (c > limit || -static_cast<int64_t>(c) > limit) {
+            return (c < 0) != (plane < 0) ? INT64_MIN : INT64_MAX;
+        }
+        return c * plane;
+    }
 };
 
 /// A reference-counted block of memory with a shape header.

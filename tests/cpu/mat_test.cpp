@@ -50,6 +50,17 @@ TEST(TensorShape, DimsFollowTheSizes) {
     EXPECT_EQ(0, chw(1, 0, 5).dims());
 }
 
+TEST(TensorShape, ATotalBeyondSixtyFourBitsIsTheLargestOrTheLowestNumber) {
+    const int most = std::numeric_limits<int>::max();
+    EXPECT_EQ(INT64_MAX, chw(most, most, most).total());
+    EXPECT_EQ(INT64_MIN, chw(-most, most, most).total());
+    EXPECT_EQ(int64_t{2} * most * most, chw(2, most, most).total());
+    EXPECT_EQ(0, chw(most, most, 0).total());
+    AssertRecorder assertions;
+    EXPECT_TRUE(Mat(chw(most, most, most), nullptr).empty());
+    EXPECT_TRUE(Mat(chw(-most, most, most), nullptr).empty());
+}
+
 TEST(TensorShape, EqualityLooksAtAllSixFields) {
     const TensorShape base(TensorShape::CHW, 2, 3, 4, 4, 0);
     EXPECT_TRUE(base == TensorShape(TensorShape::CHW, 2, 3, 4, 4, 0));
