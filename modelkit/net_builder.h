@@ -131,7 +131,8 @@ public:
     int reshape(int bottom, const std::vector<int>& dims);
     int transpose(int bottom, const std::vector<int>& axes, const std::vector<int>& dims);
     int squeeze(int bottom, int axis, const std::vector<int>& dims);
-    int tensor_activation(int bottom, int type, double alpha = 0.0, double beta = 0.0);
+    /// `alpha` and `beta` are plain numbers in this record.
+    int tensor_activation(int bottom, int type, int alpha = 0, int beta = 0);
     /// `dims` empty: {1, outputs}.
     int fully_connected(int bottom, int inputs, int outputs, bool has_bias = true,
                         const Weights& weights = {}, const std::vector<int>& dims = {});
