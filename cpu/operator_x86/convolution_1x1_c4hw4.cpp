@@ -21,10 +21,8 @@ void fill_with_bias(float* out, int64_t plane, int64_t blocks, const ReadableFlo
         const float numbers[4] = {bias[4 * b], bias[4 * b + 1], bias[4 * b + 2], bias[4 * b + 3]};
         const __m128 vector = _mm_loadu_ps(numbers);
         int64_t i = 0;
-        for (; i + 4 <= plane; i += 4)
-            _mm_storeu_ps(out + i, vector);
-        for (; i < plane; ++i)
-            out[i] = numbers[i % 4];
+        for (; i + 4 <= plane; i += 4) _mm_storeu_ps(out + i, vector);
+        for (; i < plane; ++i) out[i] = numbers[i % 4];
     }
 }
 
@@ -44,8 +42,7 @@ void multiply_guarded(const C4HW4Product& product, const Mat& bottom, Mat& top,
                         const int64_t n = (i - y - x) % 4;
                         const int64_t pixel = ib * product.plane + i - n;
                         float sum = in[pixel] * weights[w + n];
-                        for (int k = 1; k < 4; ++k)
-                            sum += in[pixel + k] * weights[w + 4 * k + n];
+                        for (int k = 1; k < 4; ++k) sum += in[pixel + k] * weights[w + 4 * k + n];
                         out.add(ob * product.plane + i, sum);
                     }
                 }

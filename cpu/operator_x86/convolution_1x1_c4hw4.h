@@ -7,8 +7,10 @@
 // input block and adds the sum of the four products to the output block. The sums start from what
 // top holds: the bias, or, in a layer without one, whatever was there.
 //
-// What bounds the steps: four shuffles, four products and four sums a pixel on four vector pipes,
-// two of which shuffle, are three cycles for what products and sums alone would do in two.
+// What bounds the steps: four shuffles, four products and four sums a pixel are three cycles on
+// four vector pipes, where products and sums alone would take two. The member with the sums in a
+// register loads the weights for every pixel, and reads all input blocks of it: where a block is a
+// multiple of 4 KiB these fall into the same set of the first cache and push each other out.
 #pragma once
 
 #include <emmintrin.h>

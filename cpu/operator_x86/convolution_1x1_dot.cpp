@@ -1,11 +1,10 @@
 #include "cpu/operator_x86/convolution_1x1_dot.h"
 
-#include <emmintrin.h>
-
 #include <algorithm>
 #include <climits>
 
 #include "cpu/operator/kernel_support.h"
+#include "cpu/operator_x86/interleave.h"
 #include "cpu/transform.h"
 
 namespace TarnoCPU {
@@ -17,26 +16,6 @@ int input_channels(const ConvolutionParams& params) {
 
 void pack(const ConvolutionParams& params, const Mat& weight_data, Mat& packed) {
     transform_nchw_to_nc4hw4(weight_data, packed, params.num_output, input_channels(params), 1, 1);
-}
-
-// [4][plane] to [plane][4].
-void interleave(const float* in, int64_t plane, float* out) {
-    int64_t i = 0;
-    for (; i + 4 <= plane; i += 4) {
-        __m128 a = _mm_loadu_ps(in + i);
-        __m128 b = _mm_loadu_ps(in + i + plane);
-        __m128 c = _mm_loadu_ps(in + i + 2 * plane);
-        __m128 d = _mm_loadu_ps(in + i + 3 * plane);
-        _MM_TRANSPOSE4_PS(a, b, c, d);
-        _mm_storeu_ps(out + 4 * i, a);
-        _mm_storeu_ps(out + 4 * i + 4, b);
-        _mm_storeu_ps(out + 4 * i + 8, c);
-        _mm_storeu_ps(out + 4 * i + 12, d);
-    }
-    for (; i < plane; ++i) {
-        for (int k = 0; k < 4; ++k)
-            out[4 * i + k] = in[i + k * plane];
-    }
 }
 
 }  // namespace

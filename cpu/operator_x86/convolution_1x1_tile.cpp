@@ -17,8 +17,7 @@ void multiply_guarded(const Mat& bottom, Mat& top, const ReadableFloats& weights
     const int64_t row = bottom.shape.w;
     const int64_t plane = rows * row;
     for (int64_t p = 0; p < top.shape.c; p += tile) {
-        for (int64_t i = 0; i < tile * plane; ++i)
-            out.write(p * plane + i, bias[p + i / plane]);
+        for (int64_t i = 0; i < tile * plane; ++i) out.write(p * plane + i, bias[p + i / plane]);
         for (int64_t q = 0; q < inputs; q += 4) {
             for (int64_t y = 0; y < rows; y += 4) {
                 for (int64_t x = 0; x < row; x += 4) {

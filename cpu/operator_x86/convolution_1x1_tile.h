@@ -28,13 +28,13 @@ struct TileProduct {
     int64_t columns;  ///< a multiple of 4
 };
 
-/// Two rows of the 4x4 block. Eight vectors of input stay in registers while the tile goes by; each
-/// weight is read once for both rows. `w` holds [t][k], each weight in all four lanes.
+/// Two rows of the 4x4 block. Eight vectors of input stay in registers while the tile goes by. `w`
+/// holds [t][k], each weight in all four lanes: 4 * T vectors, in registers only for T = 1.
 ///
 /// What bounds it: a product and its sum are three instructions, since SSE multiplies in place and
-/// needs a copy before it. With two loads, two stores and a step of the address the eight products
-/// of an output channel take 29 instructions, five cycles at six a cycle, where the pipes would do
-/// them in four.
+/// first needs a copy (of a weight, which its load is; for T = 1 of the input). With two loads, two
+/// stores and a step of the address the eight products of an output channel take 29 instructions,
+/// five cycles at six a cycle, where the pipes would do them in four.
 template <int T>
 inline void add_two_rows(const float* in, float* out, int64_t plane, int64_t row, const __m128* w) {
     __m128 upper[4], lower[4];
@@ -48,11 +48,9 @@ inline void add_two_rows(const float* in, float* out, int64_t plane, int64_t row
         __m128 first = _mm_loadu_ps(out);
         __m128 second = _mm_loadu_ps(out + row);
 #pragma GCC unroll 4
-        for (int k = 0; k < 4; ++k)
-            first = _mm_add_ps(first, _mm_mul_ps(w[4 * t + k], upper[k]));
+        for (int k = 0; k < 4; ++k) first = _mm_add_ps(first, _mm_mul_ps(w[4 * t + k], upper[k]));
 #pragma GCC unroll 4
-        for (int k = 0; k < 4; ++k)
-            second = _mm_add_ps(second, _mm_mul_ps(w[4 * t + k], lower[k]));
+        for (int k = 0; k < 4; ++k) second = _mm_add_ps(second, _mm_mul_ps(w[4 * t + k], lower[k]));
         _mm_storeu_ps(out, first);
         _mm_storeu_ps(out + row, second);
         out += plane;
@@ -69,15 +67,13 @@ void multiply_tiles(TileProduct product) {
         for (int64_t t = p; t < p + T; ++t) {
             float* const out = product.out + t * plane;
             const __m128 bias = _mm_set1_ps(product.bias[t]);
-            for (int64_t i = 0; i < plane; i += 4)
-                _mm_storeu_ps(out + i, bias);
+            for (int64_t i = 0; i < plane; i += 4) _mm_storeu_ps(out + i, bias);
         }
         for (int64_t q = 0; q < product.inputs; q += 4) {
             __m128 w[4 * T];
             for (int t = 0; t < T; ++t) {
                 const float* const weight = product.weights + (p + t) * product.inputs + q;
-                for (int k = 0; k < 4; ++k)
-                    w[4 * t + k] = _mm_set1_ps(weight[k]);
+                for (int k = 0; k < 4; ++k) w[4 * t + k] = _mm_set1_ps(weight[k]);
             }
             for (int64_t y = 0; y < product.rows; y += 4) {
                 const float* in = product.in + q * plane + y * row;

@@ -58,21 +58,19 @@ TN_TARGET void interleave(const float* in, int64_t plane, int64_t count, float* 
         }
     }
     for (; i < count; ++i) {
-        for (int k = 0; k < 8; ++k)
-            out[8 * i + k] = in[i + k * plane];
+        for (int k = 0; k < 8; ++k) out[8 * i + k] = in[i + k * plane];
     }
 }
 
 // `count` pixels of one output channel, from `in` [blocks][count][8]. Eight pixels are eight
 // accumulators, which share the load of the weights. Nine loads for eight fused products on two
-// load pipes bound it, then the 23 operations of `add_across`.
+// load pipes bound it, then the 21 operations of `add_across`.
 TN_TARGET void multiply(const float* in, int64_t count, int64_t blocks, const float* weights,
                         float* out) {
     int64_t i = 0;
     for (; i + 8 <= count; i += 8) {
         __m256 sums[8];
-        for (int j = 0; j < 8; ++j)
-            sums[j] = _mm256_setzero_ps();
+        for (int j = 0; j < 8; ++j) sums[j] = _mm256_setzero_ps();
         const float* from = in + 8 * i;
         for (int64_t b = 0; b < blocks; ++b, from += 8 * count) {
             const __m256 w = _mm256_loadu_ps(weights + 8 * b);
@@ -83,8 +81,7 @@ TN_TARGET void multiply(const float* in, int64_t count, int64_t blocks, const fl
     }
     for (; i < count; ++i) {
         __m256 sums[8];
-        for (int j = 0; j < 8; ++j)
-            sums[j] = _mm256_setzero_ps();
+        for (int j = 0; j < 8; ++j) sums[j] = _mm256_setzero_ps();
         const float* from = in + 8 * i;
         for (int64_t b = 0; b < blocks; ++b, from += 8 * count) {
             sums[0] =

@@ -35,8 +35,7 @@ void sample(const Mat& bottom, int64_t rows, int64_t columns, float* panels) {
                     _mm_storeu_ps(panel, even_of_eight(from));
                     _mm_storeu_ps(panel + 4, even_of_eight(from + 8));
                 } else {
-                    for (int64_t i = 0; i < count; ++i)
-                        panel[lane + i] = from[2 * i];
+                    for (int64_t i = 0; i < count; ++i) panel[lane + i] = from[2 * i];
                 }
                 from += 2 * count;
                 left -= count;
@@ -67,8 +66,7 @@ void spread(const float* weights, int64_t inputs, int64_t channels, __m128* tile
 void multiply(const float* panel, int64_t inputs, const __m128* tile, const float* bias,
               float* result) {
     __m128 left[tile_channels], right[tile_channels];
-    for (int t = 0; t < tile_channels; ++t)
-        left[t] = right[t] = _mm_set1_ps(bias[t]);
+    for (int t = 0; t < tile_channels; ++t) left[t] = right[t] = _mm_set1_ps(bias[t]);
     for (int64_t q = 0; q < inputs; ++q) {
         const __m128 a = _mm_load_ps(panel + q * panel_pixels);
         const __m128 b = _mm_load_ps(panel + q * panel_pixels + 4);

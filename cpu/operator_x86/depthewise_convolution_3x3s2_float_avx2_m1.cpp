@@ -18,8 +18,7 @@ namespace {
 // pipes are seven cycles for eight outputs.
 TN_TARGET void convolve_rows(DepthwisePlane plane) {
     __m256 weights[9];
-    for (int tap = 0; tap < 9; ++tap)
-        weights[tap] = _mm256_broadcast_ss(plane.weights + tap);
+    for (int tap = 0; tap < 9; ++tap) weights[tap] = _mm256_broadcast_ss(plane.weights + tap);
     const __m256 bias = _mm256_broadcast_ss(plane.bias);
     for (int64_t y = 0; y < plane.rows; ++y) {
         const float* in = plane.in + 2 * y * plane.in_row;

@@ -80,8 +80,7 @@ TEST_P(Convolution1x1Blocks, WithoutABiasTheSumsAddToWhatTheTopHolds) {
         std::vector<float> before(12 * h * columns, 0.0f);
         if (!zeros) before = random_floats(before.size(), 33);
         std::vector<ExactSum> start(before.size());
-        for (size_t i = 0; i < before.size(); ++i)
-            start[i].add(before[i]);
+        for (size_t i = 0; i < before.size(); ++i) start[i].add(before[i]);
         ExactBlock block(bottom), top_block(before);
         Mat top = top_block.view(c4hw4(12, h, columns));
         ASSERT_EQ(0, op->forward(block.view(c4hw4(8, h, columns)), top, get_default_option()));
@@ -121,8 +120,7 @@ TEST_P(Convolution1x1Blocks, OutputsBehindTheLastWholeBlockAreLeftOut) {
     ASSERT_EQ(0, op->forward(block.view(c4hw4(4, 4, 16)), top, get_default_option()));
     EXPECT_TRUE(c4hw4(4, 4, 16) == top.shape);
     std::vector<ExactSum> start(4 * 64);
-    for (size_t i = 0; i < start.size(); ++i)
-        start[i].add(layer.bias[i % 4]);
+    for (size_t i = 0; i < start.size(); ++i) start[i].add(layer.bias[i % 4]);
     expect_sums(walk(layer, 4, 16, 1, bottom, start), values_of(top));
 }
 

@@ -332,8 +332,7 @@ TEST_P(Convolution1x1Members, WeightsThatAreTooFewForTheTensorEndInZeros) {
     opt.blob_allocator = &blobs;
     Mat top;
     ASSERT_EQ(0, op->forward(bottom_of(block, size), top, opt));
-    for (float value : values_of(top))
-        ASSERT_TRUE(std::isfinite(value));
+    for (float value : values_of(top)) ASSERT_TRUE(std::isfinite(value));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Convolution1x1Members, testing::ValuesIn(members), class_name_of);

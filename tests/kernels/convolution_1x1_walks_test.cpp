@@ -105,8 +105,7 @@ TEST(Convolution1x1Walks, DotProductsLeaveOutChannelsBehindTheLastWholeBlock) {
         for (int i = 0; i < h * w; ++i) {
             ExactSum sum;
             sum.add(bias[p]);
-            for (int q = 0; q < 4; ++q)
-                sum.add(double{bottom[q * h * w + i]} * weights[p * 4 + q]);
+            for (int q = 0; q < 4; ++q) sum.add(double{bottom[q * h * w + i]} * weights[p * 4 + q]);
             expected.push_back(sum);
         }
     }

@@ -129,8 +129,7 @@ protected:
         }
         const int few = 2 * info->input_multiple;
         for (int rows : {1, 2, 5}) {
-            for (int columns : {1, 3, 4, 5, 7})
-                result.push_back({few, rows * h, columns * w});
+            for (int columns : {1, 3, 4, 5, 7}) result.push_back({few, rows * h, columns * w});
         }
         result.push_back({few, 8 * h, 80});
         return result;
@@ -232,16 +231,13 @@ TEST_P(DepthwiseMembers, WithoutABiasASumOfNegativeZerosStaysNegative) {
     const Size size{info->input_multiple, info->height_multiple * 3, info->width_multiple * 3};
     Layer layer(size, info->stride, 19);
     // The border is of positive zeros, which a negative weight turns.
-    for (float& value : layer.bottom)
-        value = 0.0f;
-    for (float& weight : layer.weights)
-        weight = -1.0f;
+    for (float& value : layer.bottom) value = 0.0f;
+    for (float& weight : layer.weights) weight = -1.0f;
     auto op = make_loaded(GetParam(), layer.params(1, false), layer.weights, layer.bias);
     ExactBlock block(in_layout(layer.bottom, size));
     Mat top;
     ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, get_default_option()));
-    for (float value : values_of(top))
-        ASSERT_TRUE(value == 0.0f && std::signbit(value));
+    for (float value : values_of(top)) ASSERT_TRUE(value == 0.0f && std::signbit(value));
 }
 
 TEST_P(DepthwiseMembers, KernelStrideAndDilationOfTheParametersAreNotApplied) {

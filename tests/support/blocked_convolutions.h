@@ -179,8 +179,7 @@ inline std::string class_name_of(const testing::TestParamInfo<const char*>& info
 
 /// The unit of a class: its name in small letters.
 inline std::string unit_of(std::string class_name) {
-    for (char& c : class_name)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : class_name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return class_name;
 }
 
