@@ -8,7 +8,11 @@
 #include <algorithm>
 #include <ctime>
 
+#include "tests/support/processor.h"
+
 namespace benchmark_support {
+
+using testing_support::machine_has;
 
 inline double cpu_seconds() {
     return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
@@ -32,61 +36,30 @@ inline double best_rate(void (*loop)(int rounds), double operations) {
 // product times the number of pipes. The empty assembler statements keep the products in the loop.
 inline constexpr int arithmetic_chains = 12;
 
-inline void multiply_add_sse(int rounds) {
-    __m128 sums[arithmetic_chains];
-    for (__m128& sum : sums) sum = _mm_setzero_ps();
-    __m128 a = _mm_set1_ps(1.0f), b = _mm_set1_ps(0.5f);
-    for (int i = 0; i < rounds; ++i) {
-#pragma GCC unroll 12
-        for (int j = 0; j < arithmetic_chains; ++j) {
-            asm volatile("" : "+x"(a));
-            sums[j] = _mm_add_ps(sums[j], _mm_mul_ps(a, b));
-        }
+#define DEFINE_ARITHMETIC_LOOP(name, instructions, vector, zero, set1, step)       \
+    __attribute__((target(instructions))) inline void name(int rounds) {           \
+        vector sums[arithmetic_chains];                                            \
+        for (vector & sum : sums) sum = zero();                                    \
+        vector a = set1(1.0f), b = set1(0.5f);                                     \
+        for (int i = 0; i < rounds; ++i) {                                         \
+            _Pragma("GCC unroll 12") for (int j = 0; j < arithmetic_chains; ++j) { \
+                asm volatile("" : "+x"(a));                                        \
+                sums[j] = step;                                                    \
+            }                                                                      \
+        }                                                                          \
+        for (vector & sum : sums) asm volatile("" ::"x"(sum));                     \
     }
-    for (__m128& sum : sums) asm volatile("" ::"x"(sum));
-}
 
-__attribute__((target("fma"))) inline void multiply_add_fma128(int rounds) {
-    __m128 sums[arithmetic_chains];
-    for (__m128& sum : sums) sum = _mm_setzero_ps();
-    __m128 a = _mm_set1_ps(1.0f), b = _mm_set1_ps(0.5f);
-    for (int i = 0; i < rounds; ++i) {
-#pragma GCC unroll 12
-        for (int j = 0; j < arithmetic_chains; ++j) {
-            asm volatile("" : "+x"(a));
-            sums[j] = _mm_fmadd_ps(a, b, sums[j]);
-        }
-    }
-    for (__m128& sum : sums) asm volatile("" ::"x"(sum));
-}
+DEFINE_ARITHMETIC_LOOP(multiply_add_sse, "sse2", __m128, _mm_setzero_ps, _mm_set1_ps,
+                       _mm_add_ps(sums[j], _mm_mul_ps(a, b)))
+DEFINE_ARITHMETIC_LOOP(multiply_add_avx, "avx", __m256, _mm256_setzero_ps, _mm256_set1_ps,
+                       _mm256_add_ps(sums[j], _mm256_mul_ps(a, b)))
+DEFINE_ARITHMETIC_LOOP(multiply_add_fma128, "fma", __m128, _mm_setzero_ps, _mm_set1_ps,
+                       _mm_fmadd_ps(a, b, sums[j]))
+DEFINE_ARITHMETIC_LOOP(multiply_add_fma256, "fma", __m256, _mm256_setzero_ps, _mm256_set1_ps,
+                       _mm256_fmadd_ps(a, b, sums[j]))
 
-__attribute__((target("avx"))) inline void multiply_add_avx(int rounds) {
-    __m256 sums[arithmetic_chains];
-    for (__m256& sum : sums) sum = _mm256_setzero_ps();
-    __m256 a = _mm256_set1_ps(1.0f), b = _mm256_set1_ps(0.5f);
-    for (int i = 0; i < rounds; ++i) {
-#pragma GCC unroll 12
-        for (int j = 0; j < arithmetic_chains; ++j) {
-            asm volatile("" : "+x"(a));
-            sums[j] = _mm256_add_ps(sums[j], _mm256_mul_ps(a, b));
-        }
-    }
-    for (__m256& sum : sums) asm volatile("" ::"x"(sum));
-}
-
-__attribute__((target("avx,fma"))) inline void multiply_add_fma256(int rounds) {
-    __m256 sums[arithmetic_chains];
-    for (__m256& sum : sums) sum = _mm256_setzero_ps();
-    __m256 a = _mm256_set1_ps(1.0f), b = _mm256_set1_ps(0.5f);
-    for (int i = 0; i < rounds; ++i) {
-#pragma GCC unroll 12
-        for (int j = 0; j < arithmetic_chains; ++j) {
-            asm volatile("" : "+x"(a));
-            sums[j] = _mm256_fmadd_ps(a, b, sums[j]);
-        }
-    }
-    for (__m256& sum : sums) asm volatile("" ::"x"(sum));
-}
+#undef DEFINE_ARITHMETIC_LOOP
 
 /// Floating-point operations a second that kernels of this instruction set are measured against: a
 /// product and a sum count as two, fused or not.
@@ -100,24 +73,6 @@ inline double arithmetic_limit(TarnoCPU::OperatorInfo::InstructionSet isa) {
     if (isa == Set::FMA) return std::max(narrow, sse);
     static const double wide = best_rate(&multiply_add_fma256, 2.0 * 8 * arithmetic_chains);
     return std::max(wide, avx);
-}
-
-/// Whether this machine has the instruction set.
-inline bool machine_has(TarnoCPU::OperatorInfo::InstructionSet isa) {
-    using Set = TarnoCPU::OperatorInfo::InstructionSet;
-    switch (isa) {
-        case Set::Baseline:
-            return true;
-        case Set::SSE41:
-            return __builtin_cpu_supports("sse4.1");
-        case Set::AVX:
-            return __builtin_cpu_supports("avx");
-        case Set::FMA:
-            return __builtin_cpu_supports("fma");
-        case Set::AVX2:
-            return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-    }
-    return false;
 }
 
 }  // namespace benchmark_support

@@ -71,14 +71,8 @@ struct Layer {
     }
 };
 
-class Convolution1x1Members : public testing::TestWithParam<const char*> {
+class Convolution1x1Members : public MemberTest {
 protected:
-    void SetUp() override {
-        ASSERT_NE(nullptr, find_operator(GetParam()));
-        info = find_operator(GetParam());
-        if (!machine_runs(GetParam())) GTEST_SKIP() << "needs an instruction set that is not here";
-    }
-
     // Sizes around the tile of the member: exact, more tiles, few and many channels, one pixel
     // where that is a whole tile.
     std::vector<Size> sizes() const {
@@ -101,20 +95,17 @@ protected:
         return result;
     }
 
-    Mat bottom_of(ExactBlock& block, const Size& size) const {
-        return block.view(blocks() ? c4hw4(size.inputs, size.h, size.w)
-                                   : chw(size.inputs, size.h, size.w));
+    // Exactly the bottom of a layer.
+    ExactBlock block_of(const Layer& layer, int misalignment = 0) const {
+        const Size& size = layer.size;
+        return ExactBlock(in_layout(layer.bottom, size.inputs, size.h, size.w), misalignment);
     }
-    std::vector<float> in_layout(const std::vector<float>& planes, const Size& size) const {
-        return blocks() ? to_blocks(planes, size.inputs, size.h, size.w) : planes;
+    TensorShape bottom_shape(const Size& size) const {
+        return shape_of(size.inputs, size.h, size.w);
     }
-    std::vector<float> planes_of(const Mat& top, const Size& size) const {
-        const std::vector<float> values = values_of(top);
-        return blocks() ? to_planes(values, size.outputs, size.h, size.w) : values;
+    TensorShape top_shape(const Size& size) const {
+        return shape_of(size.outputs, size.h / info->stride, size.w / info->stride);
     }
-    bool blocks() const { return in_blocks(GetParam()); }
-
-    const OperatorInfo* info = nullptr;
 };
 
 TEST_P(Convolution1x1Members, GivesTheSumOfProductsAndBiasInEveryElement) {
@@ -124,25 +115,36 @@ TEST_P(Convolution1x1Members, GivesTheSumOfProductsAndBiasInEveryElement) {
         const Layer layer(size, info->stride, seed);
         seed += 10;
         auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-        ExactBlock block(in_layout(layer.bottom, size));
+        ExactBlock block = block_of(layer);
         PoisoningAllocator blobs, workspace;
         Option opt = get_default_option();
         opt.blob_allocator = &blobs;
         opt.workspace_allocator = &workspace;
         {
             Mat top;
-            ASSERT_EQ(0, op->forward(bottom_of(block, size), top, opt));
-            TensorShape expected = bottom_of(block, size).shape;
-            expected.c = blocks() ? size.outputs / 4 : size.outputs;
-            expected.h /= info->stride;
-            expected.w /= info->stride;
-            EXPECT_TRUE(expected == top.shape);
+            ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, opt));
+            EXPECT_TRUE(top_shape(size) == top.shape);
             EXPECT_EQ(&blobs, top.allocator);
-            ASSERT_NO_FATAL_FAILURE(expect_sums(layer.sums(true), planes_of(top, size)));
+            ASSERT_NO_FATAL_FAILURE(expect_sums(layer.sums(true), planes_of(top)));
         }
         EXPECT_EQ(0, blobs.alive);
         EXPECT_EQ(0, workspace.alive);
     }
+}
+
+TEST_P(Convolution1x1Members, AgreesWithThePlainConvolutionUpToTheOrderOfTheSum) {
+    const Size size{4 * info->input_multiple, 2 * info->output_multiple, 4 * info->height_multiple,
+                    4 * info->width_multiple};
+    const Layer layer(size, info->stride, 6);
+    auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
+    auto plain =
+        make_loaded("Convolution_Float_Fallback", layer.params(), layer.weights, layer.bias);
+    ExactBlock block = block_of(layer), planes(layer.bottom);
+    Mat top, plain_top;
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
+    ASSERT_EQ(0, plain->forward(planes.view(chw(size.inputs, size.h, size.w)), plain_top,
+                                get_default_option()));
+    expect_same_sums(layer.sums(true), planes_of(top), values_of(plain_top));
 }
 
 TEST_P(Convolution1x1Members, WritesNothingOutsideABlockOfExactlyTheTopsSize) {
@@ -150,17 +152,13 @@ TEST_P(Convolution1x1Members, WritesNothingOutsideABlockOfExactlyTheTopsSize) {
                     5 * info->width_multiple};
     const Layer layer(size, info->stride, 7);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     const size_t total = layer.sums(true).size();
     ExactBlock top_block(std::vector<float>(total, std::nanf("")));
-    TensorShape shape = bottom_of(block, size).shape;
-    shape.c = blocks() ? size.outputs / 4 : size.outputs;
-    shape.h /= info->stride;
-    shape.w /= info->stride;
-    Mat top = top_block.view(shape);
-    ASSERT_EQ(0, op->forward(bottom_of(block, size), top, get_default_option()));
+    Mat top = top_block.view(top_shape(size));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     EXPECT_EQ(top_block.data(), top.data) << "a top of the right shape is kept";
-    expect_sums(layer.sums(true), planes_of(top, size));
+    expect_sums(layer.sums(true), planes_of(top));
 }
 
 TEST_P(Convolution1x1Members, TensorsNeedNoAlignment) {
@@ -170,15 +168,11 @@ TEST_P(Convolution1x1Members, TensorsNeedNoAlignment) {
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
     for (int in_off : {0, 1, 3}) {
         for (int out_off : {0, 1}) {
-            ExactBlock block(in_layout(layer.bottom, size), in_off);
+            ExactBlock block = block_of(layer, in_off);
             ExactBlock top_block(std::vector<float>(layer.sums(true).size()), out_off);
-            TensorShape shape = bottom_of(block, size).shape;
-            shape.c = blocks() ? size.outputs / 4 : size.outputs;
-            shape.h /= info->stride;
-            shape.w /= info->stride;
-            Mat top = top_block.view(shape);
-            ASSERT_EQ(0, op->forward(bottom_of(block, size), top, get_default_option()));
-            expect_sums(layer.sums(true), planes_of(top, size));
+            Mat top = top_block.view(top_shape(size));
+            ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
+            expect_sums(layer.sums(true), planes_of(top));
         }
     }
 }
@@ -192,10 +186,10 @@ TEST_P(Convolution1x1Members, PaddingStrideAndDilationOfTheParametersAreNotAppli
     params.stride = 5;
     params.dilation = 2;
     auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     Mat top;
-    ASSERT_EQ(0, op->forward(bottom_of(block, size), top, get_default_option()));
-    expect_sums(layer.sums(true), planes_of(top, size));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
+    expect_sums(layer.sums(true), planes_of(top));
 }
 
 TEST_P(Convolution1x1Members, WithoutABiasTheTensorOfPlanesGetsThePlainSums) {
@@ -209,13 +203,13 @@ TEST_P(Convolution1x1Members, WithoutABiasTheTensorOfPlanesGetsThePlainSums) {
     ASSERT_EQ(0, load(*op, params, layer.weights.data(), layer.bias.data()));
     params.bias = false;
     ASSERT_EQ(0, load(*op, params, layer.weights.data(), nullptr));
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;
     Mat top;
-    ASSERT_EQ(0, op->forward(bottom_of(block, size), top, opt));
-    expect_sums(layer.sums(false), planes_of(top, size));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, opt));
+    expect_sums(layer.sums(false), planes_of(top));
 }
 
 TEST_P(Convolution1x1Members, CarriesItsName) {
@@ -227,8 +221,7 @@ TEST_P(Convolution1x1Members, ATensorOfAnotherLayoutOrElementSizeRaisesTheAssert
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 11);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    const TensorShape right =
-        blocks() ? c4hw4(size.inputs, size.h, size.w) : chw(size.inputs, size.h, size.w);
+    const TensorShape right = bottom_shape(size);
     EXPECT_TRUE(op->check_forward(right));
     TensorShape other_layout = right;
     other_layout.layout = blocks() ? TensorShape::CHW : TensorShape::C4HW4;
@@ -253,7 +246,7 @@ TEST_P(Convolution1x1Members, EveryAllocationMayFail) {
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 12);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     int failures = 0;
     for (int failing = 0;; ++failing) {
         FailingAllocator allocator(failing);
@@ -262,7 +255,7 @@ TEST_P(Convolution1x1Members, EveryAllocationMayFail) {
         opt.workspace_allocator = &allocator;
         {
             Mat top;
-            const int result = op->forward(bottom_of(block, size), top, opt);
+            const int result = op->forward(block.view(bottom_shape(size)), top, opt);
             if (allocator.calls <= failing) {
                 EXPECT_EQ(0, result);
                 break;
@@ -279,25 +272,25 @@ TEST_P(Convolution1x1Members, AFailedLoadMakesEveryForwardFail) {
     const Size size{info->input_multiple, info->output_multiple, 2 * info->height_multiple,
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 13);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     auto op = make_operator(GetParam());
     Mat top;
     LayerParams params = layer.params();
     // Of the check, only some classes know the parameters before they have any.
-    if (op->check_forward(bottom_of(block, size).shape)) {
-        EXPECT_EQ(-100, op->forward(bottom_of(block, size), top, get_default_option()));
+    if (op->check_forward(bottom_shape(size))) {
+        EXPECT_EQ(-100, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     }
     // A good load before does not help.
     ASSERT_EQ(0, load(*op, params, layer.weights.data(), layer.bias.data()));
     params.weight_count = 0;
     EXPECT_EQ(-100, load(*op, params, layer.weights.data(), layer.bias.data()));
-    EXPECT_EQ(-100, op->forward(bottom_of(block, size), top, get_default_option()));
+    EXPECT_EQ(-100, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
 
     ASSERT_EQ(0, load(*op, layer.params(), layer.weights.data(), layer.bias.data()));
     params = layer.params();
     params.num_output = 0;  // and so no bias
     EXPECT_EQ(-100, load(*op, params, layer.weights.data(), layer.bias.data()));
-    EXPECT_EQ(-100, op->forward(bottom_of(block, size), top, get_default_option()));
+    EXPECT_EQ(-100, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
 }
 
 TEST_P(Convolution1x1Members, AnEmptyBottomOrNoOutputGivesNothing) {
@@ -305,8 +298,7 @@ TEST_P(Convolution1x1Members, AnEmptyBottomOrNoOutputGivesNothing) {
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 14);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    TensorShape shape =
-        blocks() ? c4hw4(size.inputs, size.h, size.w) : chw(size.inputs, size.h, size.w);
+    TensorShape shape = bottom_shape(size);
     Mat top;
     EXPECT_EQ(-100, op->forward(Mat(shape, nullptr, nullptr), top, get_default_option()));
     shape.h = 0;
@@ -326,12 +318,12 @@ TEST_P(Convolution1x1Members, WeightsThatAreTooFewForTheTensorEndInZeros) {
     const Size half{size.inputs / 2, size.outputs, size.h, size.w};
     const Layer known(half, info->stride, 15);
     auto op = make_loaded(GetParam(), known.params(), known.weights, known.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;
     Mat top;
-    ASSERT_EQ(0, op->forward(bottom_of(block, size), top, opt));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, opt));
     for (float value : values_of(top)) ASSERT_TRUE(std::isfinite(value));
 }
 

@@ -109,16 +109,8 @@ struct Layer {
     }
 };
 
-class DepthwiseMembers : public testing::TestWithParam<const char*> {
+class DepthwiseMembers : public MemberTest {
 protected:
-    void SetUp() override {
-        ASSERT_NE(nullptr, find_operator(GetParam()));
-        info = find_operator(GetParam());
-        if (!machine_runs(GetParam())) GTEST_SKIP() << "needs an instruction set that is not here";
-    }
-
-    bool blocks() const { return in_blocks(GetParam()); }
-
     std::vector<Size> sizes() const {
         const int h = info->height_multiple, w = info->width_multiple;
         std::vector<Size> result;
@@ -135,23 +127,20 @@ protected:
         return result;
     }
 
-    TensorShape shape_of(const Size& size) const {
-        return blocks() ? c4hw4(size.channels, size.h, size.w) : chw(size.channels, size.h, size.w);
+    // Exactly the bottom of a layer.
+    ExactBlock block_of(const Layer& layer, int misalignment = 0) const {
+        const Size& size = layer.size;
+        return ExactBlock(in_layout(layer.bottom, size.channels, size.h, size.w), misalignment);
     }
-    std::vector<float> in_layout(const std::vector<float>& planes, const Size& size) const {
-        return blocks() ? to_blocks(planes, size.channels, size.h, size.w) : planes;
+    TensorShape bottom_shape(const Size& size) const {
+        return shape_of(size.channels, size.h, size.w);
     }
-    std::vector<float> planes_of(const Mat& top, const Size& size) const {
-        const std::vector<float> values = values_of(top);
-        return blocks()
-                   ? to_planes(values, size.channels, size.h / info->stride, size.w / info->stride)
-                   : values;
+    TensorShape top_shape(const Size& size) const {
+        return shape_of(size.channels, size.h / info->stride, size.w / info->stride);
     }
 
     // The margins of a run: blocks of four channels get one pixel all round, whatever `pad` is.
     Margins margins(const Layer& layer, int pad) const { return layer.margins(blocks() ? 1 : pad); }
-
-    const OperatorInfo* info = nullptr;
 };
 
 TEST_P(DepthwiseMembers, GivesTheSumOfTheNineTapsInEveryElement) {
@@ -165,25 +154,43 @@ TEST_P(DepthwiseMembers, GivesTheSumOfTheNineTapsInEveryElement) {
                 seed += 10;
                 auto op = make_loaded(GetParam(), layer.params(pad, with_bias), layer.weights,
                                       layer.bias);
-                ExactBlock block(in_layout(layer.bottom, size));
+                ExactBlock block = block_of(layer);
                 PoisoningAllocator blobs, workspace;
                 Option opt = get_default_option();
                 opt.blob_allocator = &blobs;
                 opt.workspace_allocator = &workspace;
                 {
                     Mat top;
-                    ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, opt));
-                    TensorShape expected = shape_of(size);
-                    expected.h /= info->stride;
-                    expected.w /= info->stride;
-                    EXPECT_TRUE(expected == top.shape);
+                    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, opt));
+                    EXPECT_TRUE(top_shape(size) == top.shape);
                     EXPECT_EQ(&blobs, top.allocator);
-                    ASSERT_NO_FATAL_FAILURE(expect_sums(layer.sums(margins(layer, pad), with_bias),
-                                                        planes_of(top, size)));
+                    ASSERT_NO_FATAL_FAILURE(
+                        expect_sums(layer.sums(margins(layer, pad), with_bias), planes_of(top)));
                 }
                 EXPECT_EQ(0, blobs.alive);
                 EXPECT_EQ(0, workspace.alive);
             }
+        }
+    }
+}
+
+TEST_P(DepthwiseMembers, AgreesWithThePlainConvolutionUpToTheOrderOfTheSum) {
+    // 8 x 8 and more, even sizes: where the two know the same size of the top.
+    for (int times : {1, 2}) {
+        const Size size{4, 8 * times, 16 * times};
+        const Layer layer(size, info->stride, 16);
+        for (bool with_bias : {true, false}) {
+            const LayerParams params = layer.params(1, with_bias);
+            auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
+            auto plain = make_loaded("ConvolutionDepthwise_Float_Fallback", params, layer.weights,
+                                     layer.bias);
+            ExactBlock block = block_of(layer), planes(layer.bottom);
+            Mat top, plain_top;
+            ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
+            ASSERT_EQ(0, plain->forward(planes.view(chw(4, size.h, size.w)), plain_top,
+                                        get_default_option()));
+            expect_same_sums(layer.sums({1, 1, 1, 1}, with_bias), planes_of(top),
+                             values_of(plain_top));
         }
     }
 }
@@ -195,15 +202,12 @@ TEST_P(DepthwiseMembers, WritesNothingOutsideABlockOfExactlyTheTopsSizeAndNeedsN
         auto op = make_loaded(GetParam(), layer.params(pad, true), layer.weights, layer.bias);
         for (int misalignment : {0, 1, 3}) {
             const auto expected = layer.sums(margins(layer, pad), true);
-            ExactBlock block(in_layout(layer.bottom, size), misalignment);
+            ExactBlock block = block_of(layer, misalignment);
             ExactBlock top_block(std::vector<float>(expected.size(), std::nanf("")), misalignment);
-            TensorShape shape = shape_of(size);
-            shape.h /= info->stride;
-            shape.w /= info->stride;
-            Mat top = top_block.view(shape);
-            ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, get_default_option()));
+            Mat top = top_block.view(top_shape(size));
+            ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
             EXPECT_EQ(top_block.data(), top.data);
-            expect_sums(expected, planes_of(top, size));
+            expect_sums(expected, planes_of(top));
         }
     }
 }
@@ -215,11 +219,11 @@ TEST_P(DepthwiseMembers, ANanReachesOnlyTheOutputsWhoseWindowHoldsIt) {
         Layer layer = clean;
         layer.bottom[spot] = std::nanf("");
         auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-        ExactBlock block(in_layout(layer.bottom, size));
+        ExactBlock block = block_of(layer);
         Mat top;
-        ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, get_default_option()));
+        ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
         const auto expected = layer.sums({1, 1, 1, 1}, true);
-        const auto actual = planes_of(top, size);
+        const auto actual = planes_of(top);
         for (size_t i = 0; i < actual.size(); ++i) {
             ASSERT_EQ(std::isnan(expected[i].value), std::isnan(actual[i]))
                 << "element " << i << ", NaN at " << spot;
@@ -234,9 +238,9 @@ TEST_P(DepthwiseMembers, WithoutABiasASumOfNegativeZerosStaysNegative) {
     for (float& value : layer.bottom) value = 0.0f;
     for (float& weight : layer.weights) weight = -1.0f;
     auto op = make_loaded(GetParam(), layer.params(1, false), layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     Mat top;
-    ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, get_default_option()));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     for (float value : values_of(top)) ASSERT_TRUE(value == 0.0f && std::signbit(value));
 }
 
@@ -248,10 +252,10 @@ TEST_P(DepthwiseMembers, KernelStrideAndDilationOfTheParametersAreNotApplied) {
     params.stride = 0;
     params.dilation = 7;
     auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     Mat top;
-    ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, get_default_option()));
-    expect_sums(layer.sums({1, 1, 1, 1}, true), planes_of(top, size));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
+    expect_sums(layer.sums({1, 1, 1, 1}, true), planes_of(top));
 }
 
 TEST_P(DepthwiseMembers, CarriesItsName) {
@@ -262,7 +266,7 @@ TEST_P(DepthwiseMembers, TheCheckAsksForFloatsOfItsLayoutAndWholeGroups) {
     const Size size{4, 2 * info->height_multiple, 2 * info->width_multiple};
     const Layer layer(size, info->stride, 21);
     auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-    const TensorShape right = shape_of(size);
+    const TensorShape right = bottom_shape(size);
     EXPECT_TRUE(op->check_forward(right));
     TensorShape wrong = right;
     wrong.layout = blocks() ? TensorShape::CHW : TensorShape::C4HW4;
@@ -288,7 +292,7 @@ TEST_P(DepthwiseMembers, AFailedCheckRaisesTheAssertion) {
     const Size size{4, 2 * info->height_multiple, 2 * info->width_multiple};
     const Layer layer(size, info->stride, 22);
     auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-    TensorShape shape = shape_of(size);
+    TensorShape shape = bottom_shape(size);
     shape.layout = blocks() ? TensorShape::CHW : TensorShape::C4HW4;
     AssertRecorder assertions;
     LogRecorder log;
@@ -307,14 +311,14 @@ TEST_P(DepthwiseMembers, PaddingThatKeepsTheSizeIsRefusedWithoutAStride) {
     params.stride = 0;
     auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
     // Blocks of four channels have their own border.
-    EXPECT_EQ(blocks(), op->check_forward(shape_of(size)));
+    EXPECT_EQ(blocks(), op->check_forward(bottom_shape(size)));
 }
 
 TEST_P(DepthwiseMembers, EveryAllocationMayFail) {
     const Size size{info->input_multiple, 2 * info->height_multiple, 4 * info->width_multiple};
     const Layer layer(size, info->stride, 24);
     auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     // The border and the top.
     for (int failing : {0, 1, 2}) {
         FailingAllocator allocator(failing);
@@ -323,7 +327,8 @@ TEST_P(DepthwiseMembers, EveryAllocationMayFail) {
         opt.workspace_allocator = &allocator;
         {
             Mat top;
-            EXPECT_EQ(failing < 2 ? -100 : 0, op->forward(block.view(shape_of(size)), top, opt));
+            EXPECT_EQ(failing < 2 ? -100 : 0,
+                      op->forward(block.view(bottom_shape(size)), top, opt));
         }
         EXPECT_EQ(0, allocator.alive);
         EXPECT_EQ(failing < 2 ? failing + 1 : 2, allocator.calls);
@@ -333,26 +338,26 @@ TEST_P(DepthwiseMembers, EveryAllocationMayFail) {
 TEST_P(DepthwiseMembers, AFailedLoadMakesEveryForwardFail) {
     const Size size{4, 2 * info->height_multiple, 2 * info->width_multiple};
     const Layer layer(size, info->stride, 25);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     auto op = make_operator(GetParam());
-    EXPECT_FALSE(op->check_forward(shape_of(size))) << "no group yet";
+    EXPECT_FALSE(op->check_forward(bottom_shape(size))) << "no group yet";
     ASSERT_EQ(0, load(*op, layer.params(1, true), layer.weights.data(), layer.bias.data()));
     LayerParams params = layer.params(1, true);
     params.weight_count = 0;
     EXPECT_EQ(-100, load(*op, params, layer.weights.data(), layer.bias.data()));
     Mat top;
-    EXPECT_EQ(-100, op->forward(block.view(shape_of(size)), top, get_default_option()));
+    EXPECT_EQ(-100, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     params = layer.params(1, true);
     params.num_output = 0;  // and so no bias
     EXPECT_EQ(-100, load(*op, params, layer.weights.data(), layer.bias.data()));
-    EXPECT_EQ(-100, op->forward(block.view(shape_of(size)), top, get_default_option()));
+    EXPECT_EQ(-100, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
 }
 
 TEST_P(DepthwiseMembers, AnEmptyBottomGivesNothing) {
     const Size size{4, 2 * info->height_multiple, 2 * info->width_multiple};
     const Layer layer(size, info->stride, 26);
     auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-    TensorShape shape = shape_of(size);
+    TensorShape shape = bottom_shape(size);
     Mat top;
     EXPECT_EQ(-100, op->forward(Mat(shape, nullptr, nullptr), top, get_default_option()));
     shape.w = 0;
@@ -369,17 +374,16 @@ TEST_P(DepthwiseMembers, WeightsAndChannelsThatAreMissingReadAsZeros) {
     std::vector<float> bias = layer.bias;
     bias.resize(16, 0.25f);
     auto op = make_loaded(GetParam(), params, layer.weights, bias);
-    ExactBlock block(in_layout(layer.bottom, size));
+    ExactBlock block = block_of(layer);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;
     Mat top;
-    ASSERT_EQ(0, op->forward(block.view(shape_of(size)), top, opt));
+    ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, opt));
     const auto values = values_of(top);
     const auto expected = layer.sums({1, 1, 1, 1}, true);
     const size_t plane = values.size() / 16;
-    const auto planes =
-        blocks() ? to_planes(values, 16, size.h / info->stride, size.w / info->stride) : values;
+    const auto planes = planes_of(top);
     for (size_t i = 0; i < planes.size(); ++i) {
         if (i < 4 * plane) {
             ASSERT_LE(std::abs(planes[i] - expected[i].value),
@@ -391,6 +395,21 @@ TEST_P(DepthwiseMembers, WeightsAndChannelsThatAreMissingReadAsZeros) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DepthwiseMembers, testing::ValuesIn(members), class_name_of);
+
+TEST(Depthwise, OneRowAStepOnEightByEightMatchesThePlainConvolution) {
+    const Layer layer({3, 8, 8}, 1, 30);
+    const LayerParams params = layer.params(1, true);
+    auto op =
+        make_loaded("Depthewise_Convolution_3x3s1_Float_SSE_M1", params, layer.weights, layer.bias);
+    auto plain =
+        make_loaded("ConvolutionDepthwise_Float_Fallback", params, layer.weights, layer.bias);
+    ExactBlock block(layer.bottom);
+    Mat top, plain_top;
+    ASSERT_EQ(0, op->forward(block.view(chw(3, 8, 8)), top, get_default_option()));
+    ASSERT_EQ(0, plain->forward(block.view(chw(3, 8, 8)), plain_top, get_default_option()));
+    EXPECT_TRUE(top.shape == plain_top.shape);
+    expect_same_sums(layer.sums({1, 1, 1, 1}, true), values_of(top), values_of(plain_top));
+}
 
 TEST(Depthwise, ThreeBlocksOfFourChannelsAreTwelveChannelsForTheGroups) {
     const auto weights = random_floats(9 * 12, 28);

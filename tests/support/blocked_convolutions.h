@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/processor.h"
 #include "support/recorders.h"
 #include "support/tensors.h"
 
@@ -30,7 +31,7 @@ struct ExactSum {
 };
 
 inline void expect_sums(const std::vector<ExactSum>& expected, const std::vector<float>& actual) {
-    ASSERT_LE(actual.size(), expected.size());
+    ASSERT_EQ(expected.size(), actual.size());
     for (size_t i = 0; i < actual.size(); ++i) {
         const double bound = sum_error_bound(expected[i].terms, expected[i].magnitude);
         // Written so that a NaN fails.
@@ -38,6 +39,13 @@ inline void expect_sums(const std::vector<ExactSum>& expected, const std::vector
             << "element " << i << " is " << actual[i] << ", expected " << expected[i].value
             << " within " << bound;
     }
+}
+
+/// Two float results of the same sums, in whatever order each took them.
+inline void expect_same_sums(const std::vector<ExactSum>& sums, const std::vector<float>& one,
+                             const std::vector<float>& other) {
+    expect_sums(sums, one);
+    expect_sums(sums, other);
 }
 
 /// Floats of their own, one heap block of exactly their size: AddressSanitizer sees the first float
@@ -91,28 +99,6 @@ inline std::vector<float> to_planes(const std::vector<float>& blocks, int c, int
         }
     }
     return planes;
-}
-
-inline bool in_blocks(const char* name) {
-    return TarnoCPU::find_operator(name)->layout_in == TarnoCPU::OperatorInfo::Layout::C4HW4;
-}
-
-/// Whether this machine runs the class. A test that needs it says so when it does not.
-inline bool machine_runs(const char* name) {
-    using Set = TarnoCPU::OperatorInfo::InstructionSet;
-    switch (TarnoCPU::find_operator(name)->isa) {
-        case Set::Baseline:
-            return true;
-        case Set::SSE41:
-            return __builtin_cpu_supports("sse4.1");
-        case Set::AVX:
-            return __builtin_cpu_supports("avx");
-        case Set::FMA:
-            return __builtin_cpu_supports("fma");
-        case Set::AVX2:
-            return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-    }
-    return false;
 }
 
 /// The parameters of a layer under their ids.
@@ -176,6 +162,34 @@ private:
 inline std::string class_name_of(const testing::TestParamInfo<const char*>& info) {
     return info.param;
 }
+
+/// The tests of one class of the list, by name.
+class MemberTest : public testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override {
+        info = TarnoCPU::find_operator(GetParam());
+        ASSERT_NE(nullptr, info);
+        if (!machine_has(info->isa)) GTEST_SKIP() << "needs an instruction set that is not here";
+    }
+
+    bool blocks() const { return info->layout_in == TarnoCPU::OperatorInfo::Layout::C4HW4; }
+    TarnoCPU::TensorShape shape_of(int channels, int h, int columns) const {
+        return blocks() ? c4hw4(channels, h, columns) : chw(channels, h, columns);
+    }
+    /// Planes of the class's bottom in its layout.
+    std::vector<float> in_layout(const std::vector<float>& planes, int channels, int h,
+                                 int columns) const {
+        return blocks() ? to_blocks(planes, channels, h, columns) : planes;
+    }
+    /// A top of the class as planes.
+    std::vector<float> planes_of(const TarnoCPU::Mat& top) const {
+        const TarnoCPU::TensorShape& shape = top.shape;
+        return blocks() ? to_planes(values_of(top), shape.c * 4, shape.h, shape.w / 4)
+                        : values_of(top);
+    }
+
+    const TarnoCPU::OperatorInfo* info = nullptr;
+};
 
 /// The unit of a class: its name in small letters.
 inline std::string unit_of(std::string class_name) {
