@@ -73,6 +73,117 @@ TEST(OperatorList, EveryRowFitsALayerOfItsKind) {
     }
 }
 
+// The names that tables in the field use. They stay, spelled as they are.
+const char* const table_names[] = {
+    "Batchnorm_Float_Fallback",
+    "ConvolutionDepthwise_Float_Fallback",
+    "Convolution_1x1s1_Float_C8HW8_AVX2_M1",
+    "Convolution_1x1s1_Float_SGEMM",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M1",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M2",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M3",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M4",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M5",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M6",
+    "Convolution_1x1s1_Float_SSE_C4HW4_M7",
+    "Convolution_1x1s1_Float_SSE_M1",
+    "Convolution_1x1s1_Float_SSE_M2",
+    "Convolution_1x1s1_Float_SSE_M3",
+    "Convolution_1x1s1_Float_SSE_M4",
+    "Convolution_1x1s1_Float_SSE_M5",
+    "Convolution_1x1s1_Float_SSE_M6",
+    "Convolution_1x1s2_Float_SGEMM",
+    "Convolution_1x1s2_Float_SSE_M1",
+    "Convolution_1x3s1_Float_SGEMM",
+    "Convolution_1x3s1_Float_SGEMM_M1",
+    "Convolution_1x3s1_Float_SSE_M1",
+    "Convolution_3x1s1_Float_SGEMM",
+    "Convolution_3x1s1_Float_SGEMM_M1",
+    "Convolution_3x1s1_Float_SSE_M1",
+    "Convolution_3x3s1_Float_SGEMM",
+    "Convolution_3x3s1_Float_SSE_C4HW4_M1",
+    "Convolution_3x3s1_Float_SSE_M1",
+    "Convolution_3x3s1_Float_SSE_M2",
+    "Convolution_3x3s1_Float_SSE_M3",
+    "Convolution_3x3s1_Float_SSE_M4",
+    "Convolution_3x3s1_Float_SSE_M5",
+    "Convolution_3x3s1_Float_SSE_M6",
+    "Convolution_3x3s1_Float_SSE_M7",
+    "Convolution_3x3s1_Float_SSE_M8",
+    "Convolution_3x3s1_Float_SSE_M9",
+    "Convolution_3x3s1_Float_SSE_M10",
+    "Convolution_3x3s2_Float_SGEMM",
+    "Convolution_3x3s2_Float_SSE_C4HW4_M1",
+    "Convolution_3x3s2_Float_SSE_M1",
+    "Convolution_3x3s2_Float_SSE_M2",
+    "Convolution_3x3s2_Float_SSE_M3",
+    "Convolution_3x3s2_Float_SSE_M4",
+    "Convolution_3x3s2_Float_SSE_M5",
+    "Convolution_3x3s2_Float_SSE_M6",
+    "Convolution_4x4s1_Float_SGEMM",
+    "Convolution_Float_Blas",
+    "Convolution_Float_Fallback",
+    "DeconvolutionDepthwise_Float_Fallback",
+    "Deconvolution_Float_Blas",
+    "Deconvolution_Float_Fallback",
+    "Depthewise_Convolution_3x3s1_Float_AVX2_M1",
+    "Depthewise_Convolution_3x3s1_Float_AVX2_M2",
+    "Depthewise_Convolution_3x3s1_Float_AVX2_M3",
+    "Depthewise_Convolution_3x3s1_Float_SGEMM",
+    "Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M1",
+    "Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M2",
+    "Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M3",
+    "Depthewise_Convolution_3x3s1_Float_SSE_M1",
+    "Depthewise_Convolution_3x3s1_Float_SSE_M2",
+    "Depthewise_Convolution_3x3s1_Float_SSE_M3",
+    "Depthewise_Convolution_3x3s1_Float_SSE_M4",
+    "Depthewise_Convolution_3x3s2_Float_AVX2_M1",
+    "Depthewise_Convolution_3x3s2_Float_SGEMM",
+    "Depthewise_Convolution_3x3s2_Float_SSE_C4HW4_M1",
+    "Depthewise_Convolution_3x3s2_Float_SSE_M1",
+    "Depthewise_Convolution_3x3s2_Float_SSE_M2",
+    "Depthewise_Convolution_3x3s2_Float_SSE_M3",
+    "Elementwise_Float_SSE",
+    "Eltwise_Float_Fallback",
+    "FullConnection_Float_Fallback",
+    "FullConnection_Float_SGEMM",
+    "FullConnection_Float_SSE_M1",
+    "Input_Fallback",
+    "LSTM_Fallback",
+    "Linear_Float_Fallback",
+    "PixelShuffle_Float_Fallback",
+    "PixelShuffle_Float_SSE",
+    "Pooling_2x2s2_Float_SSE",
+    "Pooling_4x4_Average_Float_SSE",
+    "Pooling_Float_Fallback",
+    "ReLU6_Float_Fallback",
+    "ReLU6_Float_SSE",
+    "ReLU6_Float_SSE_C4HW4_To_CHW",
+    "ReLU6_Float_SSE_CHW_To_C4HW4",
+    "ReLU_Float_AVX",
+    "ReLU_Float_Fallback",
+    "ReLU_Float_SSE",
+    "ReLU_Float_SSE_C4HW4_To_CHW",
+    "ReLU_Float_SSE_CHW_To_C4HW4",
+    "Sigmoid_Float_Fallback",
+    "Softmax_Float_Fallback",
+    "Tanh_Float_Fallback",
+    "Upsampling_Float_Fallback",
+    "Upsampling_Float_SSE_C4HW4",
+};
+
+TEST(OperatorList, HoldsTheNinetyFiveNamesThatTablesUse) {
+    std::set<std::string> names;
+    for (const char* name : table_names) {
+        EXPECT_NE(nullptr, find_operator(name)) << name;
+        EXPECT_TRUE(names.insert(name).second) << name;
+    }
+    EXPECT_EQ(95u, names.size());
+    size_t count = 0;
+    operator_list(&count);
+    EXPECT_GE(count, names.size());
+}
+
 TEST(OperatorList, LayoutsOfTheRowsAreThoseOfTheChecks) {
     size_t count = 0;
     const OperatorInfo* rows = operator_list(&count);

@@ -51,6 +51,30 @@ for way in with_cmake with_pkg_config; do
     "$frame_tool" compare "$work/$way.pgm" "$work/mask.png" 1
 done
 
+# Every factory can be called from outside.
+cat >"$work/factories.cpp" <<'CODE'
+#include <tarno/cpu.h>
+
+#include <cstdio>
+#include <memory>
+
+int main() {
+    int count = 0;
+#define TN_OPERATOR(class_name, ...)                                                        \
+    {                                                                                       \
+        std::unique_ptr<TarnoCPU::Operator> made(TarnoCPU::class_name##_operator_creator()); \
+        if (made == nullptr || made->name() != #class_name) return 1;                       \
+        ++count;                                                                            \
+    }
+#include <tarno/cpu/operators.def>
+    std::printf("%d factories\n", count);
+    return count >= 95 ? 0 : 1;
+}
+CODE
+# shellcheck disable=SC2046
+"$cxx" -std=c++17 "$work/factories.cpp" $(pkg-config --cflags --libs tarno) -o "$work/factories"
+"$work/factories"
+
 # The detector: frames as a camera gives them, with the default operators and with a table compiled
 # in. Chroma is halved on the way and bright colours wrap in the front end's conversion, so the masks
 # agree in what they show, not number by number.
