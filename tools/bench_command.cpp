@@ -1,6 +1,5 @@
 #include "bench_command.h"
 
-#include <sys/resource.h>
 #include <tarno/cpu.h>
 
 #include <algorithm>
@@ -15,13 +14,17 @@
 
 #include "errors.h"
 #include "heap_calls.h"
+#include "host_system.h"
+#include "layer_timer.h"
 #include "library_reports.h"
 #include "model_file.h"
 #include "net_run.h"
 #include "numbers.h"
 #include "progress.h"
 #include "sample_statistics.h"
+#include "table_comparison.h"
 #include "text_table.h"
+#include "tuning_table.h"
 
 namespace tool {
 namespace {
@@ -29,15 +32,17 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
-constexpr int default_runs = 100;
+// Where nobody says otherwise, a slow model ends after a while, too.
+constexpr int64_t default_runs = 100;
+constexpr double default_duration = 10.0;  // seconds
+constexpr double most_warmup = 5.0;
+constexpr double most_profiling = 10.0;
 constexpr size_t most_profiled_runs = 100;
 constexpr unsigned int input_seed = 1;
 
-double milliseconds(Clock::duration time) {
-    return std::chrono::duration<double, std::milli>(time).count();
+double seconds_since(Clock::time_point start) {
+    return milliseconds_since(start) / 1e3;
 }
-
-double milliseconds_since(Clock::time_point start) { return milliseconds(Clock::now() - start); }
 
 /// Bytes that the tensors and the scratch of a run hold at once.
 struct TensorBytes {
@@ -73,58 +78,6 @@ private:
     TensorBytes& bytes;
     TarnoCPU::PoolAllocator pool;
     std::unordered_map<void*, unsigned int> sizes;
-};
-
-/// Times the layers on the monotonic clock. The times that the library hands over are wall-clock
-/// milliseconds, which is too coarse for a layer. What is measured is the time since the end of the
-/// call before, so it holds the layer itself and the few steps by which the net stores its output
-/// and lets go of its bottoms.
-class LayerTimer : public TarnoCPU::Statistician {
-public:
-    explicit LayerTimer(size_t layers, size_t runs) : times(layers) {
-        for (auto& samples : times) samples.reserve(runs);
-    }
-
-    void start_run() {
-        position = 0;
-        previous = Clock::now();
-    }
-
-    void layer_stats(const TarnoCPU::Layer*, const TarnoCPU::Mat&, TarnoCPU::Mat&, double,
-                     double) override {
-        times[position++].push_back(milliseconds_since(previous));
-        previous = Clock::now();
-    }
-
-    /// By position of the layer, one sample a run.
-    std::vector<std::vector<double>> times;
-
-private:
-    size_t position = 0;
-    Clock::time_point previous;
-};
-
-/// Names and sizes of the layers of a net, heard of in one run.
-class LayerNames : public TarnoCPU::Statistician {
-public:
-    struct Row {
-        int id;
-        std::string type;
-        std::string operator_name;
-        TensorSize size;
-    };
-    std::vector<Row> rows;
-
-    void layer_stats(const TarnoCPU::Layer* layer, const TarnoCPU::Mat&, TarnoCPU::Mat& top, double,
-                     double) override {
-        const TarnoCPU::TensorShape& shape = top.shape;
-        const int packing = shape.layout == TarnoCPU::TensorShape::C4HW4   ? 4
-                            : shape.layout == TarnoCPU::TensorShape::C8HW8 ? 8
-                                                                           : 1;
-        const std::string name = const_cast<TarnoCPU::Layer*>(layer)->operator_name();
-        rows.push_back({layer->id, layer->type, name == "nullptr" ? "-" : name,
-                        {int64_t{shape.c} * packing, shape.h, shape.w / packing}});
-    }
 };
 
 struct LayerReport {
@@ -211,30 +164,28 @@ void Bench::run() {
     steady_state();
     profile();
     count_heap_calls();
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    report.resident_bytes = int64_t{usage.ru_maxrss} * 1024;
+    report.resident_bytes = peak_resident_bytes();
     report.peak_light = peak_bytes(true);
     // Everything at once may be far more than a run needs.
     if (plan.all_tensor_bytes <= command.limits.memory) report.peak_full = peak_bytes(false);
 }
 
 void Bench::first_runs() {
-    const Clock::time_point start = Clock::now();
+    Clock::time_point start = Clock::now();
     net.run_checked(inputs, net.last_position(), settings, &names);
     report.first_run_ms = milliseconds_since(start);
     Progress progress("warm-up run", command.warmup);
-    for (int i = 0; i < command.warmup; ++i) {
+    start = Clock::now();
+    while (report.warmup < command.warmup && seconds_since(start) < most_warmup) {
         timed_run();
-        progress.step(i + 1);
+        progress.step(++report.warmup);
     }
-    report.warmup = command.warmup;
 }
 
 void Bench::steady_state() {
-    const int64_t runs = command.runs        ? *command.runs
-                         : command.duration ? INT64_MAX
-                                            : default_runs;
+    const bool neither = !command.runs && !command.duration;
+    const int64_t runs = command.runs ? *command.runs : neither ? default_runs : INT64_MAX;
+    const std::optional<double> duration = neither ? default_duration : command.duration;
     std::vector<double> times;
     std::vector<double> lateness;
     int64_t dropped = 0;
@@ -244,7 +195,7 @@ void Bench::steady_state() {
     const Clock::time_point start = Clock::now();
     Clock::time_point due = start;
     for (int64_t i = 0; i < runs; ++i) {
-        if (command.duration && i > 0 && milliseconds_since(start) >= *command.duration * 1e3) break;
+        if (duration && i > 0 && seconds_since(start) >= *duration) break;
         if (command.fps) {
             // A camera does not wait: a frame whose successor is due already is lost.
             while (Clock::now() >= due + interval) {
@@ -258,7 +209,7 @@ void Bench::steady_state() {
         times.push_back(timed_run());
         progress.step(i + 1);
     }
-    report.elapsed_s = milliseconds_since(start) / 1e3;
+    report.elapsed_s = seconds_since(start);
     report.steady = statistics_of(times);
     if (command.fps) report.pacing = Pacing{statistics_of(lateness), dropped};
 }
@@ -267,12 +218,13 @@ void Bench::profile() {
     const size_t runs = std::min(report.steady.count, most_profiled_runs);
     LayerTimer timer(names.rows.size(), runs);
     Progress progress("profiled run", static_cast<int64_t>(runs));
-    for (size_t i = 0; i < runs; ++i) {
+    const Clock::time_point start = Clock::now();
+    while (report.profiled_runs < runs &&
+           (report.profiled_runs == 0 || seconds_since(start) < most_profiling)) {
         timer.start_run();
         net.run(inputs, net.last_position(), settings, &timer);
-        progress.step(static_cast<int64_t>(i) + 1);
+        progress.step(static_cast<int64_t>(++report.profiled_runs));
     }
-    report.profiled_runs = runs;
 
     double total = 0.0;
     for (size_t i = 0; i < names.rows.size(); ++i) {
@@ -307,10 +259,9 @@ void Bench::profile() {
         kind->milliseconds += layer.milliseconds;
         kind->share += layer.share;
     }
-    std::stable_sort(report.kinds.begin(), report.kinds.end(),
-                     [](const KindReport& a, const KindReport& b) {
-                         return a.milliseconds > b.milliseconds;
-                     });
+    std::stable_sort(
+        report.kinds.begin(), report.kinds.end(),
+        [](const KindReport& a, const KindReport& b) { return a.milliseconds > b.milliseconds; });
 }
 
 void Bench::count_heap_calls() {
@@ -396,13 +347,17 @@ void print_json(const BenchCommand& command, const ModelFile& model, const Model
     std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
-std::string ms(double milliseconds) { return fixed(milliseconds, 3); }
+std::string ms(double milliseconds) {
+    return fixed(milliseconds, 3);
+}
 
-std::string percent(double share) { return fixed(share * 100.0, 1) + " %"; }
+std::string percent(double share) {
+    return fixed(share * 100.0, 1) + " %";
+}
 
 std::string statistics_text(const SampleStatistics& s) {
-    return "p50 " + ms(s.p50) + "  p90 " + ms(s.p90) + "  p99 " + ms(s.p99) + "  max " +
-           ms(s.max) + "  mean " + ms(s.mean) + "  min " + ms(s.min);
+    return "p50 " + ms(s.p50) + "  p90 " + ms(s.p90) + "  p99 " + ms(s.p99) + "  max " + ms(s.max) +
+           "  mean " + ms(s.mean) + "  min " + ms(s.min);
 }
 
 std::string rate_text(int64_t multiply_adds, double milliseconds) {
@@ -441,10 +396,10 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
                  (report.peak_full ? bytes_text(*report.peak_full) + " without"
                                    : "not measured without, beyond --memory-limit"));
     line("", bytes_text(plan.weight_bytes) + " of weights");
-    line("heap calls a run",
-         report.allocations ? std::to_string(*report.allocations) + " allocations, " +
-                                  std::to_string(*report.frees) + " frees"
-                            : "not counted in this build");
+    line("heap calls a run", report.allocations
+                                 ? std::to_string(*report.allocations) + " allocations, " +
+                                       std::to_string(*report.frees) + " frees"
+                                 : "not counted in this build");
 
     text += "\nLayers in run order, median of " + std::to_string(report.profiled_runs) +
             " further runs\n\n";
@@ -477,8 +432,8 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
     kinds.column("ms", TextTable::right);
     kinds.column("share", TextTable::right);
     for (const KindReport& kind : report.kinds) {
-        kinds.row({kind.kind, std::to_string(kind.count), ms(kind.milliseconds),
-                   percent(kind.share)});
+        kinds.row(
+            {kind.kind, std::to_string(kind.count), ms(kind.milliseconds), percent(kind.share)});
     }
     text += kinds.text();
     std::fputs(text.c_str(), stdout);
@@ -498,8 +453,20 @@ void bench(const BenchCommand& command) {
     require_runnable(model, plan, command.limits);
     const std::vector<NetInput> inputs = random_inputs(plan.inputs, input_seed);
 
+    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
+        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
+                              : checked_configs(read_tuning_table(command.table), model, plan);
+    if (command.compare_tables) {
+        const RunnableNet by_rule(model, plan, reports);
+        const RunnableNet by_table(model, plan, reports, &configs);
+        const int runs = command.runs ? *command.runs : default_runs;
+        print_comparison(compare_nets(by_rule, by_table, inputs, command.warmup, runs),
+                         command.json);
+        return;
+    }
+
     start = Clock::now();
-    const RunnableNet net(model, plan, reports);
+    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
     report.build_ms = milliseconds_since(start);
 
     Bench(command, plan, net, inputs, report).run();

@@ -1,15 +1,14 @@
 #include "files.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include "errors.h"
+#include "host_system.h"
 #include "numbers.h"
 
 namespace tool {
@@ -19,82 +18,80 @@ namespace fs = std::filesystem;
 
 std::string reason() { return std::strerror(errno); }
 
-const char* kind_of(mode_t mode) {
-    if (S_ISDIR(mode)) return "a folder";
-    if (S_ISFIFO(mode)) return "a pipe";
-    if (S_ISSOCK(mode)) return "a socket";
-    return "a device";
+const char* text_of(fs::file_type type) {
+    switch (type) {
+        case fs::file_type::directory:
+            return "a folder";
+        case fs::file_type::fifo:
+            return "a pipe";
+        case fs::file_type::socket:
+            return "a socket";
+        default:
+            return "a device";
+    }
 }
 
-/// A descriptor that closes itself.
-class OpenFile {
-public:
-    OpenFile(const std::string& path, int flags, mode_t mode = 0)
-        : descriptor(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
-    ~OpenFile() {
-        if (descriptor >= 0) close(descriptor);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-    int descriptor;
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
 };
+using OpenFile = std::unique_ptr<std::FILE, CloseFile>;
 
-/// Opens a regular file for reading. O_NONBLOCK lets a pipe without a writer be refused, too.
-struct RegularFile : OpenFile {
-    explicit RegularFile(const std::string& path) : OpenFile(path, O_RDONLY | O_NONBLOCK) {
-        struct stat status;
-        if (descriptor < 0 || fstat(descriptor, &status) != 0) {
-            throw CommandError(path + ": expected a readable file, found: " + reason());
-        }
-        if (!S_ISREG(status.st_mode)) {
+/// A file that was open for reading and found to be a regular one. A pipe is not even opened: there
+/// may be nobody at its other side.
+struct RegularFile {
+    explicit RegularFile(const std::string& path) {
+        std::error_code error;
+        const fs::file_status status = fs::status(path, error);
+        if (!error && fs::exists(status) && !fs::is_regular_file(status)) {
             throw CommandError(path + ": expected a regular file, found " +
-                               kind_of(status.st_mode));
+                               text_of(status.type()));
         }
-        size = status.st_size;
+        file.reset(std::fopen(path.c_str(), "rb"));
+        if (!file) throw CommandError(path + ": expected a readable file, found: " + reason());
+        size = static_cast<int64_t>(fs::file_size(path, error));
+        if (error) {
+            throw CommandError(path + ": expected a readable file, found: " + error.message());
+        }
     }
+    OpenFile file;
     int64_t size = 0;
 };
 
 std::string read_up_to(const RegularFile& file, const std::string& path, size_t most) {
     std::string bytes(most, '\0');
-    size_t done = 0;
-    while (done < most) {
-        const ssize_t count = read(file.descriptor, &bytes[done], most - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) throw CommandError(path + ": expected a readable file, found: " + reason());
-        if (count == 0) break;
-        done += static_cast<size_t>(count);
+    bytes.resize(std::fread(bytes.data(), 1, most, file.file.get()));
+    if (std::ferror(file.file.get()) != 0) {
+        throw CommandError(path + ": expected a readable file, found: " + reason());
     }
-    bytes.resize(done);
     return bytes;
 }
 
+/// `temporary` must not be there yet.
 void write_new_file(const std::string& temporary, const std::string& path,
                     const std::string& contents) {
-    OpenFile file(temporary, O_WRONLY | O_CREAT | O_EXCL, 0666);
-    if (file.descriptor < 0) {
+    std::FILE* file = std::fopen(temporary.c_str(), "wbx");
+    if (file == nullptr) {
         throw CommandError(path + ": expected a place to write to, found: " + reason());
     }
-    size_t done = 0;
-    while (done < contents.size()) {
-        const ssize_t count = write(file.descriptor, &contents[done], contents.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) {
-            const std::string text = path + ": expected room for " +
-                                     grouped(static_cast<int64_t>(contents.size())) +
-                                     " bytes, found: " + reason();
-            unlink(temporary.c_str());
-            throw CommandError(text);
-        }
-        done += static_cast<size_t>(count);
-    }
+    const bool written = std::fwrite(contents.data(), 1, contents.size(), file) == contents.size();
+    const int write_error = errno;
+    // A full disk may show as late as this.
+    const bool closed = std::fclose(file) == 0;
+    if (written && closed) return;
+    if (!written) errno = write_error;
+    const std::string text = path + ": expected room for " +
+                             grouped(static_cast<int64_t>(contents.size())) +
+                             " bytes, found: " + reason();
+    std::error_code ignored;
+    fs::remove(temporary, ignored);
+    throw CommandError(text);
 }
 
 /// A name beside `path` that no other run has.
 std::string temporary_name(const fs::path& path) {
     fs::path beside = path;
     beside.replace_filename("." + path.filename().string() + ".unfinished-" +
-                            std::to_string(getpid()));
+                            std::to_string(process_number()));
     return beside.string();
 }
 
@@ -138,11 +135,12 @@ OutputFiles::~OutputFiles() {
 
 void OutputFiles::write(const std::string& path, const std::string& contents) {
     const fs::path target = behind_links(path);
-    struct stat status;
+    std::error_code ignored;
+    const fs::file_status status = fs::status(target, ignored);
     // A rename would replace a device by a file.
-    if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
         throw CommandError(path + ": expected a regular file or none, found " +
-                           kind_of(status.st_mode));
+                           text_of(status.type()));
     }
     const std::string temporary = temporary_name(target);
     write_new_file(temporary, path, contents);
@@ -153,15 +151,17 @@ void OutputFiles::folder(const std::string& path) {
     fs::path target = behind_links(path);
     // "a/b/" has an empty last name.
     if (!target.has_filename()) target = target.parent_path();
-    struct stat status;
-    const bool exists = stat(target.c_str(), &status) == 0;
-    if (exists && !S_ISDIR(status.st_mode)) {
+    std::error_code error;
+    const fs::file_status status = fs::status(target, error);
+    const bool exists = fs::exists(status);
+    if (exists && !fs::is_directory(status)) {
         throw CommandError(path + ": expected a folder or nothing, found a file");
     }
     // Inside a folder that is there: it may be the root of another file system than its parent.
     const std::string staging = temporary_name(exists ? target / "layers" : target);
-    if (mkdir(staging.c_str(), 0777) != 0) {
-        throw CommandError(path + ": expected a place for a folder, found: " + reason());
+    fs::create_directory(staging, error);
+    if (error) {
+        throw CommandError(path + ": expected a place for a folder, found: " + error.message());
     }
     folders.push_back({path, staging});
 }
@@ -185,8 +185,11 @@ void OutputFiles::commit() {
         }
     }
     for (const Staged& file : files) {
-        if (rename(file.temporary.c_str(), file.final.c_str()) != 0) {
-            throw CommandError(file.final + ": expected a place to write to, found: " + reason());
+        std::error_code error;
+        fs::rename(file.temporary, file.final, error);
+        if (error) {
+            throw CommandError(file.final + ": expected a place to write to, found: " +
+                               error.message());
         }
     }
     files.clear();

@@ -28,6 +28,7 @@ void run_command(const tool::Command& command) {
         void operator()(const tool::InfoCommand& info) const { tool::info(info); }
         void operator()(const tool::RunCommand& run) const { tool::run(run); }
         void operator()(const tool::BenchCommand& bench) const { tool::bench(bench); }
+        void operator()(const tool::TuneCommand& tune) const { tool::tune(tune); }
     };
     std::visit(Runner(), command);
 }
@@ -50,9 +51,9 @@ int main(int argc, char** argv) {
     }
     // A full disk shows when the buffer goes out.
     if ((std::fflush(stdout) != 0 || std::ferror(stdout) != 0) && status == 0) {
-        status = fail("standard output: expected room to write, found: " +
-                          std::string(std::strerror(errno)),
-                      tool::exit_error);
+        status = fail(
+            "standard output: expected room to write, found: " + std::string(std::strerror(errno)),
+            tool::exit_error);
     }
     return status;
 }

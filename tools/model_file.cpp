@@ -1,43 +1,10 @@
 #include "model_file.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
-
 #include "errors.h"
 #include "files.h"
+#include "host_system.h"
 
 namespace tool {
-namespace {
-
-/// Sends standard output nowhere for the length of a scope: the reader of version 10000 prints to
-/// it, and what the command prints there may be parsed.
-class SilentStandardOutput {
-public:
-    SilentStandardOutput() {
-        std::fflush(stdout);
-        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (nowhere < 0) return;
-        saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-        if (saved >= 0) dup2(nowhere, STDOUT_FILENO);
-        close(nowhere);
-    }
-    ~SilentStandardOutput() {
-        std::fflush(stdout);
-        if (saved < 0) return;
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-    }
-    SilentStandardOutput(const SilentStandardOutput&) = delete;
-    SilentStandardOutput& operator=(const SilentStandardOutput&) = delete;
-
-private:
-    int saved = -1;
-};
-
-}  // namespace
-
 void open_model(const std::string& path, LibraryReports& reports, ModelFile& model) {
     model.path = path;
     model.size = size_of_regular_file(path);
@@ -48,6 +15,7 @@ void open_model(const std::string& path, LibraryReports& reports, ModelFile& mod
     std::string assertion;
     bool loaded = false;
     {
+        // The reader of version 10000 prints there, and what the command prints may be parsed.
         const SilentStandardOutput silent;
         const LibraryReports::Observation observation(reports, [&](const std::string& condition) {
             assertion = condition;

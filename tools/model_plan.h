@@ -105,7 +105,7 @@ ModelPlan make_plan(const ModelFile& model, const PlanOptions& options);
 
 struct RunLimits {
     int64_t memory = int64_t{2} << 30;      ///< bytes of weights, tensors and scratch
-    int64_t work = 100'000'000'000;         ///< inner steps of one run
+    int64_t work = 20'000'000'000;         ///< inner steps of one run
 };
 
 /// Throws CommandError when the plan has a refusal or is beyond the limits.

@@ -105,6 +105,8 @@ Header parse_header(const std::string& path, const std::string& start, int64_t f
     header.count = 1;
     for (const int64_t size : header.shape) {
         if (size < 1) fail("expected dimensions of at least 1, found " + std::to_string(size));
+    }
+    for (const int64_t size : header.shape) {
         // More elements than the file has bytes: no need to go on, and no overflow.
         if (size > bytes / header.count) {
             fail("expected the data of its shape, found " + grouped(bytes) + " bytes");

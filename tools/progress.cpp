@@ -1,16 +1,16 @@
 #include "progress.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <utility>
+
+#include "host_system.h"
 
 namespace tool {
 
 Progress::Progress(std::string what, int64_t total)
     : what(std::move(what)),
       total(total),
-      terminal(isatty(STDERR_FILENO) != 0),
+      terminal(standard_error_is_terminal()),
       next(Clock::now() + std::chrono::milliseconds(500)) {}
 
 Progress::~Progress() {

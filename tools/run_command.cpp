@@ -18,6 +18,7 @@
 #include "npy.h"
 #include "picture.h"
 #include "progress.h"
+#include "tuning_table.h"
 
 namespace tool {
 namespace {
@@ -36,8 +37,8 @@ std::string blob_file_name(size_t position, const TarnoCPU::Layer& layer) {
 /// Hears of every layer as it ends: shows how far the run is, and writes the blobs when there is a
 /// folder for them.
 ///
-/// The blobs are written here and not fetched after the run: an activation that is fused to its layer
-/// works in place, so that what the layer itself made is gone when the run is over.
+/// The blobs are written here and not fetched after the run: an activation that is fused to its
+/// layer works in place, so that what the layer itself made is gone when the run is over.
 class RunObserver : public TarnoCPU::Statistician {
 public:
     /// `kept`: position of the layer whose output is copied.
@@ -115,19 +116,23 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
              std::to_string(channels));
     }
     if ((command.resize_output || !command.composite.empty()) && files.picture_path().empty()) {
-        throw CommandError(command.inputs[0] + ": expected a picture, whose size the output takes, "
-                                               "found an .npy file");
+        throw CommandError(command.inputs[0] +
+                           ": expected a picture, whose size the output takes, "
+                           "found an .npy file");
     }
     unsigned char colour[3];
     if (!command.composite.empty() && !parse_colour(command.background, colour)) {
         picture_info(command.background);
     }
-    if (!command.resize_output) return;
+    if (!command.resize_output && command.composite.empty()) return;
     const PictureInfo info = picture_info(files.picture_path());
-    const double bytes = 4.0 * static_cast<double>(channels) * info.w * info.h;
+    // Floats of the resized output; of a composite the resized mask and three pictures.
+    const double bytes_of_pixel = (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
+                                  (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
+    const double bytes = bytes_of_pixel * info.w * info.h;
     if (bytes > static_cast<double>(command.limits.memory)) {
         fail("expected at most " + bytes_text(command.limits.memory) +
-             " of memory for the resized output, found a need of " +
+             " of memory for outputs in the size of the picture, found a need of " +
              bytes_text(static_cast<int64_t>(bytes)) + " (see --memory-limit)");
     }
 }
@@ -199,7 +204,8 @@ void run(const RunCommand& command) {
     // The first plan tells the inputs, the second has the sizes that the files bring along.
     PlanOptions plan_options = command.plan;
     const ModelPlan own_sizes = make_plan(model, plan_options);
-    if (own_sizes.inputs.empty()) require_runnable(model, own_sizes, command.limits);
+    const bool number_fits = own_sizes.inputs.size() == command.inputs.size();
+    if (own_sizes.refusal && !number_fits) require_runnable(model, own_sizes, command.limits);
     const InputFiles input_files(model, own_sizes.inputs, command.inputs);
     plan_options.input_sizes = input_files.sizes();
     const ModelPlan plan = make_plan(model, plan_options);
@@ -209,7 +215,10 @@ void run(const RunCommand& command) {
     check_outputs(command, model, layer, input_files);
 
     const std::vector<NetInput> inputs = input_files.load(command.rules, plan.inputs);
-    const RunnableNet net(model, plan, reports);
+    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
+        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
+                              : checked_configs(read_tuning_table(command.table), model, plan);
+    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
 
     OutputFiles files;
     if (!command.all_layers.empty()) files.folder(command.all_layers);
@@ -227,8 +236,8 @@ void run(const RunCommand& command) {
 
     std::string report;
     if (!command.all_layers.empty()) {
-        report += "wrote " + command.all_layers + ": " +
-                  std::to_string(net.last_position() + 1) + " arrays\n";
+        report += "wrote " + command.all_layers + ": " + std::to_string(net.last_position() + 1) +
+                  " arrays\n";
     }
     TensorSize size;
     FloatMap map;

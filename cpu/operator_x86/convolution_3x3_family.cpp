@@ -62,7 +62,8 @@ Mat Convolution3x3::make_bordered(const Mat& bottom, const Option& opt) const {
         right *= 4;
     }
     Mat bordered;
-    if (left < 0 || left > INT_MAX) return bordered;
+    // A border that cuts leaves the taps without the pixels that top's size promises.
+    if (left < 0 || left > INT_MAX || top < 0) return bordered;
     copy_make_border(bottom, bordered, top, bottom_rows, static_cast<int>(left),
                      static_cast<int>(right), 0, 0.0f, opt.workspace_allocator, 1);
     return bordered;

@@ -166,7 +166,7 @@ TEST(MatBlock, CopiesOnTwoThreadsCountTogether) {
     const auto work = [&shared] {
         for (int i = 0; i < 20000; ++i) {
             const Mat copy = shared;
-            EXPECT_GE(*copy.refcount, 2);
+            EXPECT_GE(__atomic_load_n(copy.refcount, __ATOMIC_RELAXED), 2);
         }
     };
     std::thread other(work);
@@ -292,6 +292,12 @@ TEST(CopyMakeBorder, OtherElementSizesStayInsideTheirBlocks) {
         Mat dst;
         copy_make_border(src, dst, 1, 1, 2, 2, 0, 0.0f, &allocator, 1);
         EXPECT_TRUE(dst.shape == TensorShape(TensorShape::CHW, 3, 6, 9, elem_size));
+        // The walk goes in steps of 4 bytes from the start of each channel: what fits of the first
+        // rows is a row of 0, then 2 words of margin and the first words of the source.
+        const unsigned char* bytes = dst.ptr<unsigned char>();
+        for (int i = 0; i < 9 * 4; ++i) EXPECT_EQ(0, bytes[i]);
+        for (int i = 9 * 4; i < 11 * 4; ++i) EXPECT_EQ(0, bytes[i]);
+        for (int i = 11 * 4; i < 12 * 4; ++i) EXPECT_EQ(1, bytes[i]);
     }
     EXPECT_EQ(0, allocator.alive);
 }

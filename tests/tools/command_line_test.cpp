@@ -34,7 +34,7 @@ TEST(CommandLine, HelpFitsAPageAndNamesAllCommands) {
 
 TEST(CommandLine, HelpOfRunStatesWhatCannotBeGuessed) {
     const std::string help = run_tarno({"run", "--help"}).out;
-    for (const char* part : {"--mean 123.675,116.28,103.53", "1/255", "2G", "100G", "time",
+    for (const char* part : {"--mean 123.675,116.28,103.53", "1/255", "2G", "20G", "time",
                              "0 to 1 as 0 to 255", "White"}) {
         EXPECT_NE(help.find(part), std::string::npos) << part;
     }
