@@ -90,8 +90,8 @@ void Convolution3x3::fill_with_bias(int64_t output, Mat& top) const {
         float lanes[4];
         for (int c = 0; c < 4; ++c)
             lanes[c] = bias()[output + c];
-        for (int64_t i = 0; i < size; ++i)
-            block[i] = lanes[i % 4];
+        for (int64_t i = 0; i < size; i += 4)
+            std::copy_n(lanes, std::min<int64_t>(4, size - i), block + i);
         return;
     }
     const int64_t end = std::min<int64_t>(output + blocking.outputs, top.shape.c);

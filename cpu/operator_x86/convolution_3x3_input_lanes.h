@@ -99,9 +99,9 @@ TN_STEP inline void take_weights(const float* weights, __m128* w) {
 
 /// With one output channel the nine weights stay in registers; with several, each channel takes its
 /// nine once a step. Four pixels a time are bound by products and sums: 36 of each, beside 18 loads
-/// (stride 1, a row), 16 (a square) or 27 (stride 2), 6 shuffles and 4 sums more. One pixel a time
-/// is bound by the number of vector instructions: 9 products, 8 sums, and 2 shuffles and 3 sums
-/// that four pixels would share.
+/// (stride 1, a row), 16 (a square) or 27 (stride 2), 6 to 8 shuffles and 4 sums more. One pixel a
+/// time is bound by the number of vector instructions: 9 products, 8 sums, and 2 shuffles and 3
+/// sums that four pixels would share.
 template <int Stride, int Outputs, int Rows, int Columns>
 TN_KERNEL void convolve_input_lanes(const Convolution3x3Task& task) {
     constexpr int patch_rows = Columns == 2 ? 2 : 1;
@@ -149,7 +149,7 @@ TN_KERNEL void convolve_input_lanes(const Convolution3x3Task& task) {
     }
 }
 
-/// Four output channels, one pixel, stride 1: each input vector serves four channels. Of the 36
+/// Four output channels, one pixel: each input vector serves four channels. Of the 36
 /// weight vectors those that fit stay in registers and the rest are operands in memory, gathered on
 /// the stack so that one register addresses them all. Loads bound the step, about as many as there
 /// are products, together with 9 shuffles and 7 sums to add the lanes across and to four planes.

@@ -45,11 +45,10 @@ TN_STEP inline void add_strip(const float* input, ptrdiff_t input_row, const __m
 
 /// Stride 1.
 ///
-/// With one output channel the nine weights stay in registers, and products and sums bound the
-/// step: 9 of each for four pixels, two of each a cycle, beside 4.5 loads (4 rows) or 3.75 (8
-/// rows). With several output channels their weights lie broadcast on the stack, and each channel
-/// takes its nine once a step: 36 loads for 144 products, which still leaves products and sums the
-/// bound.
+/// Products and sums bound the step: 9 of each for four pixels, beside 4.5 loads (4 rows) or 3.75
+/// (8 rows) and none of weights, which one output channel keeps in registers. Several output
+/// channels have theirs broadcast on the stack, and each takes its nine once a step: 36 loads more
+/// for 144 products, still fewer loads than products.
 template <int Outputs, int Rows, int Columns>
 TN_KERNEL void convolve_pixel_lanes(const Convolution3x3Task& task) {
     const ptrdiff_t input_row = task.input_row;
@@ -131,9 +130,9 @@ TN_STEP inline void add_strip_of_even(const float* input, ptrdiff_t input_row, c
     });
 }
 
-/// Stride 2. With one row of top the loads bound the step: 10 of them, most across a boundary of
-/// 16, and 9 shuffles for 9 fused products. Two rows share the input row between them: 17 loads and
-/// 15 shuffles for 18 products.
+/// Stride 2. Loads and shuffles bound the step with one row of top: 10 loads, few of them aligned,
+/// and 9 shuffles for 9 fused products. Two rows share the input row between them: 17 loads and 15
+/// shuffles for 18 products, which are then the bound.
 template <int Rows>
 TN_KERNEL void convolve_even_pixel_lanes(const Convolution3x3Task& task) {
     const ptrdiff_t input_row = task.input_row;

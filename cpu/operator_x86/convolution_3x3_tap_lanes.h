@@ -62,8 +62,8 @@ TN_STEP inline void add_strip_by_taps(const float* input, ptrdiff_t input_row, c
 }
 
 /// The six weight vectors stay in registers. What bounds the step is the number of vector
-/// instructions: 12 products, 8 sums over ky, and 7 shuffles and 3 sums to add the taps across and
-/// to top, for 36 useful products of single floats, which would fill 9.
+/// instructions: 12 products, of whose 48 lanes 36 hold taps, 8 sums over ky, and 7 shuffles and 3
+/// sums to add the taps across and to top.
 template <int Stride, int Rows>
 TN_KERNEL void convolve_tap_lanes(const Convolution3x3Task& task) {
     const ptrdiff_t input_row = task.input_row;

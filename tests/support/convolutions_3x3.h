@@ -2,7 +2,7 @@
 // double.
 #pragma once
 
-#include <functional>
+#include <ostream>
 
 #include "support/matrix_convolutions.h"
 
@@ -28,6 +28,10 @@ struct Member3x3 {
     bool lanes_of_input() const { return input != Input::Planes; }
     bool runs_here() const { return !fused || __builtin_cpu_supports("fma") != 0; }
 };
+
+inline void PrintTo(const Member3x3& member, std::ostream* out) {
+    *out << member.name;
+}
 
 inline const Member3x3 members_3x3[] = {
     {"Convolution_3x3s1_Float_SSE_M1", "convolution_3x3s1_float_sse_m1", 1, 1, 4, 4,
