@@ -1,8 +1,8 @@
 #include "command_line.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -61,8 +61,8 @@ public:
         const size_t comma = name.find(',');
         if (comma != std::string::npos) name.insert(comma + 1, " ");
         if (!is_positional && option->get_type_size() != 0) name += " " + option->get_type_name();
-        return two_columns(name, option->get_description() +
-                                     (option->get_required() ? " Required." : ""));
+        return two_columns(
+            name, option->get_description() + (option->get_required() ? " Required." : ""));
     }
     std::string make_subcommand(const CLI::App* sub) const override {
         return two_columns(sub->get_name(), sub->get_description());
@@ -111,10 +111,11 @@ struct Texts {
 };
 
 void add_size(CLI::App* app, Texts& texts) {
-    app->add_option("--size", texts.size,
-                    "Base size in pixels that the relative sizes of the model multiply, in place of "
-                    "the one in its header (256 where that is 0). For an input of scale 1 this is "
-                    "the size of the input.")
+    app->add_option(
+           "--size", texts.size,
+           "Base size in pixels that the relative sizes of the model multiply, in place of "
+           "the one in its header (256 where that is 0). For an input of scale 1 this is "
+           "the size of the input.")
         ->type_name("WxH");
 }
 
@@ -129,7 +130,7 @@ void add_limits(CLI::App* app, Texts& texts) {
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
-                    "like). 20G unless told otherwise.")
+                    "like). 10G unless told otherwise.")
         ->type_name("STEPS");
 }
 
@@ -156,7 +157,8 @@ CLI::App* add_info(CLI::App& app, InfoCommand& command, Texts& texts) {
         "width x height, one number when both are the same. Parameters are the numbers that the\n"
         "file holds for the layer, multiply-adds the products with a weight in one run.\n"
         "\n"
-        "A sound file with a layer that the CPU engine does not have is shown all the same, and the\n"
+        "A sound file with a layer that the CPU engine does not have is shown all the same, and "
+        "the\n"
         "exit status is 1.");
     return info;
 }
@@ -164,10 +166,11 @@ CLI::App* add_info(CLI::App& app, InfoCommand& command, Texts& texts) {
 CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     CLI::App* run = app.add_subcommand("run", "Run a model over a picture or an array.");
     run->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
-    run->add_option("--input", command.inputs,
-                    "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
-                    "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
-                    "order of their indices.")
+    run->add_option(
+           "--input", command.inputs,
+           "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
+           "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
+           "order of their indices.")
         ->type_name("FILE")
         ->required()
         ->expected(1)
@@ -196,14 +199,16 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
                     "Background of the composite: R,G,B from 0 to 255, or a picture, which is "
                     "stretched. White unless told otherwise.")
         ->type_name("COLOUR|FILE");
-    run->add_option("--pixel-type", command.rules.pixel_type,
-                    "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
-                    "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
-                    "where it is not wanted.")
+    run->add_option(
+           "--pixel-type", command.rules.pixel_type,
+           "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
+           "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
+           "where it is not wanted.")
         ->type_name("TYPE");
-    run->add_option("--mean", texts.mean,
-                    "Subtracted from the values 0 to 255 of each channel; one number for all or one "
-                    "for each, in the order of --pixel-type. 0 unless told otherwise.")
+    run->add_option(
+           "--mean", texts.mean,
+           "Subtracted from the values 0 to 255 of each channel; one number for all or one "
+           "for each, in the order of --pixel-type. 0 unless told otherwise.")
         ->type_name("NUMBERS");
     run->add_option("--norm", texts.norm,
                     "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
@@ -222,34 +227,44 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
         "  tarno run --model portrait.zqnet --input me.jpg --output mask.png --resize-output \\\n"
         "      --mean 123.675,116.28,103.53 --norm 1/255\n"
         "\n"
-        "An array for a picture input has the shape (channels, rows, columns); its size counts, not\n"
-        "the base size. An array for a tensor input may be (features), (time, features) or (c, h, w):\n"
+        "An array for a picture input has the shape (channels, rows, columns); its size counts, "
+        "not\n"
+        "the base size. An array for a tensor input may be (features), (time, features) or (c, h, "
+        "w):\n"
         "time steps become the channels, as the LSTM reads them.\n"
         "\n"
-        "A turn that a camera noted in a JPEG is not applied. Files are written whole or not at all.");
+        "A turn that a camera noted in a JPEG is not applied. Files are written whole or not at "
+        "all.");
     return run;
 }
 
 CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
-    bench->add_option("--runs", command.runs,
-                      "Runs of the steady state: as many as --duration holds, or 100 without either, or "
-                      "what 10 seconds hold where that is less.")
+    bench
+        ->add_option(
+            "--runs", command.runs,
+            "Runs of the steady state: as many as --duration holds, or 100 without either, or "
+            "what 10 seconds hold where that is less.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
-    bench->add_option("--duration", command.duration,
-                      "End the steady state after this time, at least one run done.")
+    bench
+        ->add_option("--duration", command.duration,
+                     "End the steady state after this time, at least one run done.")
         ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("SECONDS");
-    bench->add_option("--warmup", command.warmup,
-                      "Runs before the steady state, the first not counted: 10 unless told otherwise, or "
-                      "what 5 seconds hold where that is less.")
+    bench
+        ->add_option(
+            "--warmup", command.warmup,
+            "Runs between the first and the steady state: at least so many, 10 unless told "
+            "otherwise, and on until the memory pools have stopped growing; never longer "
+            "than 5 seconds.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
-    bench->add_option("--fps", command.fps,
-                      "Start the runs as a camera does, so many in a second, and show how late they "
-                      "start. A frame whose successor is due already is dropped.")
+    bench
+        ->add_option("--fps", command.fps,
+                     "Start the runs as a camera does, so many in a second, and show how late they "
+                     "start. A frame whose successor is due already is dropped.")
         ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("RATE");
     bench->add_flag("--json", command.json, "Write JSON.");
@@ -257,8 +272,10 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     add_limits(bench, texts);
     add_verbose(bench, command.verbose);
     bench->footer(
-        "Each run is what a host does for a frame: a fresh extractor on the two memory pools that all\n"
-        "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same in\n"
+        "Each run is what a host does for a frame: a fresh extractor on the two memory pools that "
+        "all\n"
+        "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same "
+        "in\n"
         "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.");
     return bench;
 }
@@ -280,8 +297,8 @@ void check(RunCommand& command, const Texts& texts) {
             "--composite: expected a .png file, found \"" + command.composite + "\"");
     require(command.output.empty() || command.output != command.composite,
             "--output and --composite: expected two files, found \"" + command.output + "\" twice");
-    require(command.repeat >= 1, "--repeat: expected at least 1, found " +
-                                     std::to_string(command.repeat));
+    require(command.repeat >= 1,
+            "--repeat: expected at least 1, found " + std::to_string(command.repeat));
     require(!command.resize_output || !command.output.empty(),
             "--resize-output: expected --output with it, found none");
     unsigned char colour[3];
@@ -324,8 +341,9 @@ Command parse_command_line(int argc, char** argv) {
     app.require_subcommand(1);
     app.get_formatter()->label("Positionals", "Arguments");
     app.get_formatter()->label("Subcommands", "Commands");
-    app.footer("An error is one line on standard error, with exit status 1; 2 when the command line\n"
-               "itself is wrong.");
+    app.footer(
+        "An error is one line on standard error, with exit status 1; 2 when the command line\n"
+        "itself is wrong.");
 
     InfoCommand info_command;
     RunCommand run_command;
@@ -342,8 +360,8 @@ Command parse_command_line(int argc, char** argv) {
     if (argc < 2) throw UsageError("expected a command: info, run or bench (see tarno --help)");
     const std::string first = argv[1];
     if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench") {
-        throw UsageError("expected a command: info, run or bench, found \"" +
-                         first + "\" (see tarno --help)");
+        throw UsageError("expected a command: info, run or bench, found \"" + first +
+                         "\" (see tarno --help)");
     }
     try {
         app.parse(argc, argv);

@@ -50,9 +50,9 @@ int main(int argc, char** argv) {
     }
     // A full disk shows when the buffer goes out.
     if ((std::fflush(stdout) != 0 || std::ferror(stdout) != 0) && status == 0) {
-        status = fail("standard output: expected room to write, found: " +
-                          std::string(std::strerror(errno)),
-                      tool::exit_error);
+        status = fail(
+            "standard output: expected room to write, found: " + std::string(std::strerror(errno)),
+            tool::exit_error);
     }
     return status;
 }

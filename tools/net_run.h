@@ -19,8 +19,8 @@ public:
 
     const TarnoCPU::TarnoNet& net() const { return built; }
 
-    /// Position in `net().layers` of what computes the blob of a layer id: its fused activation when
-    /// it has one.
+    /// Position in `net().layers` of what computes the blob of a layer id: its fused activation
+    /// when it has one.
     int position_of(int id) const;
     int last_position() const { return static_cast<int>(built.layers.size()) - 1; }
 

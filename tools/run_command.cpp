@@ -36,8 +36,8 @@ std::string blob_file_name(size_t position, const TarnoCPU::Layer& layer) {
 /// Hears of every layer as it ends: shows how far the run is, and writes the blobs when there is a
 /// folder for them.
 ///
-/// The blobs are written here and not fetched after the run: an activation that is fused to its layer
-/// works in place, so that what the layer itself made is gone when the run is over.
+/// The blobs are written here and not fetched after the run: an activation that is fused to its
+/// layer works in place, so that what the layer itself made is gone when the run is over.
 class RunObserver : public TarnoCPU::Statistician {
 public:
     /// `kept`: position of the layer whose output is copied.
@@ -115,8 +115,9 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
              std::to_string(channels));
     }
     if ((command.resize_output || !command.composite.empty()) && files.picture_path().empty()) {
-        throw CommandError(command.inputs[0] + ": expected a picture, whose size the output takes, "
-                                               "found an .npy file");
+        throw CommandError(command.inputs[0] +
+                           ": expected a picture, whose size the output takes, "
+                           "found an .npy file");
     }
     unsigned char colour[3];
     if (!command.composite.empty() && !parse_colour(command.background, colour)) {
@@ -125,8 +126,9 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
     if (!command.resize_output && command.composite.empty()) return;
     const PictureInfo info = picture_info(files.picture_path());
     // Floats of the resized output; of a composite the resized mask and three pictures.
-    const double bytes_of_pixel = (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
-                                  (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
+    const double bytes_of_pixel =
+        (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
+        (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
     const double bytes = bytes_of_pixel * info.w * info.h;
     if (bytes > static_cast<double>(command.limits.memory)) {
         fail("expected at most " + bytes_text(command.limits.memory) +
@@ -145,7 +147,8 @@ Picture background_of(const std::string& text, int w, int h) {
     unsigned char colour[3];
     if (parse_colour(text, colour)) {
         background.pixels.resize(pixels * 3);
-        for (size_t i = 0; i < pixels * 3; ++i) background.pixels[i] = colour[i % 3];
+        for (size_t i = 0; i < pixels * 3; ++i)
+            background.pixels[i] = colour[i % 3];
         return background;
     }
     const Picture picture = read_picture(text, 3);
@@ -231,8 +234,8 @@ void run(const RunCommand& command) {
 
     std::string report;
     if (!command.all_layers.empty()) {
-        report += "wrote " + command.all_layers + ": " +
-                  std::to_string(net.last_position() + 1) + " arrays\n";
+        report += "wrote " + command.all_layers + ": " + std::to_string(net.last_position() + 1) +
+                  " arrays\n";
     }
     TensorSize size;
     FloatMap map;

@@ -13,9 +13,9 @@ namespace tool {
 struct RunCommand {
     std::string model;
     std::vector<std::string> inputs;
-    std::string output;      ///< .png or .npy; empty for none
-    std::string all_layers;  ///< folder; empty for none
-    std::string composite;   ///< .png; empty for none
+    std::string output;                      ///< .png or .npy; empty for none
+    std::string all_layers;                  ///< folder; empty for none
+    std::string composite;                   ///< .png; empty for none
     std::string background = "255,255,255";  ///< a colour or a picture
     bool resize_output = false;
     std::optional<int> layer;
