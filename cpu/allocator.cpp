@@ -45,14 +45,12 @@ void move_to_end(BlockList& from, BlockList::iterator block, BlockList& to) {
 }
 
 void free_all(BlockList& list) {
-    for (const auto& block : list)
-        fastFree(block.second);
+    for (const auto& block : list) fastFree(block.second);
     list.clear();
 }
 
 void report_blocks_in_use(const BlockList& payouts) {
-    for (const auto& block : payouts)
-        std::fprintf(stderr, "%p still in use\n", block.second);
+    for (const auto& block : payouts) std::fprintf(stderr, "%p still in use\n", block.second);
 }
 
 // The stored ratio is compared as it is, in 32 bits and without a shift: from 2 on no free block

@@ -26,7 +26,9 @@ public:
 };
 
 /// Keeps freed blocks for later requests, so that steady-state inference needs no heap call.
-/// For use from one thread: there is no lock, whatever the name may promise.
+/// For use from one thread: there is no lock, whatever the name may promise. Not to be copied while
+/// it holds blocks. Destroyed with blocks in use it asserts, prints them to standard error and leaves
+/// them allocated. Throws std::length_error beyond 0xffffffe blocks.
 class TN_API PoolAllocator : public Allocator {
 public:
     PoolAllocator();
@@ -42,6 +44,7 @@ public:
     void set_size_compare_ratio(float ratio);
 
     void* fastMalloc(unsigned int size) override;
+    /// A pointer that is not of this pool is an assertion, and is then freed through the plain heap.
     void fastFree(void* ptr) override;
 
 private:
@@ -55,6 +58,7 @@ class TN_API UnlockedPoolAllocator : public Allocator {
 public:
     UnlockedPoolAllocator();
     ~UnlockedPoolAllocator() override;
+    /// As those of `PoolAllocator`.
     void clear();
     void set_size_compare_ratio(float ratio);
     void* fastMalloc(unsigned int size) override;

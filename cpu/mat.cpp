@@ -118,6 +118,7 @@ void Mat::create(const TensorShape& new_shape, Allocator* new_allocator) {
 Mat Mat::channel(int q) {
     TensorShape plane = shape;
     plane.c = 1;
+    if (data == nullptr) return Mat(plane, nullptr, allocator);
     const int64_t offset = static_cast<int64_t>(shape.elem_size) * shape.h * shape.w * q;
     return Mat(plane, static_cast<unsigned char*>(data) + offset, allocator);
 }
@@ -180,9 +181,9 @@ void Mat::substract_mean_normalize(const float* mean_vals, const float* norm_val
 
 namespace {
 
-// The border of a tensor whose elements are not 4 bytes wide: the walk is still in 4-byte steps, as
-// for floats; what it would read behind the source counts as 0, what it would write behind the
-// target is dropped.
+// The border word by word, for margins that cut and for elements that are not 4 bytes wide: the
+// walk is in 4-byte steps all the same; what it would read behind the source counts as 0, what it
+// would write behind the target is dropped.
 void make_border_in_words(const Mat& src, Mat& dst, int top, int left, int fill_byte) {
     const int64_t src_bytes = src.shape.total() * src.shape.elem_size;
     const int64_t dst_bytes = dst.shape.total() * dst.shape.elem_size;
@@ -223,8 +224,7 @@ void copy_make_border(const Mat& src, Mat& dst, int top, int bottom, int left, i
         return;
     }
     const Mat source = src;  // dst may be src
-    const bool margins_valid = top >= 0 && bottom >= 0 && left >= 0 && right >= 0;
-    if (source.empty() || !margins_valid || !fits_int(new_h) || !fits_int(new_w)) {
+    if (source.empty() || !fits_int(new_h) || !fits_int(new_w)) {
         dst.release();
         return;
     }
@@ -235,7 +235,8 @@ void copy_make_border(const Mat& src, Mat& dst, int top, int bottom, int left, i
     if (dst.empty()) return;
 
     const int fill_byte = truncate_to_int(v) & 0xff;
-    if (shape.elem_size != 4) {
+    const bool cuts = top < 0 || bottom < 0 || left < 0 || right < 0;
+    if (shape.elem_size != 4 || cuts) {
         make_border_in_words(source, dst, top, left, fill_byte);
         return;
     }

@@ -43,8 +43,16 @@ struct TN_API TensorShape {
     /// everything that counts as empty.
     int dims() const;
 
-    /// `c * h * w`, in 64 bits.
-    int64_t total() const { return static_cast<int64_t>(c) * h * w; }
+    /// `c * h * w` in 64 bits. What does not fit is the largest number, or the lowest when the
+    /// product is negative; no such tensor can be had.
+    int64_t total() const {
+        const int64_t plane = static_cast<int64_t>(h) * w;
+        const int64_t limit = plane != 0 ? INT64_MAX / (plane < 0 ? -plane : plane) : INT64_MAX;
+        if (c > limit || -static_cast<int64_t>(c) > limit) {
+            return (c < 0) != (plane < 0) ? INT64_MIN : INT64_MAX;
+        }
+        return c * plane;
+    }
 };
 
 /// A reference-counted block of memory with a shape header.
@@ -79,10 +87,11 @@ public:
     /// when there is no memory.
     void create(const TensorShape& shape, Allocator* allocator);
 
-    /// True when there is nothing to compute with: no block or no elements.
-    bool empty() const { return data == nullptr || shape.total() <= 0; }
+    /// True when there is nothing to compute with: no block, or sizes of which one is below 1.
+    bool empty() const { return data == nullptr || shape.dims() == 0; }
 
     /// A view of channel q. It holds no share and dangles when this `Mat` goes. q is not checked.
+    /// Without a block the view has none either.
     Mat channel(int q);
     const Mat channel(int q) const;
 
@@ -100,7 +109,7 @@ public:
     }
 
     /// Copies `c * h * w` elements out of consecutive places of `data` into a new `Mat` of the
-    /// shape {layout, c, h, w, size of an element, frac_bits}.
+    /// shape {layout, c, h, w, size of an element, frac_bits}. A null `data` leaves them undefined.
     static Mat from_float_array(const float* data, int w, int h, int c, TensorShape::Layout layout,
                                 Allocator* allocator);
     static Mat from_int16_array(const short* data, int w, int h, int c, TensorShape::Layout layout,
@@ -121,20 +130,24 @@ public:
     static Mat from_pixels_resize(const unsigned char* pixels, int type, int w, int h, int target_w,
                                   int target_h, Allocator* allocator);
 
-    /// In place on floats, per channel q: x = (x - mean_vals[q]) * norm_vals[q]; either pointer may
-    /// be null. Only the first (h * w) / 4 * 4 elements of a channel are changed.
+    /// In place, per channel q: x = (x - mean_vals[q]) * norm_vals[q], with one number for each
+    /// channel; either pointer may be null. Only the first (h * w) / 4 * 4 elements of a channel
+    /// are changed. Other tensors than floats are left alone. (The name is misspelt; hosts call it
+    /// so.)
     void substract_mean_normalize(const float* mean_vals, const float* norm_vals);
 };
 
 /// `dst` becomes `src` with margins of `top` and `bottom` rows and `left` and `right` columns. With
 /// no margin at all `dst` shares `src`. Elements are taken as 4 bytes wide. Every byte of a margin
-/// is the low byte of (int)`v`, so the margin is a true constant only for 0. `dst` is empty when
-/// there is no memory. `type` and `num_threads` are not looked at.
+/// is the low byte of (int)`v`, so the margin is a true constant only for 0. A negative margin
+/// cuts. `dst` is empty when there is no memory or nothing is left. `type` and `num_threads` are
+/// not looked at.
 TN_API void copy_make_border(const Mat& src, Mat& dst, int top, int bottom, int left, int right,
                              int type, float v, Allocator* allocator, int num_threads);
 
-/// `dst` becomes the inside of `src` less the four margins. With no margin it shares `src`. A `src`
-/// of one row and one channel leaves `dst` as it was.
+/// `dst` becomes the inside of `src` less the four margins, none of them negative. With no margin
+/// it shares `src`. A `src` of one row and one channel leaves `dst` as it was. Empty when nothing
+/// is left.
 TN_API void copy_cut_border(const Mat& src, Mat& dst, int top, int bottom, int left, int right,
                             Allocator* allocator, int num_threads);
 

@@ -65,8 +65,7 @@ struct FromGrey {
     static constexpr size_t pixels = 16, bytes = 1, channels = channel_count;
     static void step(const unsigned char* at, float* out, size_t plane) {
         const __m128i grey = load_16_bytes(at);
-        for (size_t q = 0; q < channels; ++q)
-            store_16_as_floats(out + q * plane, grey);
+        for (size_t q = 0; q < channels; ++q) store_16_as_floats(out + q * plane, grey);
     }
 };
 
@@ -102,8 +101,7 @@ void convert(const unsigned char* pixels, size_t count, float* out) {
     constexpr size_t step = Conversion::pixels, bytes = Conversion::bytes;
     // A pixel is left over each time, for the byte that a step reads beyond its own.
     size_t i = 0;
-    for (; i + step < count; i += step)
-        Conversion::step(pixels + i * bytes, out + i, count);
+    for (; i + step < count; i += step) Conversion::step(pixels + i * bytes, out + i, count);
 
     const size_t rest = count - i;
     unsigned char last_pixels[step * bytes + 1] = {};
@@ -164,7 +162,7 @@ void fill(const ConversionRow& conversion, const unsigned char* pixels, Mat& pla
 
 Mat Mat::from_pixels(const unsigned char* pixels, int type, int w, int h, Allocator* allocator) {
     const ConversionRow* conversion = find_conversion(type);
-    if (conversion == nullptr) return Mat();
+    if (conversion == nullptr || pixels == nullptr) return Mat();
     Mat planes = planes_of(*conversion, w, h, allocator);
     fill(*conversion, pixels, planes);
     return planes;

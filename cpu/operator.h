@@ -40,10 +40,12 @@ public:
     virtual std::string name() const = 0;
 };
 
-/// One tensor in, one out. `forward` gives `top` a block of its own.
+/// One tensor in, one out. `bottom` and `top` may be one object; a `top` that has the right shape and
+/// allocator already may be written in place of a new block.
 class TN_API OperatorSISO : public Operator {
 public:
-    /// 0 on success; -100 when the check fails, after an assertion, or when there is no memory.
+    /// 0 on success; -100 when the check fails, after an assertion, when `load` failed or was never
+    /// called, when there is no memory, and for shapes that leave nothing to compute.
     virtual int forward(const Mat& bottom, Mat& top, const Option& opt) = 0;
     /// Whether this kernel runs on a bottom of this shape.
     virtual bool check_forward(const TensorShape& shape) = 0;
@@ -52,13 +54,16 @@ public:
 /// One tensor, changed in place.
 class TN_API OperatorSISOInplace : public Operator {
 public:
+    /// As above.
     virtual int forward(Mat& bottom_top, const Option& opt) = 0;
     virtual bool check_forward(const TensorShape& shape) = 0;
 };
 
-/// Several tensors in, `tops[0]` out; `tops` arrives with one empty `Mat`.
+/// Several tensors in, `tops[0]` out; `tops` arrives with one empty `Mat`. An empty list of bottoms
+/// passes the check and gives -100.
 class TN_API OperatorMIMO : public Operator {
 public:
+    /// As above.
     virtual int forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops,
                         const Option& opt) = 0;
     virtual bool check_forward(const std::vector<TensorShape>& shapes) = 0;

@@ -36,6 +36,7 @@ const OperatorInfo* operator_list(size_t* count) {
 }
 
 const OperatorInfo* find_operator(const char* name) {
+    if (name == nullptr) return nullptr;
     for (const OperatorInfo& row : rows) {
         if (std::strcmp(row.name, name) == 0) return &row;
     }
@@ -43,6 +44,7 @@ const OperatorInfo* find_operator(const char* name) {
 }
 
 const OperatorInfo* find_operator(OperatorCreator creator) {
+    if (creator == nullptr) return nullptr;
     for (const OperatorInfo& row : rows) {
         if (row.creator == creator) return &row;
     }

@@ -36,10 +36,10 @@ struct OperatorInfo {
 /// All rows, in the order of the list; `*count` receives their number.
 TN_API const OperatorInfo* operator_list(size_t* count);
 
-/// The row of the class `name`, or null.
+/// The row of the class `name`, or null; null for null.
 TN_API const OperatorInfo* find_operator(const char* name);
 
-/// The row whose factory is `creator`, or null.
+/// The row whose factory is `creator`, or null; null for null.
 TN_API const OperatorInfo* find_operator(OperatorCreator creator);
 
 }  // namespace TarnoCPU

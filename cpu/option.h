@@ -16,7 +16,7 @@ struct TN_API Option {
 /// The process-wide default, copied into every new extractor.
 TN_API const Option& get_default_option();
 
-/// Replaces the default; returns 0. With `num_threads` below 1 it is an assertion, -1, and no
+/// Replaces the default; returns 0. Allocators in it must outlive every extractor made later. With `num_threads` below 1 it is an assertion, -1, and no
 /// change. Not guarded: call it before the first extractor.
 TN_API int set_default_option(const Option& opt);
 

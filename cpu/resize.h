@@ -1,4 +1,5 @@
-// Resizing of interleaved 8-bit images in integers: exact, the same on every machine.
+// Resizing of interleaved 8-bit images in integers: exact, the same on every machine. Where a size
+// is below 1, nothing is written.
 #pragma once
 
 #include "../platform/export.h"
@@ -7,7 +8,8 @@ namespace TarnoCPU {
 
 /// Bilinear, N interleaved channels (the number in the name), no gap between rows on either side:
 /// `src` holds srch rows of srcw * N bytes, `dst` receives h rows of w * N bytes. A source of width
-/// or height 1 is read as if its single column or row stood twice.
+/// or height 1 is read as if its single column or row stood twice. The first rows and columns of an
+/// enlargement extrapolate; what leaves the range of a byte there wraps.
 TN_API void resize_bilinear_c1(const unsigned char* src, int srcw, int srch, unsigned char* dst,
                                int w, int h);
 TN_API void resize_bilinear_c2(const unsigned char* src, int srcw, int srch, unsigned char* dst,

@@ -96,8 +96,8 @@ private:
     int16_t* values;
 };
 
-// Values that a row pass may write behind the end of a line.
-constexpr size_t line_slack = 8;
+// How many values a row pass writes behind the end of a line.
+constexpr size_t line_slack = 1;
 
 __m128i load_8_bytes(const unsigned char* at) {
     return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));

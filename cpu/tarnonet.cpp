@@ -74,8 +74,7 @@ TarnoNet::TarnoNet(TarnoNet&& other) noexcept : TarnoNet() {
 
 TarnoNet& TarnoNet::operator=(TarnoNet&& other) noexcept {
     if (this == &other) return *this;
-    for (Layer* layer : layers)
-        delete layer;
+    for (Layer* layer : layers) delete layer;
     net_width = other.net_width;
     net_height = other.net_height;
     blobs = std::move(other.blobs);
@@ -90,8 +89,7 @@ TarnoNet& TarnoNet::operator=(TarnoNet&& other) noexcept {
 }
 
 TarnoNet::~TarnoNet() {
-    for (Layer* layer : layers)
-        delete layer;
+    for (Layer* layer : layers) delete layer;
 }
 
 TarnoNetExtractor TarnoNet::create_extractor() const {
@@ -124,10 +122,20 @@ Mat mat_of(const std::vector<Mat>& blob_mats, int blob) {
     return is_index_of(blob, blob_mats) ? blob_mats[static_cast<size_t>(blob)] : Mat();
 }
 
+bool is_filled(const std::vector<Mat>& blob_mats, int blob) {
+    return is_index_of(blob, blob_mats) && blob_mats[static_cast<size_t>(blob)].shape.dims() != 0;
+}
+
 // Whether all readers of a blob have run. A reader whose top is empty has not. A reader without
 // exactly one top is an assertion; its line tells the single-tensor path from the other.
 bool all_consumers_done(const std::vector<Layer*>& layers, const Blob& blob,
                         const std::vector<Mat>& blob_mats, int assertion_line) {
+    // Readers run in their order, so the last one tells most often, without a look at the others:
+    // else a blob with many readers would be walked by each of them.
+    if (!blob.consumers.empty()) {
+        const std::vector<int>& tops = layers[static_cast<size_t>(blob.consumers.back())]->tops;
+        if (tops.size() == 1 && !is_filled(blob_mats, tops[0])) return false;
+    }
     for (const int consumer : blob.consumers) {
         const std::vector<int>& tops = layers[static_cast<size_t>(consumer)]->tops;
         if (tops.size() != 1) {
@@ -135,7 +143,7 @@ bool all_consumers_done(const std::vector<Layer*>& layers, const Blob& blob,
                                    assertion_line);
             if (tops.empty()) return false;
         }
-        if (mat_of(blob_mats, tops[0]).shape.dims() == 0) return false;
+        if (!is_filled(blob_mats, tops[0])) return false;
     }
     return true;
 }
@@ -203,8 +211,7 @@ int TarnoNet::forward_layer(int layer_index, std::vector<Mat>& blob_mats, Option
             if (result != 0) return result;
             blob_mats[static_cast<size_t>(layer->tops[0])] = tops.empty() ? Mat() : tops[0];
             if (opt.lightmode) {
-                for (const int b : layer->bottoms)
-                    release_when_read(b, 1504);
+                for (const int b : layer->bottoms) release_when_read(b, 1504);
             }
         }
     }

@@ -20,15 +20,17 @@ class TarnoNet;
 
 /// One inference run, meant for one frame: takes inputs, owns the tensors of the run, computes what
 /// is asked for. Several extractors of one net may run side by side on threads of the host, each
-/// with its own allocators or none, as long as the net has no LSTM.
+/// with its own allocators or none, as long as the net has no LSTM. The net must outlive it.
 class TN_API TarnoNetExtractor {
 public:
     TarnoNetExtractor(const TarnoNetExtractor& other) = default;
     TarnoNetExtractor& operator=(const TarnoNetExtractor& other) = default;
     ~TarnoNetExtractor();
 
-    /// Hands in a tensor under the input index of the model file; the block is shared. 0, or -1 for
-    /// an index that is negative, not below the number of blobs, or not an input of the model.
+    /// Hands in a tensor under the input index of the model file: float, `CHW`, of the size that the
+    /// model is to run at. The block is shared, and a layer that works in place on the input (a
+    /// region) writes into it. 0, or -1 for an index that is negative, not below the number of blobs,
+    /// or not an input of the model.
     int input(int input_index, const Mat& in);
 
     /// Computes layer `layer_index`, a position in `TarnoNet::layers` (not a layer id and not a
@@ -65,12 +67,13 @@ private:
 /// `layers` of one of them were emptied first.
 class TN_API TarnoNet {
 public:
-    int net_width;                          ///< unset until `setNetSize`
-    int net_height;                         ///< unset until `setNetSize`
+    int net_width;                          ///< in pixels; 0 until `setNetSize`
+    int net_height;                         ///< in pixels; 0 until `setNetSize`
     std::vector<Blob> blobs;                ///< blob n is the output of the layer with id n; then
                                             ///< one for each fused activation
     std::vector<Layer*> layers;             ///< in execution order, owned
-    std::vector<Operator*> lstm_operators;  ///< operators with state, owned by their layers
+    std::vector<Operator*> lstm_operators;  ///< operators with state, owned by their layers;
+                                            ///< null for one that could not be made
     std::map<int, int> input_blobs;         ///< from input index to blob index
 
     TarnoNet();

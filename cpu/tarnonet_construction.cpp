@@ -4,7 +4,9 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "cpu/layer/concat.h"
 #include "cpu/layer/region.h"
@@ -40,47 +42,156 @@ int fused_activation(const ZQLayerInfo* zqlayer_info) {
     }
 }
 
-/// An array of `wanted` floats that starts with `source` and ends with zeros. `available` is what
-/// the record holds. Empty when a record asks for far more than its file brought, which only a
-/// damaged one does: memory stays in proportion to the file.
-std::vector<float> padded_array(const float* source, int64_t available, int64_t wanted) {
-    constexpr int64_t most_padding = int64_t{1} << 24;
-    if (wanted > INT_MAX || (wanted > available && wanted > most_padding)) return {};
-    std::vector<float> array(static_cast<size_t>(std::max<int64_t>(wanted, 0)), 0.0f);
-    const int64_t copied = std::min(available, wanted);
-    if (source != nullptr && copied > 0) {
-        std::memcpy(array.data(), source, static_cast<size_t>(copied) * sizeof(float));
+/// Floats that the net takes without a file that brought them: zeros behind arrays that are too
+/// short, and the arrays of records that are listed twice. Sound models have next to none; a
+/// damaged one gets no further than this.
+class SpareFloats {
+public:
+    bool take(double count) {
+        if (count > left) return false;
+        left -= count;
+        return true;
     }
-    return array;
-}
 
-/// [outer][rows][inner] to [outer][inner][rows]: kernel taps are the rows, and the file has its
-/// channels inside the taps where the operators have the taps inside the channels. Elements behind
-/// the end of the record's array are 0.
-std::vector<float> taps_innermost(const float* source, int64_t available, int64_t outer,
-                                  int64_t rows, int64_t inner) {
-    // In double: four 16-bit numbers may multiply to more than 63 bits.
-    const double total =
-        static_cast<double>(outer) * static_cast<double>(rows) * static_cast<double>(inner);
-    if (total <= 0.0 || total > INT_MAX) return {};
-    std::vector<float> array = padded_array(nullptr, available, outer * rows * inner);
-    if (array.empty() || source == nullptr) return array;
-    int64_t from = 0;
-    for (int64_t o = 0; o < outer; ++o) {
-        for (int64_t r = 0; r < rows; ++r) {
-            const int64_t readable = std::min(inner, std::max<int64_t>(0, available - from));
-            float* to = array.data() + o * rows * inner + r;
-            for (int64_t i = 0; i < readable; ++i)
-                to[i * rows] = source[from + i];
-            from += inner;
+private:
+    double left = 1 << 24;
+};
+
+/// The arrays of a net's records on their way to its operators.
+class Arrays {
+public:
+    /// An array of `wanted` floats that starts with `source` and ends with zeros. `available` is
+    /// what the record holds. Empty when there are no floats to spare for the zeros.
+    std::vector<float> padded(const float* source, int64_t available, int64_t wanted) {
+        if (wanted <= 0 || wanted > INT_MAX) return {};
+        if (wanted > available && !spare.take(static_cast<double>(wanted - available))) return {};
+        std::vector<float> array(static_cast<size_t>(wanted), 0.0f);
+        const int64_t copied = std::min(available, wanted);
+        if (source != nullptr && copied > 0) {
+            std::memcpy(array.data(), source, static_cast<size_t>(copied) * sizeof(float));
         }
+        return array;
     }
-    return array;
+
+    /// [outer][rows][inner] to [outer][inner][rows]: kernel taps are the rows, and the file has its
+    /// channels inside the taps where the operators have the taps inside the channels. Elements
+    /// behind the end of the record's array are 0.
+    std::vector<float> taps_innermost(const float* source, int64_t available, int64_t outer,
+                                      int64_t rows, int64_t inner) {
+        // In double: four 16-bit numbers may multiply to more than 63 bits.
+        const double total =
+            static_cast<double>(outer) * static_cast<double>(rows) * static_cast<double>(inner);
+        if (total <= 0.0 || total > INT_MAX) return {};
+        std::vector<float> array = padded(nullptr, available, outer * rows * inner);
+        if (array.empty() || source == nullptr) return array;
+        int64_t from = 0;
+        for (int64_t o = 0; o < outer; ++o) {
+            for (int64_t r = 0; r < rows; ++r) {
+                const int64_t readable = std::min(inner, std::max<int64_t>(0, available - from));
+                float* to = array.data() + o * rows * inner + r;
+                for (int64_t i = 0; i < readable; ++i) to[i * rows] = source[from + i];
+                from += inner;
+            }
+        }
+        return array;
+    }
+
+    /// Cut or filled up with zeros to `wanted` floats.
+    std::vector<float> resized(const std::vector<float>& array, int64_t wanted) {
+        return padded(array.data(), static_cast<int64_t>(array.size()), wanted);
+    }
+
+    SpareFloats spare;
+};
+
+/// Weights that know how long they are: an operator that a table put on a layer of another kind may
+/// ask for more than there is. The rest reads as 0.
+class SizedWeights : public ModelBin {
+public:
+    struct Array {
+        const float* data = nullptr;
+        int64_t count = 0;
+    };
+
+    /// The array behind each `type`, the same for every index.
+    explicit SizedWeights(std::vector<Array> by_type) : by_type(std::move(by_type)) {}
+    /// The arrays behind type 0 and type 1 by index.
+    SizedWeights(std::vector<Array> weights, std::vector<Array> bias)
+        : by_index{std::move(weights), std::move(bias)} {}
+
+    Mat load(int count, int type, int index) const override {
+        const Array source = find(type, index);
+        // As long as the operators of the layer's own kind ask, nothing is missing.
+        constexpr int64_t most_missing = int64_t{1} << 22;
+        Mat array;
+        array.shape = TensorShape(TensorShape::FLAT, 1, 1, 0, 4);
+        if (count <= 0 || count - source.count > most_missing) return array;
+        array.create(TensorShape(TensorShape::FLAT, 1, 1, count, 4), nullptr);
+        if (array.empty()) return array;
+        const int64_t present = source.data != nullptr ? std::min<int64_t>(count, source.count) : 0;
+        if (present > 0) {
+            std::memcpy(array.data, source.data, static_cast<size_t>(present) * sizeof(float));
+        }
+        std::memset(array.ptr<float>() + present, 0,
+                    static_cast<size_t>(count - present) * sizeof(float));
+        return array;
+    }
+
+private:
+    Array find(int type, int index) const {
+        if (by_type.empty()) {
+            const bool known = (type == 0 || type == 1) && index >= 0 &&
+                               static_cast<size_t>(index) < by_index[type].size();
+            return known ? by_index[type][static_cast<size_t>(index)] : Array();
+        }
+        const bool known = type >= 0 && static_cast<size_t>(type) < by_type.size();
+        return known ? by_type[static_cast<size_t>(type)] : Array();
+    }
+
+    std::vector<Array> by_type;
+    std::vector<Array> by_index[2];
+};
+
+/// Weights of a layer that has none.
+SizedWeights no_weights() {
+    return SizedWeights({SizedWeights::Array(), SizedWeights::Array()});
 }
 
-/// Cut or filled up with zeros to `wanted` floats.
-std::vector<float> resized(const std::vector<float>& array, int64_t wanted) {
-    return padded_array(array.data(), static_cast<int64_t>(array.size()), wanted);
+SizedWeights weights_and_bias(const std::vector<float>& weights, const float* bias,
+                              size_t bias_count) {
+    return SizedWeights({{weights.data(), static_cast<int64_t>(weights.size())},
+                         {bias, static_cast<int64_t>(bias_count)}});
+}
+
+/// Floats that an operator keeps of a record.
+double float_count(const ZQLayerInfo* record) {
+    switch (record->type) {
+        case ZQLayerType_Conv2D:
+            return static_cast<double>(
+                static_cast<const ZQLayerInfo_Conv2D*>(record)->weights_count);
+        case ZQLayerType_Conv2DTranspose:
+            return static_cast<double>(
+                static_cast<const ZQLayerInfo_Conv2DTranspose*>(record)->weights_count);
+        case ZQLayerType_DepthWiseConv2D:
+            return static_cast<double>(
+                static_cast<const ZQLayerInfo_DepthWiseConv2D*>(record)->weights_count);
+        case ZQLayerType_DepthWiseConv2DTranspose:
+            return static_cast<double>(
+                static_cast<const ZQLayerInfo_DepthWiseConv2DTranspose*>(record)->weights_count);
+        case ZQLayerType_FullConnection:
+            return static_cast<double>(
+                static_cast<const ZQLayerInfo_FullConnection*>(record)->weights_count);
+        case ZQLayerType_BatchNormalization:
+            return 6.0 * static_cast<double>(
+                             static_cast<const ZQLayerInfo_BatchNormalization*>(record)->bn_count);
+        case ZQLayerType_LSTM: {
+            const auto* lstm = static_cast<const ZQLayerInfo_LSTM*>(record);
+            return 2.0 * lstm->num_layers *
+                   static_cast<double>(lstm->w_ih_count + lstm->w_hh_count + 2 * lstm->bias_count);
+        }
+        default:
+            return 0.0;
+    }
 }
 
 int count_of(const std::vector<float>& array) {
@@ -130,11 +241,14 @@ private:
     /// The same with the record's fused activation, when it has one, behind it.
     void wire_fused(Layer* layer, const ZQLayerInfo* record);
     void connect_bottoms(Layer* layer, const ZQLayerInfo* record);
+    void add_consumer(const std::vector<int>& bottoms, int index);
     int append(Layer* layer);
 
     TarnoNet& net;
     const LayerInferenceConfig* configs;
     size_t ic_index = 0;
+    Arrays arrays;
+    std::set<unsigned short> built;
     std::vector<unsigned short> sequential_layers;
     std::map<unsigned short, ZQLayerInfo*> layers_info;
 };
@@ -166,14 +280,18 @@ void set_window(ParamDict& pd, int num_output, int kernel_w, int kernel_h, int d
 
 void Construction::run() {
     int highest = -1;
-    for (const unsigned short id : sequential_layers)
-        highest = std::max<int>(highest, id);
+    for (const unsigned short id : sequential_layers) highest = std::max<int>(highest, id);
     net.blobs.resize(static_cast<size_t>(highest + 1));
     for (const unsigned short id : sequential_layers) {
         const auto found = layers_info.find(id);
         const ZQLayerInfo* zqlayer_info = found != layers_info.end() ? found->second : NULL;
         TN_ASSERT_AT(zqlayer_info != NULL, "tarnonet", 410);
-        if (zqlayer_info != NULL) add_layer_of(zqlayer_info);
+        if (zqlayer_info == NULL) continue;
+        if (!built.insert(id).second && !arrays.spare.take(float_count(zqlayer_info))) {
+            Tarno::_LogError("Tarno", "layer %d is listed again and again: not built", id);
+            continue;
+        }
+        add_layer_of(zqlayer_info);
     }
 }
 
@@ -284,8 +402,16 @@ int Construction::append(Layer* layer) {
 }
 
 void Construction::connect_bottoms(Layer* layer, const ZQLayerInfo* record) {
-    for (int i = 0; i < record->bottom_count; ++i)
-        layer->bottoms.push_back(record->bottoms[i]);
+    for (int i = 0; i < record->bottom_count; ++i) layer->bottoms.push_back(record->bottoms[i]);
+}
+
+void Construction::add_consumer(const std::vector<int>& bottoms, int index) {
+    for (const int bottom : bottoms) {
+        // A bottom that no record has: the layer finds it empty and fails its check.
+        if (static_cast<size_t>(bottom) < net.blobs.size()) {
+            net.blobs[static_cast<size_t>(bottom)].consumers.push_back(index);
+        }
+    }
 }
 
 void Construction::wire(Layer* layer, const ZQLayerInfo* record) {
@@ -293,12 +419,7 @@ void Construction::wire(Layer* layer, const ZQLayerInfo* record) {
     connect_bottoms(layer, record);
     layer->tops.push_back(record->id);
     const int index = append(layer);
-    for (const int bottom : layer->bottoms) {
-        // A bottom that no record has: the layer finds it empty and fails its check.
-        if (static_cast<size_t>(bottom) < net.blobs.size()) {
-            net.blobs[static_cast<size_t>(bottom)].consumers.push_back(index);
-        }
-    }
+    add_consumer(layer->bottoms, index);
     net.blobs[record->id].producer = index;
 }
 
@@ -323,11 +444,7 @@ void Construction::wire_fused(Layer* layer, const ZQLayerInfo* record) {
 
     const int index = append(layer);
     const int activation_index = append(activation);
-    for (const int bottom : layer->bottoms) {
-        if (static_cast<size_t>(bottom) < net.blobs.size()) {
-            net.blobs[static_cast<size_t>(bottom)].consumers.push_back(index);
-        }
-    }
+    add_consumer(layer->bottoms, index);
     Blob blob;
     blob.producer = index;
     blob.consumers.push_back(activation_index);
@@ -368,7 +485,7 @@ Layer* Construction::make_activation(int id, int kind, const ParamDict& linear) 
     if (kind == 1) pd = linear;
     if (kind == 2) pd.set(0, 0.0f);
     if (kind == 6) pd.set(0, 0.1f);
-    layer->load(pd, ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+    layer->load(pd, no_weights(), config);
     return layer;
 }
 
@@ -376,7 +493,7 @@ void Construction::add_input(const ZQLayerInfo* record, int input_index) {
     Layer* layer = make_layer("Input", record, "Input");
     const LayerInferenceConfig config = next_config(&Input_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(ParamDict(), ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+    layer->load(ParamDict(), no_weights(), config);
     // Bottom and top are the one blob that the caller fills; it has no consumer entry for this.
     layer->bottoms.push_back(record->id);
     layer->tops.push_back(record->id);
@@ -405,9 +522,9 @@ void Construction::add_convolution(const ZQLayerInfo_Conv2D* record) {
     const int64_t taps = static_cast<int64_t>(record->kernel_w) * record->kernel_h;
     const int groups = static_cast<int>(record->effective_groups());
     const std::vector<float> weights =
-        groups == 1 ? taps_innermost(record->weights, record->weights_count, out, taps, in)
-                    : padded_array(record->weights, record->weights_count,
-                                   (in / groups) * (out / groups) * groups * taps);
+        groups == 1 ? arrays.taps_innermost(record->weights, record->weights_count, out, taps, in)
+                    : arrays.padded(record->weights, record->weights_count,
+                                    (in / groups) * (out / groups) * groups * taps);
     ParamDict pd;
     set_window(pd, record->out_shape->channels, record->kernel_w, record->kernel_h,
                record->dilation_w, record->dilation_h, record->stride_w, record->stride_h,
@@ -421,13 +538,13 @@ void Construction::add_convolution(const ZQLayerInfo_Conv2D* record) {
                                                           record->stride_w, record->stride_h));
     const LayerInferenceConfig config = next_config(default_convolution(record));
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(weights.data(), record->bias), config);
+    layer->load(pd, weights_and_bias(weights, record->bias, record->bias_count), config);
     wire_fused(layer, record);
 }
 
 void Construction::add_deconvolution(const ZQLayerInfo_Conv2DTranspose* record) {
     // Always the reorder for one group: more than one is not this operator's business.
-    const std::vector<float> weights = taps_innermost(
+    const std::vector<float> weights = arrays.taps_innermost(
         record->weights, record->weights_count, record->out_shape->channels,
         static_cast<int64_t>(record->kernel_w) * record->kernel_h, record->in_shape->channels);
     ParamDict pd;
@@ -442,7 +559,7 @@ void Construction::add_deconvolution(const ZQLayerInfo_Conv2DTranspose* record) 
                                                             record->stride_w, record->stride_h));
     const LayerInferenceConfig config = next_config(&Deconvolution_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(weights.data(), record->bias), config);
+    layer->load(pd, weights_and_bias(weights, record->bias, record->bias_count), config);
     wire_fused(layer, record);
 }
 
@@ -472,9 +589,9 @@ void Construction::add_depthwise(const ZQLayerInfo_DepthWiseConv2D* record) {
     const int64_t taps = static_cast<int64_t>(record->kernel_w) * record->kernel_h;
     const int64_t filters =
         static_cast<int64_t>(record->in_shape->channels) * record->depth_multiplier;
-    const std::vector<float> weights =
-        resized(taps_innermost(record->weights, record->weights_count, 1, taps, filters),
-                depthwise_weight_count(record));
+    const std::vector<float> weights = arrays.resized(
+        arrays.taps_innermost(record->weights, record->weights_count, 1, taps, filters),
+        depthwise_weight_count(record));
     ParamDict pd;
     set_depthwise(pd, record, count_of(weights));
     pd.set(12, record->in_shape->channels);
@@ -485,16 +602,16 @@ void Construction::add_depthwise(const ZQLayerInfo_DepthWiseConv2D* record) {
     const LayerInferenceConfig config =
         next_config(&ConvolutionDepthwise_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(weights.data(), record->bias), config);
+    layer->load(pd, weights_and_bias(weights, record->bias, record->bias_count), config);
     wire_fused(layer, record);
 }
 
 void Construction::add_depthwise_deconvolution(const ZQLayerInfo_DepthWiseConv2DTranspose* record) {
     const int64_t taps = static_cast<int64_t>(record->kernel_w) * record->kernel_h;
-    const std::vector<float> weights =
-        resized(taps_innermost(record->weights, record->weights_count, record->in_shape->channels,
-                               taps, record->depth_multiplier),
-                depthwise_weight_count(record));
+    const std::vector<float> weights = arrays.resized(
+        arrays.taps_innermost(record->weights, record->weights_count, record->in_shape->channels,
+                              taps, record->depth_multiplier),
+        depthwise_weight_count(record));
     ParamDict pd;
     set_depthwise(pd, record, count_of(weights));
     // This kind's display name has height first.
@@ -505,7 +622,7 @@ void Construction::add_depthwise_deconvolution(const ZQLayerInfo_DepthWiseConv2D
     const LayerInferenceConfig config =
         next_config(&DeconvolutionDepthwise_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(weights.data(), record->bias), config);
+    layer->load(pd, weights_and_bias(weights, record->bias, record->bias_count), config);
     wire_fused(layer, record);
 }
 
@@ -515,7 +632,7 @@ void Construction::add_pixel_shuffle(const ZQLayerInfo_PixelShuffle* record) {
     Layer* layer = make_layer("PixelShuffle", record, "PixelShuffle");
     const LayerInferenceConfig config = next_config(&PixelShuffle_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+    layer->load(pd, no_weights(), config);
     wire(layer, record);
 }
 
@@ -541,7 +658,7 @@ void Construction::add_pooling(const ZQLayerInfo_Pooling* record) {
         pd.set(8, static_cast<int>(record->pad_h));
         pd.set(9, 0);
         pd.set(10, 1);
-        layer->load(pd, ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+        layer->load(pd, no_weights(), config);
     }
     wire(layer, record);
 }
@@ -551,11 +668,16 @@ void Construction::add_batch_normalization(const ZQLayerInfo_BatchNormalization*
     pd.set(0, static_cast<int>(record->in_shape->channels));
     // An integer 0 in the place of a float: its bits are 0.0f, the eps that models have folded in.
     pd.set(1, 0);
+    // Slope, mean, variance, bias: the operator's order, not the file's.
+    const int64_t count = static_cast<int64_t>(record->bn_count);
     Layer* layer = make_layer("BatchNormalization", record, "BatchNormalization");
     const LayerInferenceConfig config = next_config(&Batchnorm_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
     layer->load(pd,
-                ModelBinFromTarnoBatchnorm(record->bn_a, record->bn_d, record->bn_c, record->bn_b),
+                SizedWeights({{record->bn_a, count},
+                              {record->bn_d, count},
+                              {record->bn_c, count},
+                              {record->bn_b, count}}),
                 config);
     wire(layer, record);
 }
@@ -589,7 +711,7 @@ void Construction::add_eltwise(const ZQLayerInfo_ElementWiseOperator* record) {
     if (record->operator_type == 0 || record->operator_type == 2) {
         ParamDict pd;
         pd.set(0, record->operator_type == 0 ? 1 : 0);
-        layer->load(pd, ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+        layer->load(pd, no_weights(), config);
     } else {
         TN_ASSERT_AT(false && "Unsupported tarno eltwise operator", "tarnonet", 1010);
     }
@@ -612,7 +734,7 @@ void Construction::add_upsampling(const ZQLayerInfo_Upsampling* record) {
     Layer* layer = make_layer("Upsampling", record, "Upsampling");
     const LayerInferenceConfig config = next_config(&Upsampling_Float_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(nullptr, nullptr), config);
+    layer->load(pd, no_weights(), config);
     wire(layer, record);
 }
 
@@ -620,11 +742,9 @@ void Construction::add_tensor_reshape(const ZQLayerInfo_TensorReshape* record) {
     if (configs != nullptr) ++ic_index;
     TensorReshape* layer = make_layer<TensorReshape>("TensorReshape", record, "TensorReshape");
     if (layer == nullptr) return;
-    for (int i = 0; i < 4; ++i)
-        layer->dims[i] = record->out_tensor.dims[i];
+    for (int i = 0; i < 4; ++i) layer->dims[i] = record->out_tensor.dims[i];
     const int rank = std::min<int>(record->out_tensor.rank, 11);
-    for (int i = 0; i < rank; ++i)
-        layer->dim_count += record->out_tensor.dims[i] != 0 ? 1 : 0;
+    for (int i = 0; i < rank; ++i) layer->dim_count += record->out_tensor.dims[i] != 0 ? 1 : 0;
     wire(layer, record);
 }
 
@@ -637,7 +757,10 @@ void Construction::add_full_connection(const ZQLayerInfo_FullConnection* record)
     Layer* layer = make_layer("FullConnection", record, "FullConnection");
     const LayerInferenceConfig config = next_config(&FullConnection_Float_SSE_M1_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinFromTarnoWeightBias(record->weights, record->bias), config);
+    layer->load(pd,
+                SizedWeights({{record->weights, static_cast<int64_t>(record->weights_count)},
+                              {record->bias, static_cast<int64_t>(record->bias_count)}}),
+                config);
     wire(layer, record);
 }
 
@@ -647,10 +770,10 @@ void Construction::add_lstm(const ZQLayerInfo_LSTM* record) {
     const int64_t num_layers = record->num_layers;
     // Only the first of the record's layers is read, whatever `num_layers` says; the counts that
     // the operator asks for grow with it, and what the first layer does not have is 0.
-    const auto first_layer = [num_layers](float* const* arrays, bool present, int64_t count) {
-        const bool readable = present && num_layers > 0 && arrays != nullptr;
-        return padded_array(readable ? arrays[0] : nullptr, readable ? count : 0,
-                            count * num_layers);
+    const auto first_layer = [this, num_layers](float* const* lists, bool present, int64_t count) {
+        const bool readable = present && num_layers > 0 && lists != nullptr;
+        return arrays.padded(readable ? lists[0] : nullptr, readable ? count : 0,
+                             count * num_layers);
     };
     const int64_t w_ih_count = 4 * hidden_size * input_size;
     const int64_t w_hh_count = 4 * hidden_size * hidden_size;
@@ -669,11 +792,10 @@ void Construction::add_lstm(const ZQLayerInfo_LSTM* record) {
         first_layer(record->b_ih_reverse, biased && reverse, bias_count),
         first_layer(record->b_hh_reverse, biased && reverse, bias_count),
     };
-    const float* weights[4];
-    const float* bias[4];
+    std::vector<SizedWeights::Array> weights, bias;
     for (int i = 0; i < 4; ++i) {
-        weights[i] = weight_arrays[i].data();
-        bias[i] = bias_arrays[i].data();
+        weights.push_back({weight_arrays[i].data(), count_of(weight_arrays[i])});
+        bias.push_back({bias_arrays[i].data(), count_of(bias_arrays[i])});
     }
     ParamDict pd;
     pd.set(0, static_cast<int>(record->input_size));
@@ -685,7 +807,7 @@ void Construction::add_lstm(const ZQLayerInfo_LSTM* record) {
     Layer* layer = make_layer("LSTM", record, "LSTM");
     const LayerInferenceConfig config = next_config(&LSTM_Fallback_operator_creator);
     if (layer == nullptr) return;
-    layer->load(pd, ModelBinMultiFromTarnoWeightBias(weights, bias), config);
+    layer->load(pd, SizedWeights(weights, bias), config);
     net.lstm_operators.push_back(layer->get_operator());
     wire(layer, record);
 }

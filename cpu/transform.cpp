@@ -108,10 +108,8 @@ void mat_int16_to_float_chw(Mat& src, Mat& dst, int fraction_bits) {
         _mm_storeu_ps(to + i, _mm_mul_ps(_mm_cvtepi32_ps(low), units));
         _mm_storeu_ps(to + i + 4, _mm_mul_ps(_mm_cvtepi32_ps(high), units));
     }
-    for (; i < count; ++i)
-        to[i] = static_cast<float>(from[i]) * unit;
-    for (; i < total; ++i)
-        to[i] = 0.0f * unit;
+    for (; i < count; ++i) to[i] = static_cast<float>(from[i]) * unit;
+    for (; i < total; ++i) to[i] = 0.0f * unit;
 }
 
 }  // namespace TarnoCPU

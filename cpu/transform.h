@@ -3,7 +3,8 @@
 // The helpers take flat `Mat`s (one row) with `dst` already allocated, and write only. Source
 // elements stand in the order [n][c][y][x]: n output channels, c input channels, an h x w kernel.
 // Where a row of the destination has four channels side by side, the count in question must be
-// divisible by 4. Elements whose place lies behind the end of `dst` are dropped, elements behind
+// divisible by 4. A `Mat` that is not flat or not of floats raises an assertion, under the names that
+// the packed forms have. Elements whose place lies behind the end of `dst` are dropped, elements behind
 // the end of `src` read as 0.
 #pragma once
 

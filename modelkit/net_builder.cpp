@@ -446,11 +446,11 @@ int NetBuilder::squeeze(int bottom, int axis, const std::vector<int>& dims) {
     return last();
 }
 
-int NetBuilder::tensor_activation(int bottom, int type, double alpha, double beta) {
+int NetBuilder::tensor_activation(int bottom, int type, int alpha, int beta) {
     auto& record = add_reading<ZQLayerInfo_TensorActivation>(bottom, size(bottom), dims(bottom));
     record.activation_type = number("activation_type", type);
-    record.alpha = half("alpha", alpha);
-    record.beta = half("beta", beta);
+    record.alpha = number("alpha", alpha);
+    record.beta = number("beta", beta);
     return last();
 }
 

@@ -48,7 +48,7 @@ struct Weights {
 /// shapes from it.
 ///
 /// The first mistake (a bottom that is not there, sizes that do not fit, a type too new for the
-/// version) is kept: later calls still return ids, and `writer`, `bytes` and `save` report it.
+/// version) is kept: later calls still return ids, and `status`, `write` and `save` report it.
 class NetBuilder {
 public:
     /// Pixels at the base size of the header, and channels. All 0 behind a layer whose shape is
@@ -131,7 +131,8 @@ public:
     int reshape(int bottom, const std::vector<int>& dims);
     int transpose(int bottom, const std::vector<int>& axes, const std::vector<int>& dims);
     int squeeze(int bottom, int axis, const std::vector<int>& dims);
-    int tensor_activation(int bottom, int type, double alpha = 0.0, double beta = 0.0);
+    /// `alpha` and `beta` are plain numbers in this record.
+    int tensor_activation(int bottom, int type, int alpha = 0, int beta = 0);
     /// `dims` empty: {1, outputs}.
     int fully_connected(int bottom, int inputs, int outputs, bool has_bias = true,
                         const Weights& weights = {}, const std::vector<int>& dims = {});

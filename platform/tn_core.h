@@ -1,7 +1,7 @@
 // Log channels and assertions: the ground floor of the library.
 //
-// The library never throws on purpose, never exits and never aborts. It returns failure values,
-// writes log lines, and calls the assertion handler for programmer errors and damaged models.
+// The library never exits and never aborts, and throws only what containers throw. It returns failure
+// values, writes log lines, and calls the assertion handler for programmer errors and damaged models.
 #pragma once
 
 #include "export.h"

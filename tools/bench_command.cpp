@@ -16,13 +16,16 @@
 #include "errors.h"
 #include "heap_calls.h"
 #include "host_system.h"
+#include "layer_timer.h"
 #include "library_reports.h"
 #include "model_file.h"
 #include "net_run.h"
 #include "numbers.h"
 #include "progress.h"
 #include "sample_statistics.h"
+#include "table_comparison.h"
 #include "text_table.h"
+#include "tuning_table.h"
 
 namespace tool {
 namespace {
@@ -39,14 +42,6 @@ constexpr int most_runs_to_settle = 200;
 constexpr double most_profiling = 10.0;
 constexpr size_t most_profiled_runs = 100;
 constexpr unsigned int input_seed = 1;
-
-double milliseconds(Clock::duration time) {
-    return std::chrono::duration<double, std::milli>(time).count();
-}
-
-double milliseconds_since(Clock::time_point start) {
-    return milliseconds(Clock::now() - start);
-}
 
 double seconds_since(Clock::time_point start) {
     return milliseconds_since(start) / 1e3;
@@ -117,61 +112,6 @@ struct MeteredPools {
     bool settled = false;  ///< the last ten of them took nothing from the heap
     MeteredPool<TarnoCPU::UnlockedPoolAllocator> blobs;
     MeteredPool<TarnoCPU::PoolAllocator> workspace;
-};
-
-/// Times the layers on the monotonic clock. The times that the library hands over are wall-clock
-/// milliseconds, which is too coarse for a layer. What is measured is the time since the end of the
-/// call before, so it holds the layer itself and the few steps by which the net stores its output
-/// and lets go of its bottoms.
-class LayerTimer : public TarnoCPU::Statistician {
-public:
-    explicit LayerTimer(size_t layers, size_t runs) : times(layers) {
-        for (auto& samples : times)
-            samples.reserve(runs);
-    }
-
-    void start_run() {
-        position = 0;
-        previous = Clock::now();
-    }
-
-    void layer_stats(const TarnoCPU::Layer*, const TarnoCPU::Mat&, TarnoCPU::Mat&, double,
-                     double) override {
-        times[position++].push_back(milliseconds_since(previous));
-        previous = Clock::now();
-    }
-
-    /// By position of the layer, one sample a run.
-    std::vector<std::vector<double>> times;
-
-private:
-    size_t position = 0;
-    Clock::time_point previous;
-};
-
-/// Names and sizes of the layers of a net, heard of in one run.
-class LayerNames : public TarnoCPU::Statistician {
-public:
-    struct Row {
-        int id;
-        std::string type;
-        std::string operator_name;
-        TensorSize size;
-    };
-    std::vector<Row> rows;
-
-    void layer_stats(const TarnoCPU::Layer* layer, const TarnoCPU::Mat&, TarnoCPU::Mat& top, double,
-                     double) override {
-        const TarnoCPU::TensorShape& shape = top.shape;
-        const int packing = shape.layout == TarnoCPU::TensorShape::C4HW4   ? 4
-                            : shape.layout == TarnoCPU::TensorShape::C8HW8 ? 8
-                                                                           : 1;
-        const std::string name = const_cast<TarnoCPU::Layer*>(layer)->operator_name();
-        rows.push_back({layer->id,
-                        layer->type,
-                        name == "nullptr" ? "-" : name,
-                        {int64_t{shape.c} * packing, shape.h, shape.w / packing}});
-    }
 };
 
 struct LayerReport {
@@ -600,8 +540,20 @@ void bench(const BenchCommand& command) {
     require_runnable(model, plan, command.limits);
     const std::vector<NetInput> inputs = random_inputs(plan.inputs, input_seed);
 
+    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
+        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
+                              : checked_configs(read_tuning_table(command.table), model, plan);
+    if (command.compare_tables) {
+        const RunnableNet by_rule(model, plan, reports);
+        const RunnableNet by_table(model, plan, reports, &configs);
+        const int runs = command.runs ? *command.runs : default_runs;
+        print_comparison(compare_nets(by_rule, by_table, inputs, command.warmup, runs),
+                         command.json);
+        return;
+    }
+
     start = Clock::now();
-    const RunnableNet net(model, plan, reports);
+    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
     report.build_ms = milliseconds_since(start);
 
     Bench(command, model, plan, net, inputs, report).run();

@@ -10,6 +10,8 @@ namespace tool {
 
 struct BenchCommand {
     std::string model;
+    std::string table;            ///< tuning table; empty for the default rule
+    bool compare_tables = false;  ///< the default rule beside the table, layer by layer
     int warmup = 10;
     std::optional<int> runs;
     std::optional<double> duration;  ///< seconds of the steady state

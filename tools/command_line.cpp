@@ -163,9 +163,17 @@ CLI::App* add_info(CLI::App& app, InfoCommand& command, Texts& texts) {
     return info;
 }
 
+void add_table(CLI::App* app, std::string& table) {
+    app->add_option("--table", table,
+                    "Tuning table, as tarno tune writes it. The default rule chooses the operators "
+                    "unless there is one.")
+        ->type_name("FILE");
+}
+
 CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     CLI::App* run = app.add_subcommand("run", "Run a model over a picture or an array.");
     run->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_table(run, command.table);
     run->add_option(
            "--input", command.inputs,
            "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
@@ -238,9 +246,32 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     return run;
 }
 
+CLI::App* add_tune(CLI::App& app, TuneCommand& command, Texts& texts) {
+    CLI::App* tune =
+        app.add_subcommand("tune", "Find the fastest operators for a model on this machine.");
+    tune->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    tune->add_option("--output", command.output,
+                     "Where the table goes: source text for a host to compile in, and what --table "
+                     "of run and bench reads. Standard output unless told otherwise.")
+        ->type_name("FILE");
+    add_size(tune, texts);
+    add_limits(tune, texts);
+    add_verbose(tune, command.verbose);
+    tune->footer(
+        "Every operator whose rules fit is tried at the layer's true size with its true weights; "
+        "one\n"
+        "whose output rounding does not explain is rejected. The table is the cheapest path "
+        "through\n"
+        "the whole net, changes of layout included. Times are of one run with the machine as it "
+        "is:\n"
+        "tune on the machine that the table is for, with nothing else running.");
+    return tune;
+}
+
 CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_table(bench, command.table);
     bench
         ->add_option(
             "--runs", command.runs,
@@ -267,6 +298,14 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
                      "start. A frame whose successor is due already is dropped.")
         ->check(CLI::Validator(number_fault_of, ""))
         ->type_name("RATE");
+    CLI::Option* duration = bench->get_option("--duration");
+    CLI::Option* fps = bench->get_option("--fps");
+    bench
+        ->add_flag("--compare-tables", command.compare_tables,
+                   "Time the default rule beside --table, layer by layer, in turns.")
+        ->needs(bench->get_option("--table"))
+        ->excludes(duration)
+        ->excludes(fps);
     bench->add_flag("--json", command.json, "Write JSON.");
     add_size(bench, texts);
     add_limits(bench, texts);
@@ -348,20 +387,23 @@ Command parse_command_line(int argc, char** argv) {
     InfoCommand info_command;
     RunCommand run_command;
     BenchCommand bench_command;
+    TuneCommand tune_command;
     Texts texts;
     CLI::App* info = add_info(app, info_command, texts);
     CLI::App* run = add_run(app, run_command, texts);
     add_bench(app, bench_command, texts);
+    CLI::App* tune = add_tune(app, tune_command, texts);
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->set_help_flag("-h,--help", "Show this help.");
         sub->group("Commands");
     }
 
-    if (argc < 2) throw UsageError("expected a command: info, run or bench (see tarno --help)");
+    const char* expected = "expected a command: info, run, bench or tune";
+    if (argc < 2) throw UsageError(std::string(expected) + " (see tarno --help)");
     const std::string first = argv[1];
-    if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench") {
-        throw UsageError("expected a command: info, run or bench, found \"" + first +
-                         "\" (see tarno --help)");
+    if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench" &&
+        first != "tune") {
+        throw UsageError(std::string(expected) + ", found \"" + first + "\" (see tarno --help)");
     }
     try {
         app.parse(argc, argv);
@@ -387,6 +429,10 @@ Command parse_command_line(int argc, char** argv) {
     if (run->parsed()) {
         check(run_command, texts);
         return run_command;
+    }
+    if (tune->parsed()) {
+        apply(texts, tune_command.plan, tune_command.limits);
+        return tune_command;
     }
     check(bench_command, texts);
     return bench_command;

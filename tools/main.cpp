@@ -28,6 +28,7 @@ void run_command(const tool::Command& command) {
         void operator()(const tool::InfoCommand& info) const { tool::info(info); }
         void operator()(const tool::RunCommand& run) const { tool::run(run); }
         void operator()(const tool::BenchCommand& bench) const { tool::bench(bench); }
+        void operator()(const tool::TuneCommand& tune) const { tool::tune(tune); }
     };
     std::visit(Runner(), command);
 }

@@ -45,7 +45,8 @@ int extract(const TarnoCPU::TarnoNet& net, const std::vector<NetInput>& inputs, 
 
 }  // namespace
 
-RunnableNet::RunnableNet(const ModelFile& model, const ModelPlan& plan, LibraryReports& reports)
+RunnableNet::RunnableNet(const ModelFile& model, const ModelPlan& plan, LibraryReports& reports,
+                         const std::vector<TarnoCPU::LayerInferenceConfig>* table)
     : model(model), plan(plan), reports(reports) {
     std::string assertion;
     std::string after = "at the first layer";
@@ -56,7 +57,8 @@ RunnableNet::RunnableNet(const ModelFile& model, const ModelPlan& plan, LibraryR
                 after = "behind layer " + std::to_string(built.layers.back()->id);
             }
         });
-        built.load_tarno_net_with_inference_config(model.loader, nullptr);
+        built.load_tarno_net_with_inference_config(model.loader,
+                                                   table != nullptr ? table->data() : nullptr);
     }
     if (!assertion.empty()) {
         throw CommandError(model.path + ": " + after + ": expected " + assertion +

@@ -14,10 +14,15 @@ namespace tool {
 /// A net that was built from a model whose plan allows it.
 class RunnableNet {
 public:
-    /// Throws CommandError when the library asserts.
-    RunnableNet(const ModelFile& model, const ModelPlan& plan, LibraryReports& reports);
+    /// By `table`, one entry for each layer, or by the default rule. Throws CommandError when the
+    /// library asserts.
+    RunnableNet(const ModelFile& model, const ModelPlan& plan, LibraryReports& reports,
+                const std::vector<TarnoCPU::LayerInferenceConfig>* table = nullptr);
 
     const TarnoCPU::TarnoNet& net() const { return built; }
+
+    /// Forgets what recurrent layers remember of earlier runs.
+    void reset_state() { built.reset_lstm_state(); }
 
     /// Position in `net().layers` of what computes the blob of a layer id: its fused activation
     /// when it has one.

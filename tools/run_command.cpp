@@ -18,6 +18,7 @@
 #include "npy.h"
 #include "picture.h"
 #include "progress.h"
+#include "tuning_table.h"
 
 namespace tool {
 namespace {
@@ -216,7 +217,10 @@ void run(const RunCommand& command) {
     check_outputs(command, model, layer, input_files);
 
     const std::vector<NetInput> inputs = input_files.load(command.rules, plan.inputs);
-    const RunnableNet net(model, plan, reports);
+    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
+        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
+                              : checked_configs(read_tuning_table(command.table), model, plan);
+    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
 
     OutputFiles files;
     if (!command.all_layers.empty()) files.folder(command.all_layers);

@@ -12,6 +12,7 @@ namespace tool {
 
 struct RunCommand {
     std::string model;
+    std::string table;  ///< tuning table; empty for the default rule
     std::vector<std::string> inputs;
     std::string output;                      ///< .png or .npy; empty for none
     std::string all_layers;                  ///< folder; empty for none

@@ -44,8 +44,14 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
         return joined == channels ? shape.c : joined == rows ? shape.h : shape.w;
     };
     int64_t sum = 0;
-    for (const Mat& bottom : bottoms)
-        sum += extent(bottom.shape);
+    for (const Mat& bottom : bottoms) {
+        // A bottom of nothing adds nothing; negative sizes belong to no tensor.
+        if (bottom.shape.dims() != 0) {
+            sum += extent(bottom.shape);
+        } else if (bottom.shape.total() != 0) {
+            return -100;
+        }
+    }
     if (sum <= 0 || sum > INT_MAX) return -100;
 
     TensorShape shape(first.layout, first.c, first.h, first.w, first.elem_size);
@@ -61,9 +67,10 @@ int Concat::forward(const std::vector<Mat>& bottoms, std::vector<Mat>& tops, con
     for (int64_t o = 0; o < outer; ++o) {
         for (const Mat& bottom : bottoms) {
             const TensorShape& part = bottom.shape;
-            const int64_t run = joined == channels ? part.total()
-                                : joined == rows   ? static_cast<int64_t>(part.h) * part.w
-                                                   : part.w;
+            const int64_t run = bottom.shape.dims() == 0 ? 0
+                                : joined == channels     ? part.total()
+                                : joined == rows         ? static_cast<int64_t>(part.h) * part.w
+                                                         : part.w;
             copy_run(bottom, o * run, top, to, run);
             to += run;
         }

@@ -1,5 +1,6 @@
 #include "cpu/layer/region.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace TarnoCPU {
@@ -19,8 +20,7 @@ int Region::forward_inplace(Mat& bottom_top, const Option&) {
     const int64_t stride = (static_cast<int64_t>(w) * h + 3) / 4 * 4;
     const int entries = coords + classes + 1;
     std::vector<int64_t> offsets(static_cast<size_t>(entries));
-    for (int k = 0; k < entries; ++k)
-        offsets[static_cast<size_t>(k)] = k * stride;
+    for (int k = 0; k < entries; ++k) offsets[static_cast<size_t>(k)] = k * stride;
 
     const auto read = [&](int64_t at) { return at < total ? data[at] : 0.0f; };
     const auto write = [&](int64_t at, float v) {
@@ -36,16 +36,19 @@ int Region::forward_inplace(Mat& bottom_top, const Option&) {
                 const int64_t at = position + offsets[static_cast<size_t>(k)];
                 write(at, logistic(read(at)));
             }
+            // Entries ascend, so those behind the end come last; each adds exp(0) to the sum.
+            const int64_t within = stride > 0 ? (total - position + stride - 1) / stride : 0;
+            const int inside =
+                static_cast<int>(std::min<int64_t>(entries, std::max<int64_t>(within, 0)));
             float sum = 0.0f;
-            for (int k = coords + 1; k < entries; ++k) {
+            for (int k = coords + 1; k < inside; ++k) {
                 const int64_t at = position + offsets[static_cast<size_t>(k)];
-                const float e = static_cast<float>(std::exp(static_cast<double>(read(at))));
-                write(at, e);
-                sum += e;
+                data[at] = static_cast<float>(std::exp(static_cast<double>(data[at])));
+                sum += data[at];
             }
-            for (int k = coords + 1; k < entries; ++k) {
-                const int64_t at = position + offsets[static_cast<size_t>(k)];
-                write(at, read(at) / sum);
+            sum += static_cast<float>(entries - std::max(inside, coords + 1));
+            for (int k = coords + 1; k < inside; ++k) {
+                data[position + offsets[static_cast<size_t>(k)]] /= sum;
             }
         }
     }

@@ -42,6 +42,7 @@ bool FullConnection_Float_Fallback::check_forward(const TensorShape& shape) {
 
 int FullConnection_Float_Fallback::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!loaded || num_output <= 0 || bottom.empty() || bottom.shape.dims() == 0) return -100;
     const int64_t inputs = bottom.shape.c;
     top.create(TensorShape(bottom.shape.layout, num_output, 1, 1, bottom.shape.elem_size),

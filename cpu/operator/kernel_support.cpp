@@ -7,7 +7,10 @@ namespace TarnoCPU {
 
 Mat extended_with_zeros(const Mat& array, int64_t count) {
     if (array.shape.total() >= count) return array;
-    if (count > INT_MAX) return Mat();
+    // A few missing rows are a model's business; a matrix that is mostly missing is a damaged
+    // one's.
+    constexpr int64_t most_missing = int64_t{1} << 22;
+    if (count > INT_MAX || count - array.shape.total() > most_missing) return Mat();
     Mat extended(TensorShape(TensorShape::FLAT, 1, 1, static_cast<int>(count), 4), nullptr);
     if (extended.empty()) return extended;
     std::memset(extended.data, 0, static_cast<size_t>(count) * sizeof(float));

@@ -14,6 +14,11 @@ int64_t positive_int(float v) {
 }  // namespace
 
 int pixel_shuffle(const Mat& bottom, Mat& top, float scale, const Option& opt) {
+    if (top.data != nullptr && top.data == bottom.data) {
+        const Mat source = bottom;  // one block for both would be read while it is written
+        top.release();
+        return pixel_shuffle(source, top, scale, opt);
+    }
     if (bottom.empty() || bottom.shape.dims() == 0) return -100;
     const int64_t c = bottom.shape.c, h = bottom.shape.h, w = bottom.shape.w;
     const bool to_space = scale >= 1.0f;

@@ -2,10 +2,23 @@
 
 #include <algorithm>
 
+#include "cpu/operator/small_array.h"
 #include "cpu/operator/window_rows.h"
 
 namespace TarnoCPU {
 namespace {
+
+// A column of taps, and the number of the first output of its phase that it reaches.
+struct ColumnTap {
+    int64_t kx;
+    int64_t shift;
+};
+
+// A row of taps that reaches the outputs of one row from row `y` of the bottom.
+struct TapRow {
+    int64_t ky;
+    int64_t y;
+};
 
 struct Scatter {
     const ConvolutionData& data;
@@ -26,6 +39,9 @@ struct Scatter {
     bool stays_in_its_row() const;
     bool scatter() const;
     bool gather() const;
+    void sort_by_phase(SmallArray<ColumnTap, TapOffsets::inline_taps>& columns,
+                       SmallArray<int64_t, TapOffsets::inline_taps>& ends, int64_t phases) const;
+    int64_t tap_rows_of(int64_t oy, SmallArray<TapRow, TapOffsets::inline_taps>& tap_rows) const;
 };
 
 // Whether no contribution runs past the end of its row and no two taps meet in one place.
@@ -55,8 +71,7 @@ bool Scatter::scatter() const {
                     const float value = planes[(q * h + y) * w + x];
                     if (first + offsets.largest() < out_plane) {
                         float* target = plane + first;
-                        for (int64_t k = 0; k < taps; ++k)
-                            target[offsets[k]] += value * weight[k];
+                        for (int64_t k = 0; k < taps; ++k) target[offsets[k]] += value * weight[k];
                         continue;
                     }
                     for (int64_t k = 0; k < taps; ++k) {
@@ -93,26 +108,22 @@ struct PhaseTile {
     template <int Columns>
     [[gnu::noinline]] void compute(const float* window, float* out) const {
         float sums[Columns];
-        for (int i = 0; i < Columns; ++i)
-            sums[i] = bias;
+        for (int i = 0; i < Columns; ++i) sums[i] = bias;
         for (int64_t t = 0; t < tap_count; ++t) {
             for (int64_t q = 0; q < channels; ++q) {
                 const float* source = window + (q * plane + row_taps[t].source);
                 const float weight = weights[q * taps + row_taps[t].k];
-                for (int i = 0; i < Columns; ++i)
-                    sums[i] += source[i] * weight;
+                for (int i = 0; i < Columns; ++i) sums[i] += source[i] * weight;
             }
         }
-        for (int i = 0; i < Columns; ++i)
-            out[i] = sums[i];
+        for (int i = 0; i < Columns; ++i) out[i] = sums[i];
     }
 
     template <int Columns, int Stride>
     void run(const float* window, int64_t, float* out) const {
         float sums[Columns];
         compute<Columns>(window, sums);
-        for (int i = 0; i < Columns; ++i)
-            out[i * out_step] = sums[i];
+        for (int i = 0; i < Columns; ++i) out[i * out_step] = sums[i];
     }
 };
 
@@ -129,31 +140,79 @@ float edge_output(const PhaseTile& tile, const float* planes, int64_t i, int64_t
     return sum;
 }
 
+// The columns of the kernel by the phase that they reach, in each phase kx descending. A stride may
+// be far larger than the kernel: the walk over phases then costs no look at the taps.
+void Scatter::sort_by_phase(SmallArray<ColumnTap, TapOffsets::inline_taps>& columns,
+                            SmallArray<int64_t, TapOffsets::inline_taps>& ends,
+                            int64_t phases) const {
+    const ConvolutionParams& params = data.params;
+    const auto phase_of = [&](int64_t kx) { return kx * params.dilation_w % params.stride_w; };
+    for (int64_t phase = 0; phase < phases; ++phase) ends[phase] = 0;
+    for (int64_t kx = 0; kx < params.kernel_w; ++kx) {
+        if (phase_of(kx) < phases) ++ends[phase_of(kx)];
+    }
+    int64_t start = 0;
+    for (int64_t phase = 0; phase < phases; ++phase) {
+        const int64_t count = ends[phase];
+        ends[phase] = start;
+        start += count;
+    }
+    for (int64_t kx = params.kernel_w - 1; kx >= 0; --kx) {
+        const int64_t phase = phase_of(kx);
+        if (phase >= phases) continue;
+        columns[ends[phase]++] = {kx, kx * params.dilation_w / params.stride_w};
+    }
+}
+
+// The rows of taps that reach output row `oy`, ky descending: from the first row of the bottom that
+// does. Their number.
+int64_t Scatter::tap_rows_of(int64_t oy,
+                             SmallArray<TapRow, TapOffsets::inline_taps>& tap_rows) const {
+    const ConvolutionParams& params = data.params;
+    const int64_t below = oy - (params.kernel_extent_h() - 1);
+    const int64_t first = below > 0 ? (below + params.stride_h - 1) / params.stride_h : 0;
+    int64_t count = 0;
+    for (int64_t y = first; y < h && y * params.stride_h <= oy; ++y) {
+        const int64_t distance = oy - y * params.stride_h;
+        // A kernel of one row has no use for its dilation.
+        const int64_t step = params.kernel_h > 1 ? params.dilation_h : 1;
+        if (distance % step != 0 || distance / step >= params.kernel_h) continue;
+        tap_rows[count++] = {distance / step, y};
+    }
+    return count;
+}
+
 // The same from the side of the outputs. While every contribution stays in its row, the output in
 // row oy and column ox meets the taps with ky * dilation_h = oy - y * stride_h, and the like for
 // columns: y ascending is ky descending, x ascending is kx descending. The outputs of a row whose
 // columns are equal modulo the stride, a phase, meet the same taps on neighbouring inputs.
 bool Scatter::gather() const {
     const ConvolutionParams& params = data.params;
-    const int64_t stride_w = params.stride_w, stride_h = params.stride_h;
+    const int64_t stride_w = params.stride_w;
+    const int64_t phases = std::min(stride_w, out_w);
     SmallArray<RowTap, TapOffsets::inline_taps> row_taps;
-    if (!row_taps.resize(params.kernel_taps())) return false;
+    SmallArray<ColumnTap, TapOffsets::inline_taps> columns;
+    SmallArray<int64_t, TapOffsets::inline_taps> column_ends;  // by phase, in `columns`
+    SmallArray<TapRow, TapOffsets::inline_taps> tap_rows;
+    if (!row_taps.resize(params.kernel_taps()) || !columns.resize(params.kernel_w) ||
+        !column_ends.resize(phases) || !tap_rows.resize(params.kernel_h)) {
+        return false;
+    }
+    sort_by_phase(columns, column_ends, phases);
     PhaseTile tile{row_taps.data(), 0,     nullptr, params.kernel_taps(),
                    channels,        h * w, 0.0f,    stride_w};
     for (int64_t oy = 0; oy < out_h; ++oy) {
-        for (int64_t phase = 0; phase < std::min(stride_w, out_w); ++phase) {
+        const int64_t row_count = tap_rows_of(oy, tap_rows);
+        for (int64_t phase = 0; phase < phases; ++phase) {
             const int64_t count = (out_w - phase + stride_w - 1) / stride_w;
             int64_t reached_by_all = 0, reached_by_all_end = count;
             tile.tap_count = 0;
-            for (int64_t ky = params.kernel_h - 1; ky >= 0; --ky) {
-                const int64_t above = oy - ky * params.dilation_h;
-                if (above < 0 || above % stride_h != 0 || above / stride_h >= h) continue;
-                for (int64_t kx = params.kernel_w - 1; kx >= 0; --kx) {
-                    const int64_t column = kx * params.dilation_w;
-                    if (column % stride_w != phase) continue;
-                    const int64_t shift = column / stride_w;
-                    row_taps[tile.tap_count++] = {above / stride_h * w - shift, shift,
-                                                  ky * params.kernel_w + kx};
+            for (int64_t r = 0; r < row_count; ++r) {
+                for (int64_t c = phase > 0 ? column_ends[phase - 1] : 0; c < column_ends[phase];
+                     ++c) {
+                    const int64_t shift = columns[c].shift;
+                    row_taps[tile.tap_count++] = {tap_rows[r].y * w - shift, shift,
+                                                  tap_rows[r].ky * params.kernel_w + columns[c].kx};
                     reached_by_all = std::max(reached_by_all, shift);
                     reached_by_all_end = std::min(reached_by_all_end, shift + w);
                 }

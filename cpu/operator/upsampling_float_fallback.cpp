@@ -175,6 +175,7 @@ bool Upsampling_Float_Fallback::check_forward(const TensorShape& shape) {
 
 int Upsampling_Float_Fallback::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (bottom.empty() || bottom.shape.dims() == 0) return -100;
 
     // The size is computed in float, which counts to 2^24; what is larger is no picture.

@@ -35,6 +35,7 @@ __m128 dot_4(const float* const rows[4], const float* x, int64_t steps) {
 
 int FullConnection_Float_SSE_M1::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!make_top(bottom, top, opt)) return -100;
     const float* x = bottom.ptr<float>();
     float* out = top.ptr<float>();

@@ -65,6 +65,8 @@ int SgemmOperator::lengthen_weights(int64_t rows, int64_t columns) {
 int SgemmOperator::begin(const Mat& bottom, int channels, Mat& bordered, Mat& top,
                          const Option& opt) const {
     if (weight_data.empty() || bottom.empty()) return -100;
+    // A border that cuts would leave the taps without the pixels that their sizes promise.
+    if (params.pad_h < 0 || params.pad_w < 0) return -100;
     copy_make_border(bottom, bordered, params.pad_h, params.pad_h, params.pad_w, params.pad_w, 0,
                      0.0f, opt.workspace_allocator, 1);
     if (bordered.empty()) return -100;
@@ -190,8 +192,8 @@ int DepthwiseSgemmConvolution::load(const ParamDict& pd, const ModelBin& mb,
 }
 
 bool DepthwiseSgemmConvolution::check_forward(const TensorShape& shape) {
-    // A group of 0 divides nothing.
-    return is_float_chw(shape) && params.group != 0 && shape.c % params.group == 0 &&
+    // A group of 0 or less divides nothing.
+    return is_float_chw(shape) && params.group > 0 && shape.c % params.group == 0 &&
            params.num_output % params.group == 0;
 }
 

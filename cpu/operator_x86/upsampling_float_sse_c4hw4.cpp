@@ -52,6 +52,7 @@ bool Upsampling_Float_SSE_C4HW4::check_forward(const TensorShape& shape) {
 
 int Upsampling_Float_SSE_C4HW4::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     // A row that 4 does not divide is no row of this layout.
     if (bottom.empty() || bottom.shape.dims() == 0 || bottom.shape.w % 4 != 0) return -100;
     // The size is computed in float, which counts to 2^24; what is larger is no picture.

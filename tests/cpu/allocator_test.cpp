@@ -55,8 +55,7 @@ TYPED_TEST(Pools, TheFirstBlockThatFitsIsTaken) {
     EXPECT_EQ(b, pool.fastMalloc(200));
     EXPECT_EQ(c, pool.fastMalloc(200));
     EXPECT_EQ(a, pool.fastMalloc(1));
-    for (void* block : {a, b, c})
-        pool.fastFree(block);
+    for (void* block : {a, b, c}) pool.fastFree(block);
 }
 
 TYPED_TEST(Pools, WithTheFullRatioNotEvenAnExactFitIsReused) {

@@ -79,8 +79,7 @@ TEST(ConfigPrinter, TheIndexCountsLines) {
     ConfigPrinter printer;
     const auto layer = layer_of("Activation", "ReLU_Float_Fallback");
     Mat mat(chw(1, 1, 1), nullptr);
-    for (int i = 0; i < 3; ++i)
-        printer.layer_stats(layer.get(), mat, mat, 0, 0);
+    for (int i = 0; i < 3; ++i) printer.layer_stats(layer.get(), mat, mat, 0, 0);
     EXPECT_NE(std::string::npos, printer.get_config_string().find("// Index   2 Model ID"));
 }
 

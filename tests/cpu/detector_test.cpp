@@ -42,8 +42,7 @@ struct Frame {
 
     Frame(int format, int width, int height, size_t size, unsigned int seed) : bytes(size) {
         std::mt19937 engine(seed);
-        for (unsigned char& byte : bytes)
-            byte = static_cast<unsigned char>(engine());
+        for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(engine());
         image = {0, format, width, height, 0, bytes.data()};
     }
     static Frame rgba(int format, int width, int height, unsigned int seed) {
@@ -227,8 +226,7 @@ TEST(Detector, FullRangeWhiteIsWhite) {
     std::fill(frame.bytes.begin() + 16, frame.bytes.end(), static_cast<unsigned char>(128));
     Mat out;
     detector.getInMat(4, 4, &frame.image, out, 0, 0);
-    for (const float v : values_of(out))
-        EXPECT_EQ(255.0f, v);
+    for (const float v : values_of(out)) EXPECT_EQ(255.0f, v);
 }
 
 TEST(Detector, AResultBeyondAByteKeepsItsLowEightBits) {
@@ -294,8 +292,7 @@ TEST(Detector, TheRowFlipOfLumaAndChromaFramesIsWhole) {
     detector.getInMat(4, 6, &frame.image, flipped, 8u, 0);
     for (int k = 0; k < 3; ++k)
         for (int y = 0; y < 6; ++y)
-            for (int x = 0; x < 4; ++x)
-                EXPECT_EQ(at(plain, k, 5 - y, x), at(flipped, k, y, x));
+            for (int x = 0; x < 4; ++x) EXPECT_EQ(at(plain, k, 5 - y, x), at(flipped, k, y, x));
 }
 
 TEST(Detector, TheRotationsOfTheConverterAreThoseOfItsTable) {
@@ -411,8 +408,7 @@ TEST(Detector, DetectReadsTheFrameAtTheAddressOfTheHeader) {
     PassingDetector detector;
     // A raw 4 x 4 frame whose third and fourth word double as width and height.
     unsigned char frame[24];
-    for (int i = 0; i < 24; ++i)
-        frame[i] = static_cast<unsigned char>(200 + i);
+    for (int i = 0; i < 24; ++i) frame[i] = static_cast<unsigned char>(200 + i);
     const int size[2] = {4, 4};
     std::memcpy(frame + 8, size, sizeof size);
     int result = 0;

@@ -92,6 +92,10 @@ TEST(Extractor, InputWithTheNumberOfBlobsAsIndexReturnsMinusOne) {
     EXPECT_EQ(-1, extractor.input(2, input_tensor()));
     EXPECT_EQ(-1, extractor.input(-1, input_tensor()));
     EXPECT_EQ(-1, extractor.input(1, input_tensor()));  // not an input of the model
+    // An input of the model whose index is the number of blobs.
+    HandWiredNet far(2, 2, 0);
+    TarnoNetExtractor other = far.net.create_extractor();
+    EXPECT_EQ(-1, other.input(2, input_tensor()));
     EXPECT_EQ(0, extractor.input(0, input_tensor()));
 }
 
@@ -160,6 +164,16 @@ TEST(Extractor, AMissingInputFailsAtTheFirstLayerThatLooks) {
     AssertRecorder assertions;
     Mat out;
     EXPECT_EQ(-100, extractor.extract(1, out));
+    // A layer in place clones its bottom first, which fails without a word; an operator that is
+    // called with the empty tensor raises its assertion.
+    EXPECT_EQ(0u, assertions.count());
+    HandWiredNet pooled(2);
+    pooled.add("Pooling", "Pooling_Float_Fallback", {0}, 1);
+    TarnoNetExtractor without_input = pooled.net.create_extractor();
+    EXPECT_EQ(-100, without_input.extract(1, out));
+    ASSERT_GE(assertions.count(), 1u);
+    EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.entries()[0].condition);
+    EXPECT_EQ("pooling_float_fallback", assertions.entries()[0].source);
 }
 
 TEST(LightMode, ABlobGoesWhenItsLastReaderHasRunAndNotBefore) {
@@ -303,6 +317,7 @@ TEST(LightMode, AReaderWithoutExactlyOneTopAssertsOnTheMultiTensorPath) {
     EXPECT_EQ(0, extractor.extract(2, out));
     ASSERT_EQ(2u, assertions.count());  // once for each of the two equal bottoms
     EXPECT_EQ("layers[consumer_layer_index]->tops.size() == 1", assertions.last().condition);
+    EXPECT_EQ("tarnonet", assertions.last().source);
     EXPECT_EQ(1504, assertions.last().line);
 }
 

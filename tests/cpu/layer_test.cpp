@@ -43,8 +43,7 @@ std::unique_ptr<Layer> make(const char* key) {
 // Parameters and weights with which every operator of the rows loads.
 int load_something(Layer& layer, OperatorCreator creator) {
     ParamDict pd;
-    for (int id = 0; id <= 12; ++id)
-        pd.set(id, 1);
+    for (int id = 0; id <= 12; ++id) pd.set(id, 1);
     const std::vector<float> ones(64, 1.0f);
     if (layer.type == "LSTM") {
         const float* arrays[4] = {ones.data(), ones.data(), ones.data(), ones.data()};

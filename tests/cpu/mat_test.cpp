@@ -50,6 +50,17 @@ TEST(TensorShape, DimsFollowTheSizes) {
     EXPECT_EQ(0, chw(1, 0, 5).dims());
 }
 
+TEST(TensorShape, ATotalBeyondSixtyFourBitsIsTheLargestOrTheLowestNumber) {
+    const int most = std::numeric_limits<int>::max();
+    EXPECT_EQ(INT64_MAX, chw(most, most, most).total());
+    EXPECT_EQ(INT64_MIN, chw(-most, most, most).total());
+    EXPECT_EQ(int64_t{2} * most * most, chw(2, most, most).total());
+    EXPECT_EQ(0, chw(most, most, 0).total());
+    AssertRecorder assertions;
+    EXPECT_TRUE(Mat(chw(most, most, most), nullptr).empty());
+    EXPECT_TRUE(Mat(chw(-most, most, most), nullptr).empty());
+}
+
 TEST(TensorShape, EqualityLooksAtAllSixFields) {
     const TensorShape base(TensorShape::CHW, 2, 3, 4, 4, 0);
     EXPECT_TRUE(base == TensorShape(TensorShape::CHW, 2, 3, 4, 4, 0));
@@ -155,7 +166,7 @@ TEST(MatBlock, CopiesOnTwoThreadsCountTogether) {
     const auto work = [&shared] {
         for (int i = 0; i < 20000; ++i) {
             const Mat copy = shared;
-            EXPECT_GE(*copy.refcount, 2);
+            EXPECT_GE(__atomic_load_n(copy.refcount, __ATOMIC_RELAXED), 2);
         }
     };
     std::thread other(work);
@@ -281,6 +292,12 @@ TEST(CopyMakeBorder, OtherElementSizesStayInsideTheirBlocks) {
         Mat dst;
         copy_make_border(src, dst, 1, 1, 2, 2, 0, 0.0f, &allocator, 1);
         EXPECT_TRUE(dst.shape == TensorShape(TensorShape::CHW, 3, 6, 9, elem_size));
+        // The walk goes in steps of 4 bytes from the start of each channel: what fits of the first
+        // rows is a row of 0, then 2 words of margin and the first words of the source.
+        const unsigned char* bytes = dst.ptr<unsigned char>();
+        for (int i = 0; i < 9 * 4; ++i) EXPECT_EQ(0, bytes[i]);
+        for (int i = 9 * 4; i < 11 * 4; ++i) EXPECT_EQ(0, bytes[i]);
+        for (int i = 11 * 4; i < 12 * 4; ++i) EXPECT_EQ(1, bytes[i]);
     }
     EXPECT_EQ(0, allocator.alive);
 }

@@ -44,8 +44,7 @@ std::vector<float> planes_reference(const PixelType& type, const Bytes& pixels, 
     for (const auto& factors : type.factors) {
         for (size_t p = 0; p < count; ++p) {
             int sum = 0;
-            for (int b = 0; b < type.bytes; ++b)
-                sum += factors[b] * pixels[p * type.bytes + b];
+            for (int b = 0; b < type.bytes; ++b) sum += factors[b] * pixels[p * type.bytes + b];
             planes.push_back(static_cast<float>(sum / type.divisor));
         }
     }
@@ -77,19 +76,16 @@ TEST(FromPixels, EveryTypeAgreesWithItsFactorsOverManySizes) {
 
 TEST(FromPixels, EveryByteValueBecomesTheSameFloat) {
     Bytes pixels;
-    for (int value = 0; value < 256; ++value)
-        pixels.push_back(static_cast<unsigned char>(value));
+    for (int value = 0; value < 256; ++value) pixels.push_back(static_cast<unsigned char>(value));
     const auto values = values_of(Mat::from_pixels(pixels.data(), 4, 16, 16, nullptr));
-    for (int value = 0; value < 256; ++value)
-        ASSERT_EQ(static_cast<float>(value), values[value]);
+    for (int value = 0; value < 256; ++value) ASSERT_EQ(static_cast<float>(value), values[value]);
 }
 
 TEST(FromPixels, EveryTypeOutsideTheTableGivesAnEmptyMat) {
     const Bytes pixels(64, 1);
     std::vector<int> codes = {-1, static_cast<int>(0x80000001u)};
     for (int high = 0; high <= 16; ++high) {
-        for (int low = 0; low <= 16; ++low)
-            codes.push_back(high << 16 | low);
+        for (int low = 0; low <= 16; ++low) codes.push_back(high << 16 | low);
     }
     for (const int code : codes) {
         if (pixel_types.count(code) != 0) continue;

@@ -191,8 +191,7 @@ TEST_P(ResizeBilinear, ASourceOfOnePixelFillsTheTarget) {
     const int channels = GetParam();
     const Bytes src = random_bytes(static_cast<size_t>(channels), 4);
     const Bytes result = run(bilinear[channels], channels, src, 1, 1, 13, 6);
-    for (size_t i = 0; i < result.size(); ++i)
-        ASSERT_EQ(src[i % channels], result[i]);
+    for (size_t i = 0; i < result.size(); ++i) ASSERT_EQ(src[i % channels], result[i]);
 }
 
 TEST_P(ResizeBilinear, ASourceOfOneColumnRepeatsItsRows) {
@@ -226,8 +225,7 @@ TEST_P(ResizeBilinear, TheLastColumnOfTwoByTwoEnlargedToFourByFourIsTheSourcesLa
     const Bytes result = run(bilinear[channels], GetParam(), src, 2, 2, 4, 4);
     Bytes column;
     for (const size_t y : {0, 1}) {
-        for (size_t k = 0; k < channels; ++k)
-            column.push_back(src[(y * 2 + 1) * channels + k]);
+        for (size_t k = 0; k < channels; ++k) column.push_back(src[(y * 2 + 1) * channels + k]);
     }
     const Bytes expected = bilinear_reference(GetParam(), column, 1, 2, 1, 4);
     for (size_t y = 0; y < 4; ++y) {
@@ -258,8 +256,7 @@ TEST(ResizeBilinearC3, DiffersFromOneChannelByAtMostOneInSinglePixels) {
     // Away from the ends of the range, so that no value wraps.
     const Bytes grey = random_bytes(40 * 30, 11, 80, 170);
     Bytes three;
-    for (const unsigned char value : grey)
-        three.insert(three.end(), 3, value);
+    for (const unsigned char value : grey) three.insert(three.end(), 3, value);
     const Bytes one_result = run(&resize_bilinear_c1, 1, grey, 40, 30, 57, 43);
     const Bytes three_result = run(&resize_bilinear_c3, 3, three, 40, 30, 57, 43);
     int differing = 0;
@@ -278,11 +275,9 @@ TEST(ResizeBilinearSisters, OnTheCoarseScaleTwoAndFourChannelsGiveTheBytesOfOne)
     const Bytes expected = run(&resize_bilinear_c1, 1, grey, 23, 11, 30, 19);
     for (const int channels : {2, 4}) {
         Bytes wide;
-        for (const unsigned char value : grey)
-            wide.insert(wide.end(), channels, value);
+        for (const unsigned char value : grey) wide.insert(wide.end(), channels, value);
         const Bytes result = run(bilinear[channels], channels, wide, 23, 11, 30, 19);
-        for (size_t i = 0; i < result.size(); ++i)
-            ASSERT_EQ(expected[i / channels], result[i]);
+        for (size_t i = 0; i < result.size(); ++i) ASSERT_EQ(expected[i / channels], result[i]);
     }
 }
 

@@ -1,8 +1,15 @@
 // frame_tool to-ppm PICTURE OUT.ppm          writes an 8-bit RGB picture for the example program
+// frame_tool to-rgba PICTURE OUT.raw         four bytes a pixel
+// frame_tool to-nv21 PICTURE OUT.raw         luma, then pairs of V and U for each 2 x 2 pixels
+// frame_tool to-nv12 PICTURE OUT.raw         the same with pairs of U and V
 // frame_tool compare A B LARGEST             fails when two grey pictures differ by more anywhere
+// frame_tool overlap A B PERCENT             fails when the bright parts of two grey pictures have
+//                                            less of their union in common
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #define STB_IMAGE_IMPLEMENTATION
 #define STBI_FAILURE_USERMSG
@@ -21,6 +28,68 @@ int to_ppm(const char* from, const char* to) {
     std::fclose(file);
     stbi_image_free(rgb);
     return 0;
+}
+
+bool write_raw(const char* path, const std::vector<unsigned char>& bytes) {
+    std::FILE* file = std::fopen(path, "wb");
+    if (file == nullptr) return false;
+    const bool good = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+    return std::fclose(file) == 0 && good;
+}
+
+int to_rgba(const char* from, const char* to) {
+    int w = 0, h = 0, channels = 0;
+    unsigned char* rgba = stbi_load(from, &w, &h, &channels, 4);
+    if (rgba == nullptr) return 1;
+    const std::vector<unsigned char> bytes(rgba, rgba + static_cast<size_t>(w) * h * 4);
+    stbi_image_free(rgba);
+    return write_raw(to, bytes) ? 0 : 1;
+}
+
+// Full-range BT.601 in double, chroma as the mean of four pixels.
+int to_yuv(const char* from, const char* to, bool v_first) {
+    int w = 0, h = 0, channels = 0;
+    unsigned char* rgb = stbi_load(from, &w, &h, &channels, 3);
+    if (rgb == nullptr || w % 2 != 0 || h % 2 != 0) return 1;
+    std::vector<unsigned char> bytes(static_cast<size_t>(w) * h * 3 / 2);
+    const auto byte = [](double v) {
+        return static_cast<unsigned char>(std::lround(v < 0.0 ? 0.0 : v > 255.0 ? 255.0 : v));
+    };
+    size_t pair = static_cast<size_t>(w) * h;
+    for (int y = 0; y < h; y += 2) {
+        for (int x = 0; x < w; x += 2) {
+            double u = 0.0, v = 0.0;
+            for (int i = 0; i < 4; ++i) {
+                const size_t at =
+                    static_cast<size_t>(y + i / 2) * w + static_cast<size_t>(x + i % 2);
+                const double r = rgb[at * 3], g = rgb[at * 3 + 1], b = rgb[at * 3 + 2];
+                const double luma = 0.299 * r + 0.587 * g + 0.114 * b;
+                bytes[at] = byte(luma);
+                u += (b - luma) / 1.772 / 4.0;
+                v += (r - luma) / 1.402 / 4.0;
+            }
+            bytes[pair++] = byte((v_first ? v : u) + 128.0);
+            bytes[pair++] = byte((v_first ? u : v) + 128.0);
+        }
+    }
+    stbi_image_free(rgb);
+    return write_raw(to, bytes) ? 0 : 1;
+}
+
+int overlap(const char* first, const char* second, int percent) {
+    int w[2] = {}, h[2] = {}, channels = 0;
+    unsigned char* grey[2] = {stbi_load(first, &w[0], &h[0], &channels, 1),
+                              stbi_load(second, &w[1], &h[1], &channels, 1)};
+    if (grey[0] == nullptr || grey[1] == nullptr || w[0] != w[1] || h[0] != h[1]) return 1;
+    int both = 0, any = 0;
+    for (int i = 0; i < w[0] * h[0]; ++i) {
+        const bool a = grey[0][i] > 127, b = grey[1][i] > 127;
+        both += a && b ? 1 : 0;
+        any += a || b ? 1 : 0;
+    }
+    const double share = any > 0 ? 100.0 * both / any : 0.0;
+    std::printf("overlap %.1f %%\n", share);
+    return share >= percent ? 0 : 1;
 }
 
 int compare(const char* first, const char* second, int largest) {
@@ -48,6 +117,12 @@ int compare(const char* first, const char* second, int largest) {
 
 int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "to-ppm") == 0) return to_ppm(argv[2], argv[3]);
+    if (argc == 4 && std::strcmp(argv[1], "to-rgba") == 0) return to_rgba(argv[2], argv[3]);
+    if (argc == 4 && std::strcmp(argv[1], "to-nv21") == 0) return to_yuv(argv[2], argv[3], true);
+    if (argc == 4 && std::strcmp(argv[1], "to-nv12") == 0) return to_yuv(argv[2], argv[3], false);
+    if (argc == 5 && std::strcmp(argv[1], "overlap") == 0) {
+        return overlap(argv[2], argv[3], std::atoi(argv[4]));
+    }
     if (argc == 5 && std::strcmp(argv[1], "compare") == 0) {
         return compare(argv[2], argv[3], std::atoi(argv[4]));
     }

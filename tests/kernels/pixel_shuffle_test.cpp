@@ -72,7 +72,7 @@ TEST_P(PixelShuffle, SpaceGoesToDepth) {
                 for (const int w : {r, 2 * r, 5 * r}) {
                     const Mat bottom = random_tensor(channels, h, w, 12);
                     Mat top;
-                    // A little above 1 / r, so that the division does not fall below r.
+                    // Not quite 1 / r: what is cut off must not be a whole one.
                     const float scale = r == 1 ? 0.75f : 1.0f / (static_cast<float>(r) + 0.25f);
                     ASSERT_EQ(0, run(scale, bottom, top));
                     ASSERT_EQ(chw(channels * r * r, h / r, w / r), top.shape);

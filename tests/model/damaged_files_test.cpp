@@ -22,6 +22,7 @@ struct MemoryMeter {
     bool running = false;
     size_t largest = 0;
     size_t total = 0;
+    size_t limit = SIZE_MAX;  ///< larger blocks are refused, where the meter is in the way of them
     void count(size_t size) {
         if (!running) return;
         largest = std::max(largest, size);
@@ -51,11 +52,11 @@ void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
 void* malloc(size_t size) {
     meter.count(size);
-    return __libc_malloc(size);
+    return size > meter.limit ? nullptr : __libc_malloc(size);
 }
 void* calloc(size_t count, size_t size) {
     meter.count(count * size);
-    return __libc_calloc(count, size);
+    return count * size > meter.limit ? nullptr : __libc_calloc(count, size);
 }
 void* realloc(void* block, size_t size) {
     meter.count(size);
@@ -289,7 +290,7 @@ TEST(DamagedFile, CountsBeyondTheFileTakeNoMemory) {
             hand_made::file(10011, {message(type, bloated(type)), Bytes().zeros(200)});
         const TemporaryFile file(bytes);
         ZQNetLoader loader;
-        meter = {true, 0, 0};
+        meter = {true, 0, 0, SIZE_MAX};
         const bool loaded = loader.LoadFile(file.path(), false);
         meter.running = false;
         EXPECT_FALSE(loaded) << type;
@@ -323,13 +324,54 @@ TEST(DamagedFile, MemoryStaysInProportionToTheFile) {
         const File bytes = hand_made::file(10011, messages);
         const TemporaryFile file(bytes);
         ZQNetLoader loader;
-        meter = {true, 0, 0};
+        meter = {true, 0, 0, SIZE_MAX};
         const bool loaded = loader.LoadFile(file.path(), true);
         meter.running = false;
         EXPECT_TRUE(loaded) << loader.failure();
-        EXPECT_LT(meter.total, 64 * bytes.size() + 65536);
+        // A message of 16 bytes becomes an object, three arrays, and a place in four containers.
+        EXPECT_LT(meter.total, 32 * bytes.size() + 65536);
     }
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(DamagedFile, MemoryThatIsShortFailsTheLoad) {
+    // 100,000 weights: 200,000 bytes of halves, 400,000 of floats.
+    const Bytes dense =
+        Bytes().u16(1).u16(0).list({1000, 100, 0}).tensor(0, 1, 1).tensor(0, 1, 1).zeros(100000);
+    // 20,000 layers with one unit: lists of 160,000 bytes.
+    const Bytes lstm = Bytes()
+                           .u16(1)
+                           .u16(0)
+                           .list({0, 1, 20000, 0, 0, 0})
+                           .tensor(0, 1, 1)
+                           .tensor(0, 1, 1)
+                           .zeros(80000);
+    const Bytes permutation = Bytes().u16(1).u16(0).list({0, 0, 60000}).zeros(10 + 60000);
+    const struct {
+        unsigned int type;
+        const Bytes& payload;
+        size_t limit;
+        const char* array;
+    } cases[] = {{21, dense, 150000, "weights"},
+                 {21, dense, 300000, "weights"},
+                 {22, lstm, 150000, "w_ih"},
+                 {15, permutation, 100000, "permutation"}};
+    for (const auto& c : cases) {
+        const TemporaryFile file(hand_made::file(10011, {message(c.type, c.payload)}));
+        ZQNetLoader loader;
+        EXPECT_TRUE(loader.LoadFile(file.path(), false)) << loader.failure();
+        ZQNetLoader short_of_memory;
+        meter.limit = c.limit;
+        const bool loaded = short_of_memory.LoadFile(file.path(), false);
+        meter.limit = SIZE_MAX;
+        EXPECT_FALSE(loaded);
+        EXPECT_TRUE(short_of_memory.getSequentialLayers().empty());
+        const std::string reason = std::string(c.array) + ": out of memory";
+        EXPECT_NE(std::string::npos, short_of_memory.failure().find(reason))
+            << short_of_memory.failure();
+    }
+}
+#endif
 
 TEST(DamagedFile, FailureNamesPlaceLayerAndTypeExpectedAndFound) {
     const TemporaryFile file(

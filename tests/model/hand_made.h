@@ -168,7 +168,7 @@ inline Bytes payload(unsigned int type, uint32_t version) {
         case 22:
             return lstm_payload(version, LstmForm());
         case 26:
-            return p.u16(66).tensor(0x00030004, 2, 200).list({14, 0x3c00, 0xc000});
+            return p.u16(66).tensor(0x00030004, 2, 200).list({14, 15, 16});
         default:
             return p;
     }

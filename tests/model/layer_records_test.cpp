@@ -616,8 +616,8 @@ TEST(LayerRecord, TensorActivation) {
     expect_tensor(r->in_tensors[0], 0x00030004, 2, 200);
     expect_tensor(r->out_tensor, 0x00030004, 2, 200);
     EXPECT_EQ(14, r->activation_type);
-    EXPECT_EQ(0x3c00, r->alpha);
-    EXPECT_EQ(0xc000, r->beta);
+    EXPECT_EQ(15, r->alpha);
+    EXPECT_EQ(16, r->beta);
 }
 
 TEST(LayerRecord, WeightsKeepEveryPatternDenormalsAndNanIncluded) {

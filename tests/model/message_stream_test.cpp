@@ -615,7 +615,7 @@ TEST(LayerOrder, AChainOfAllIdsIsSortedWithoutRecursion) {
         ASSERT_EQ(i, order[i]);
 }
 
-TEST(MessageStream, AnIdOnceMoreThanItsKindCanCountIsCountedModulo65536) {
+TEST(ReadCounts, ACountThatDoesNotFitIsTakenModulo65536) {
     // 6,554 operators with ten bottoms each read layer 0.
     std::vector<Bytes> messages = {input(0)};
     const std::vector<unsigned int> zeros(10, 0);
@@ -656,7 +656,7 @@ TEST(ModelLifeCycle, CopiesShareTheRecordsWhichLiveUntilTheLastOfThemGoes) {
     EXPECT_EQ(original->getSequentialLayers(), copy.getSequentialLayers());
     EXPECT_EQ(original->getLayersRCnt(), assigned.getLayersRCnt());
     EXPECT_TRUE(std::equal(original->header_words(),
-                           original->header_words() + ZQNetLoader::HEADER_WORDS,
+                           original->header_words() + ZQNetLoader::header_word_count,
                            assigned.header_words()));
     original.reset();
     assigned.Release();

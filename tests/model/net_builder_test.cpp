@@ -149,6 +149,18 @@ TEST(NetBuilder, GeneratedWeightsDependOnTheSeedAndOnNothingElse) {
     EXPECT_NE(bytes_of(1), bytes_of(2));
 }
 
+TEST(NetBuilder, AlphaAndBetaAreHalvesInOneActivationRecordAndNumbersInTheOther) {
+    NetBuilder net;
+    const int id = net.activation(net.input(1), ActivationType_Linear, 2.0, -0.5);
+    const auto* scaled = dynamic_cast<ZQLayerInfo_Activation*>(net.record(id));
+    EXPECT_EQ(0x4000, scaled->alpha);
+    EXPECT_EQ(0xb800, scaled->beta);
+    const int tensor = net.tensor_activation(net.tensor_input({1}), ActivationType_Linear, 2, 7);
+    const auto* plain = dynamic_cast<ZQLayerInfo_TensorActivation*>(net.record(tensor));
+    EXPECT_EQ(2, plain->alpha);
+    EXPECT_EQ(7, plain->beta);
+}
+
 TEST(NetBuilder, InputsAreNumberedInTheirOrder) {
     NetBuilder net;
     net.input(1);

@@ -149,6 +149,10 @@ inline FlatPlanes with_border(const FlatPlanes& inside, int top, int bottom, int
     for (int q = 0; q < inside.c; ++q) {
         for (int y = 0; y < inside.h; ++y) {
             for (int x = 0; x < inside.w; ++x) {
+                // A negative margin cuts.
+                if (y + top < 0 || y + top >= planes.h || x + left < 0 || x + left >= planes.w) {
+                    continue;
+                }
                 planes.data[(static_cast<size_t>(q) * planes.h + y + top) * planes.w + x + left] =
                     inside.data[(static_cast<size_t>(q) * inside.h + y) * inside.w + x];
             }

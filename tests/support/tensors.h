@@ -34,7 +34,8 @@ inline TarnoCPU::Mat random_tensor(int c, int h, int w, unsigned int seed, float
 }
 
 inline std::vector<float> values_of(const TarnoCPU::Mat& mat) {
-    const size_t count = mat.empty() ? 0 : static_cast<size_t>(mat.shape.total());
+    const bool has_values = mat.data != nullptr && mat.shape.total() > 0;
+    const size_t count = has_values ? static_cast<size_t>(mat.shape.total()) : 0;
     std::vector<float> values(count);
     if (count != 0) std::memcpy(values.data(), mat.data, count * sizeof(float));
     return values;
@@ -85,9 +86,10 @@ std::unique_ptr<Base> make_operator(const char* name) {
     return std::unique_ptr<Base>(cast);
 }
 
-/// Bound on |computed - exact| for a float sum of `terms` products in any order, `magnitude` being
-/// the sum of the absolute values of the products (plus the bias): gamma_n = n u / (1 - n u) with
-/// u = 2^-24 and two roundings per term.
+/// Bound on |computed - exact| for a float sum of `terms` products and a bias in any order,
+/// `magnitude` being the sum of their absolute values: each product is rounded once and passes
+/// through at most `terms` + 1 additions, so gamma_n = n u / (1 - n u) with n = terms + 2 and
+/// u = 2^-24.
 inline double sum_error_bound(int64_t terms, double magnitude) {
     const double u = std::ldexp(1.0, -24);
     const double n = static_cast<double>(terms) + 2.0;

@@ -638,7 +638,8 @@ class Figure:
         mask = self.canvas.whole(outline)
         for _ in range(rng.integers(3, 25)):
             a = rng.uniform(-1, 1)
-            q = self.head([(part * 0.5 + a * 0.2, top), (a * (w + v) * 0.8, -0.8), (a * (w + v), rng.uniform(-0.5, 0.5))])
+            q = self.head([(part * 0.5 + a * 0.2, top), (a * (w + v) * 0.8, -0.8),
+                           (a * (w + v), rng.uniform(-0.5, 0.5))])
             tone = np.clip(self.hair * rng.uniform(0.5, 1.7), 0, 1)
             loose = self.chance(0.15)
             self.canvas.stroke(smooth_open(q), self.u * rng.uniform(0.01, 0.03), tone, 0.6,

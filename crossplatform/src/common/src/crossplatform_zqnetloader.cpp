@@ -23,9 +23,9 @@ enum HeaderWord {
     END_MARKER = 249,
 };
 
-constexpr unsigned int HEADER_HEAD = 0x5555;
-constexpr unsigned int HEADER_END = 0xaaaa;
-constexpr unsigned int LEGACY_VERSION = 10000;
+constexpr unsigned int header_head = 0x5555;
+constexpr unsigned int header_end = 0xaaaa;
+constexpr unsigned int legacy_version = 10000;
 
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -51,9 +51,9 @@ ZQNetLoader& ZQNetLoader::operator=(const ZQNetLoader& other) = default;
 
 ZQNetLoader::~ZQNetLoader() {
     const unsigned int version = getVersion();
-    if (version == LEGACY_VERSION) {
+    if (version == legacy_version) {
         ReleaseV10000();
-    } else if (version > LEGACY_VERSION) {
+    } else if (version > legacy_version) {
         Release();
     } else if (version_was_read) {
         TN_ASSERT_AT(false, "crossplatform_zqnetloader", 539);
@@ -72,11 +72,11 @@ bool ZQNetLoader::LoadFile(const char* path, bool sort_layers) {
     if (size != sizeof(header)) {
         header_fault =
             std::to_string(sizeof(header)) + " bytes expected, found " + std::to_string(size);
-    } else if (header[HEAD_MARKER] != HEADER_HEAD) {
-        header_fault = "head_marker " + marker_text(HEADER_HEAD) + " expected, found " +
+    } else if (header[HEAD_MARKER] != header_head) {
+        header_fault = "head_marker " + marker_text(header_head) + " expected, found " +
                        marker_text(header[HEAD_MARKER]);
-    } else if (header[END_MARKER] != HEADER_END) {
-        header_fault = "end_marker " + marker_text(HEADER_END) + " expected, found " +
+    } else if (header[END_MARKER] != header_end) {
+        header_fault = "end_marker " + marker_text(header_end) + " expected, found " +
                        marker_text(header[END_MARKER]);
     }
     if (!header_fault.empty()) {
@@ -86,10 +86,10 @@ bool ZQNetLoader::LoadFile(const char* path, bool sort_layers) {
 
     const unsigned int version = getVersion();
     bool loaded = false;
-    if (version < LEGACY_VERSION) {
-        fail("offset 4, header: version " + std::to_string(LEGACY_VERSION) +
+    if (version < legacy_version) {
+        fail("offset 4, header: version " + std::to_string(legacy_version) +
              " or above expected, found " + std::to_string(version));
-    } else if (version == LEGACY_VERSION) {
+    } else if (version == legacy_version) {
         loaded = read_messages_v10000(file.get());
     } else {
         loaded = read_messages(file.get());
@@ -130,7 +130,7 @@ bool ZQNetLoader::read_messages(FILE* stream) {
             return fail(message_fault_text(in.offset(), record, message_type, fault));
         }
         // The oldest types have no gate: they are read whatever the header says.
-        if (since > LEGACY_VERSION && rules.version < since) {
+        if (since > legacy_version && rules.version < since) {
             fault.text = "a file of version " + std::to_string(since) +
                          " or above expected, found version " + std::to_string(rules.version);
             return fail(message_fault_text(in.offset(), record, message_type, fault));

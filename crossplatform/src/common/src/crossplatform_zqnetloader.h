@@ -76,7 +76,7 @@ public:
     /// The 250 words of the header as they stand in the file.
     const unsigned int* header_words() const;
 
-    static constexpr size_t HEADER_WORDS = 250;
+    static constexpr size_t header_word_count = 250;
 
 private:
     /// Read messages up to the end of the stream, and leave it open.
@@ -91,9 +91,10 @@ private:
     std::map<unsigned short, ZQLayerInfo*> layers_info;
     std::vector<unsigned short> sequential_layers;
     std::map<unsigned short, unsigned short> layers_rcnt;
+    /// Two lists that nobody fills or reads; copies carry them along.
     std::vector<unsigned short> unused_ids;
     std::vector<unsigned short> unused_counts;
-    unsigned int header[HEADER_WORDS];
+    unsigned int header[header_word_count];
 
     bool version_was_read;
     std::string failure_text;

@@ -5,9 +5,9 @@
 namespace Tarno {
 namespace {
 
-constexpr unsigned int FLOAT_INFINITY = 0x7f800000u;
+constexpr unsigned int float_infinity = 0x7f800000u;
 // The exponents of the two formats count from -127 and from -15.
-constexpr unsigned int EXPONENT_SHIFT = (127u - 15u) << 23;
+constexpr unsigned int exponent_shift = (127u - 15u) << 23;
 
 // `value >> shift`, the rest rounded to nearest, ties to even. `shift` is 1 to 31.
 unsigned int shift_rounding_to_even(unsigned int value, unsigned int shift) {
@@ -21,14 +21,14 @@ unsigned short float_bits_to_half(unsigned int bits) {
     const unsigned int sign = (bits >> 16) & 0x8000u;
     const unsigned int magnitude = bits & 0x7fffffffu;
     unsigned int half = 0;
-    if (magnitude > FLOAT_INFINITY) {
+    if (magnitude > float_infinity) {
         const unsigned int payload = (magnitude >> 13) & 0x3ffu;
         half = 0x7c00u | (payload != 0u ? payload : 0x200u);
     } else if (magnitude >= 0x477ff000u) {  // 65520, half way between the largest half and 65536
         half = 0x7c00u;
     } else if (magnitude >= 0x38800000u) {  // 2^-14, the smallest normal half
         // A mantissa that rounds up to the next power of two carries into the exponent.
-        half = shift_rounding_to_even(magnitude - EXPONENT_SHIFT, 13u);
+        half = shift_rounding_to_even(magnitude - exponent_shift, 13u);
     } else if (magnitude > 0x33000000u) {  // 2^-25, half of the smallest denormal half
         const unsigned int exponent = magnitude >> 23;
         const unsigned int mantissa = (magnitude & 0x7fffffu) | 0x800000u;
@@ -42,8 +42,8 @@ unsigned int widened(unsigned short half) {
     const unsigned int sign = (half & 0x8000u) << 16;
     const unsigned int exponent = (half >> 10) & 0x1fu;
     const unsigned int mantissa = half & 0x3ffu;
-    if (exponent == 31u) return sign | FLOAT_INFINITY | (mantissa << 13);
-    if (exponent != 0u) return sign | ((exponent << 23) + EXPONENT_SHIFT) | (mantissa << 13);
+    if (exponent == 31u) return sign | float_infinity | (mantissa << 13);
+    if (exponent != 0u) return sign | ((exponent << 23) + exponent_shift) | (mantissa << 13);
     // Zero or a denormal: a count of 2^-24, which a float holds exactly.
     const float value = static_cast<float>(mantissa) * 0x1p-24f;
     unsigned int bits = 0;

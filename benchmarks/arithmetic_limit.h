@@ -1,0 +1,78 @@
+// What the processor's vector units can do at best: products and sums on registers alone, measured
+// in the same run as the kernels that are compared with it.
+#pragma once
+
+#include <immintrin.h>
+#include <tarno/cpu.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "tests/support/processor.h"
+
+namespace benchmark_support {
+
+using testing_support::machine_has;
+
+inline double cpu_seconds() {
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
+
+/// Floating-point operations a second of `loop`, which does `operations` of them a round.
+inline double best_rate(void (*loop)(int rounds), double operations) {
+    constexpr int rounds = 200000;
+    double best = 0.0;
+    loop(rounds);
+    for (int trial = 0; trial < 20; ++trial) {
+        const double start = cpu_seconds();
+        loop(rounds);
+        const double seconds = cpu_seconds() - start;
+        if (seconds > 0.0) best = std::max(best, operations * rounds / seconds);
+    }
+    return best;
+}
+
+// Twelve sums that are independent of each other: more than the latency of a sum or of a fused
+// product times the number of pipes. The empty assembler statements keep the products in the loop.
+inline constexpr int arithmetic_chains = 12;
+
+#define DEFINE_ARITHMETIC_LOOP(name, instructions, vector, zero, set1, step)       \
+    __attribute__((target(instructions))) inline void name(int rounds) {           \
+        vector sums[arithmetic_chains];                                            \
+        for (vector & sum : sums) sum = zero();                                    \
+        vector a = set1(1.0f), b = set1(0.5f);                                     \
+        for (int i = 0; i < rounds; ++i) {                                         \
+            _Pragma("GCC unroll 12") for (int j = 0; j < arithmetic_chains; ++j) { \
+                asm volatile("" : "+x"(a));                                        \
+                sums[j] = step;                                                    \
+            }                                                                      \
+        }                                                                          \
+        for (vector & sum : sums) asm volatile("" ::"x"(sum));                     \
+    }
+
+DEFINE_ARITHMETIC_LOOP(multiply_add_sse, "sse2", __m128, _mm_setzero_ps, _mm_set1_ps,
+                       _mm_add_ps(sums[j], _mm_mul_ps(a, b)))
+DEFINE_ARITHMETIC_LOOP(multiply_add_avx, "avx", __m256, _mm256_setzero_ps, _mm256_set1_ps,
+                       _mm256_add_ps(sums[j], _mm256_mul_ps(a, b)))
+DEFINE_ARITHMETIC_LOOP(multiply_add_fma128, "fma", __m128, _mm_setzero_ps, _mm_set1_ps,
+                       _mm_fmadd_ps(a, b, sums[j]))
+DEFINE_ARITHMETIC_LOOP(multiply_add_fma256, "fma", __m256, _mm256_setzero_ps, _mm256_set1_ps,
+                       _mm256_fmadd_ps(a, b, sums[j]))
+
+#undef DEFINE_ARITHMETIC_LOOP
+
+/// Floating-point operations a second that kernels of this instruction set are measured against: a
+/// product and a sum count as two, fused or not.
+inline double arithmetic_limit(TarnoCPU::OperatorInfo::InstructionSet isa) {
+    using Set = TarnoCPU::OperatorInfo::InstructionSet;
+    static const double sse = best_rate(&multiply_add_sse, 2.0 * 4 * arithmetic_chains);
+    if (isa == Set::Baseline || isa == Set::SSE41) return sse;
+    static const double avx = best_rate(&multiply_add_avx, 2.0 * 8 * arithmetic_chains);
+    if (isa == Set::AVX) return avx;
+    static const double narrow = best_rate(&multiply_add_fma128, 2.0 * 4 * arithmetic_chains);
+    if (isa == Set::FMA) return std::max(narrow, sse);
+    static const double wide = best_rate(&multiply_add_fma256, 2.0 * 8 * arithmetic_chains);
+    return std::max(wide, avx);
+}
+
+}  // namespace benchmark_support

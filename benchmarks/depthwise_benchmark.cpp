@@ -1,0 +1,29 @@
+// Every hand-blocked 3x3 depthwise convolution on layers that its blocking divides, padding 1.
+//
+//   FLOPS              a product and a sum are two
+//   of_limit           parts of what a loop on registers alone reaches with the same instruction
+//   set bytes_per_second   bottom read once, top written once; the copy with the border comes on
+//   top of_memcpy          parts of memcpy's speed at the same traffic
+
+#include "blocked_convolution.h"
+#include "memory_traffic.h"
+
+namespace {
+
+using namespace benchmark_support;
+
+const SquareLayer layers[] = {{16, 128}, {32, 64}, {64, 64}, {64, 32}, {128, 32}, {128, 16}};
+
+const bool registered = [] {
+    register_members(
+        "Depthewise_Convolution_3x3", layers,
+        [](benchmark::State& state, const TarnoCPU::OperatorInfo* info, const SquareLayer& layer) {
+            const size_t read = static_cast<size_t>(run_layer(state, info, layer, 1));
+            const size_t written =
+                static_cast<size_t>(layer.channels) * layer.pixels * layer.pixels;
+            report_traffic(state, read * sizeof(float), written * sizeof(float));
+        });
+    return true;
+}();
+
+}  // namespace

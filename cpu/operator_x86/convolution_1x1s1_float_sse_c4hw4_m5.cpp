@@ -1,0 +1,14 @@
+#include "cpu/operator_x86/convolution_1x1s1_float_sse_c4hw4_m5.h"
+
+#include "cpu/operator/kernel_support.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Convolution_1x1s1_Float_SSE_C4HW4_M5)
+
+int Convolution_1x1s1_Float_SSE_C4HW4_M5::forward(const Mat& bottom, Mat& top, const Option& opt) {
+    TN_FORWARD_PRECONDITIONS_NO_HYPHEN(check_forward(bottom.shape));
+    return convolve(bottom, top, opt, c4hw4_in_memory<16>());
+}
+
+}  // namespace TarnoCPU

@@ -1,0 +1,14 @@
+#include "cpu/operator_x86/convolution_1x1s1_float_sse_m3.h"
+
+#include "cpu/operator/kernel_support.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Convolution_1x1s1_Float_SSE_M3)
+
+int Convolution_1x1s1_Float_SSE_M3::forward(const Mat& bottom, Mat& top, const Option& opt) {
+    TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    return convolve<8>(bottom, top, opt);
+}
+
+}  // namespace TarnoCPU

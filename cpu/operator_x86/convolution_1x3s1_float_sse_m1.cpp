@@ -1,0 +1,9 @@
+#include "cpu/operator_x86/convolution_1x3s1_float_sse_m1.h"
+
+#include "cpu/operator/kernel_support.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Convolution_1x3s1_Float_SSE_M1)
+
+}  // namespace TarnoCPU

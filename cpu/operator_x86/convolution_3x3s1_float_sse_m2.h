@@ -1,0 +1,17 @@
+#pragma once
+
+#include "cpu/operator_x86/convolution_3x3_family.h"
+
+namespace TarnoCPU {
+
+/// Output channels in the lanes: 4 of them, 4 rows x 4 columns a step. Output channels in fours,
+/// height and width even.
+class Convolution_3x3s1_Float_SSE_M2 : public Convolution3x3 {
+public:
+    Convolution_3x3s1_Float_SSE_M2();
+    std::string name() const override { return "Convolution_3x3s1_Float_SSE_M2"; }
+    int forward(const Mat& bottom, Mat& top, const Option& opt) override;
+    bool check_forward(const TensorShape& shape) override;
+};
+
+}  // namespace TarnoCPU

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "cpu/operator_x86/convolution_3x3_family.h"
+
+namespace TarnoCPU {
+
+/// Input channels in the lanes: 4 output channels, 1 pixel a step. Output channels in fours.
+class Convolution_3x3s1_Float_SSE_M7 : public Convolution3x3 {
+public:
+    Convolution_3x3s1_Float_SSE_M7();
+    std::string name() const override { return "Convolution_3x3s1_Float_SSE_M7"; }
+    int forward(const Mat& bottom, Mat& top, const Option& opt) override;
+    bool check_forward(const TensorShape& shape) override;
+};
+
+}  // namespace TarnoCPU

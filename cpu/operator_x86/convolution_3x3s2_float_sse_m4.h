@@ -1,0 +1,16 @@
+#pragma once
+
+#include "cpu/operator_x86/convolution_3x3_family.h"
+
+namespace TarnoCPU {
+
+/// Pixels in the lanes, fused multiply-add: 1 output channel, 1 row x 4 columns a step.
+class Convolution_3x3s2_Float_SSE_M4 : public Convolution3x3 {
+public:
+    Convolution_3x3s2_Float_SSE_M4();
+    std::string name() const override { return "Convolution_3x3s2_Float_SSE_M4"; }
+    int forward(const Mat& bottom, Mat& top, const Option& opt) override;
+    bool check_forward(const TensorShape& shape) override;
+};
+
+}  // namespace TarnoCPU

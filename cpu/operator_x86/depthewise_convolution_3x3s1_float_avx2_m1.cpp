@@ -1,0 +1,16 @@
+#include "cpu/operator_x86/depthewise_convolution_3x3s1_float_avx2_m1.h"
+
+#include "cpu/operator/kernel_support.h"
+#include "cpu/operator_x86/depthwise_3x3_avx2.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Depthewise_Convolution_3x3s1_Float_AVX2_M1)
+
+int Depthewise_Convolution_3x3s1_Float_AVX2_M1::forward(const Mat& bottom, Mat& top,
+                                                        const Option& opt) {
+    TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    return convolve(bottom, top, opt, avx2::sweep_pixels<1>());
+}
+
+}  // namespace TarnoCPU

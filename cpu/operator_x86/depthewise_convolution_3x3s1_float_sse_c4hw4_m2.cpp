@@ -1,0 +1,16 @@
+#include "cpu/operator_x86/depthewise_convolution_3x3s1_float_sse_c4hw4_m2.h"
+
+#include "cpu/operator/kernel_support.h"
+#include "cpu/operator_x86/depthwise_3x3_sse.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M2)
+
+int Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M2::forward(const Mat& bottom, Mat& top,
+                                                             const Option& opt) {
+    TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    return convolve(bottom, top, opt, sse::sweep_four_channels<2, 2, 1>());
+}
+
+}  // namespace TarnoCPU

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "cpu/operator_x86/depthwise_convolution_3x3.h"
+
+namespace TarnoCPU {
+
+/// Four rows of four pixels a step.
+class Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M3 : public DepthwiseConvolution3x3_C4HW4 {
+public:
+    std::string name() const override { return "Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M3"; }
+    int forward(const Mat& bottom, Mat& top, const Option& opt) override;
+};
+
+}  // namespace TarnoCPU

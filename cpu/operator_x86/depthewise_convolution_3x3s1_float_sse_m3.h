@@ -1,0 +1,15 @@
+#pragma once
+
+#include "cpu/operator_x86/depthwise_convolution_3x3.h"
+
+namespace TarnoCPU {
+
+/// Four rows of four columns a step with fused products: the first tap of each row is a product,
+/// the other eight are added to it in one rounding.
+class Depthewise_Convolution_3x3s1_Float_SSE_M3 : public DepthwiseConvolution3x3_CHW {
+public:
+    std::string name() const override { return "Depthewise_Convolution_3x3s1_Float_SSE_M3"; }
+    int forward(const Mat& bottom, Mat& top, const Option& opt) override;
+};
+
+}  // namespace TarnoCPU

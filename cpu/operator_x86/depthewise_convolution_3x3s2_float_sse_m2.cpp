@@ -1,0 +1,16 @@
+#include "cpu/operator_x86/depthewise_convolution_3x3s2_float_sse_m2.h"
+
+#include "cpu/operator/kernel_support.h"
+#include "cpu/operator_x86/depthwise_3x3s2_lanes.h"
+
+namespace TarnoCPU {
+
+TN_DEFINE_OPERATOR_CREATOR(Depthewise_Convolution_3x3s2_Float_SSE_M2)
+
+int Depthewise_Convolution_3x3s2_Float_SSE_M2::forward(const Mat& bottom, Mat& top,
+                                                       const Option& opt) {
+    TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    return convolve(bottom, top, opt, lanes_at_stride_2<1, 4>());
+}
+
+}  // namespace TarnoCPU

@@ -1,0 +1,251 @@
+// Tuning, and tables that go back in. No test looks at how long something took.
+#include <gtest/gtest.h>
+#include <modelkit/net_builder.h>
+#include <tarno/cpu.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/array_files.h"
+#include "tools/command.h"
+
+namespace {
+
+using namespace command_test;
+using modelkit::NetBuilder;
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    EXPECT_NE(std::string::npos, at) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+class Tune : public testing::Test {
+protected:
+    void SetUp() override {
+        modelkit::ModelHeader header;
+        header.base_w = 32;
+        header.base_h = 32;
+        NetBuilder net(header, 3);
+        const int image = net.input(4);
+        const int first = net.conv(image, 16, 3, 1, 1, ActivationType_ReLU);
+        const int point = net.conv(first, 16, 1, 1, 0, ActivationType_ReLU);
+        const int depth = net.depthwise(point, 3, 1, 1, ActivationType_ReLU);
+        const int sum = net.eltwise({point, depth}, 0, ActivationType_ReLU);
+        const int half = net.pooling(sum, 1, 2, 2);
+        const int twice = net.upsampling(half, 2.0);
+        const int joined = net.concat({twice, first});
+        net.conv(joined, 4, 1, 1, 0, ActivationType_Sigmoid);
+        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+        layers = 14;
+
+        std::vector<float> values(4 * 32 * 32);
+        for (size_t i = 0; i < values.size(); ++i) {
+            values[i] = std::sin(static_cast<float>(i) * 0.37f);
+        }
+        write_file(input, npy_file("<f4", "(4, 32, 32)", raw(values)));
+    }
+
+    std::string tuned() {
+        const Outcome outcome = run_tarno({"tune", "--model", model, "--output", table});
+        expect_success(outcome);
+        return read_file(table);
+    }
+
+    std::vector<float> output_of(const std::vector<std::string>& extra) {
+        const std::string out = folder / "out.npy";
+        std::vector<std::string> words = {"run",    "--model", model,      "--input", input,
+                                          "--norm", "1",       "--output", out};
+        words.insert(words.end(), extra.begin(), extra.end());
+        expect_success(run_tarno(words));
+        return read_array(out).values;
+    }
+
+    /// One line, status 1, and each of the words in it.
+    void expect_refusal(const std::string& text, const std::vector<std::string>& words) {
+        const std::string edited = folder / "edited.h";
+        write_file(edited, text);
+        const Outcome outcome = run_tarno({"run", "--model", model, "--table", edited, "--input",
+                                           input, "--output", folder / "none.npy"});
+        EXPECT_EQ(1, outcome.status) << outcome.err;
+        EXPECT_EQ(1u, outcome.error_lines()) << outcome.err;
+        for (const std::string& word : words) {
+            EXPECT_NE(std::string::npos, outcome.err.find(word)) << word << " in " << outcome.err;
+        }
+        EXPECT_FALSE(std::filesystem::exists(folder / "none.npy"));
+    }
+
+    Folder folder;
+    std::string model = folder / "net.zqnet";
+    std::string table = folder / "table.h";
+    std::string input = folder / "input.npy";
+    size_t layers = 0;
+};
+
+TEST_F(Tune, ThePrintedTableGivesTheDefaultRulesOutputWithinRounding) {
+    tuned();
+    const std::vector<float> by_rule = output_of({});
+    const std::vector<float> by_table = output_of({"--table", table});
+    ASSERT_EQ(by_rule.size(), by_table.size());
+    // Sums of at most 144 products pass through five layers whose weights keep sizes near 1; the
+    // sigmoid at the end divides an error by four at least.
+    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+}
+
+TEST_F(Tune, TheTableHasAMachineLineAndTheDocumentedColumns) {
+    const std::vector<std::string> lines = lines_of(tuned());
+    ASSERT_EQ(4 + layers, lines.size());
+    EXPECT_EQ(0u, lines[0].find("// Measured on "));
+    EXPECT_EQ("static const std::vector<TarnoCPU::LayerInferenceConfig> model_inference_config = ",
+              lines[1]);
+    EXPECT_EQ("{", lines[2]);
+    EXPECT_EQ("};", lines.back());
+    const std::regex row(
+        R"(\{( *nullptr|TarnoCPU:: *\w+_operator_creator),  0,  0\},  // Index +\d+ Model ID +\d+ )"
+        R"(\S+ +In CHW\( *\d+, *\d+, *\d+\), Out CHW\( *\d+, *\d+, *\d+\))");
+    for (size_t i = 0; i < layers; ++i) {
+        const std::string& line = lines[3 + i];
+        EXPECT_TRUE(std::regex_match(line, row)) << line;
+        EXPECT_NE(std::string::npos, line.find("// Index " + std::string(i < 10 ? "  " : " ") +
+                                               std::to_string(i) + " "));
+    }
+}
+
+TEST_F(Tune, ThePrintedTableCompiles) {
+    tuned();
+    const std::string unit = folder / "unit.cpp";
+    write_file(unit, "#include <tarno/cpu.h>\n#include <vector>\n#include \"" + table +
+                         "\"\nunsigned long rows() { return model_inference_config.size(); }\n");
+    const std::string command = std::string(TARNO_CXX) + " -std=c++17 -Wall -Wextra -Wpedantic " +
+                                "-Werror -fsyntax-only -I" + TARNO_SOURCE_DIR + "/include -I" +
+                                TARNO_SOURCE_DIR + " " + unit;
+    EXPECT_EQ(0, std::system(command.c_str()));
+}
+
+TEST_F(Tune, WithoutAnOutputFileTheTableGoesToStandardOutput) {
+    const Outcome outcome = run_tarno({"tune", "--model", model});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ(0u, outcome.out.find("// Measured on "));
+    EXPECT_NE(std::string::npos, outcome.err.find("whole net"));
+}
+
+TEST_F(Tune, TheComparisonShowsEveryLayerAndTheWhole) {
+    tuned();
+    const Outcome outcome = run_tarno({"bench", "--model", model, "--table", table,
+                                       "--compare-tables", "--runs", "3", "--warmup", "1"});
+    expect_success(outcome);
+    EXPECT_NE(std::string::npos, outcome.out.find("whole run"));
+    EXPECT_EQ(4 + layers + 3, lines_of(outcome.out).size()) << outcome.out;
+}
+
+TEST_F(Tune, ATableBenchesLikeAnyNet) {
+    tuned();
+    expect_success(
+        run_tarno({"bench", "--model", model, "--table", table, "--runs", "2", "--warmup", "1"}));
+}
+
+TEST_F(Tune, AnUnknownOperatorIsNamedWithItsLine) {
+    const std::string text = tuned();
+    expect_refusal(replaced(text, "Input_Fallback_operator", "Inpet_Fallback_operator"),
+                   {"edited.h: line 4", "Inpet_Fallback", "expected an operator of the library"});
+}
+
+TEST_F(Tune, ATableOfAnotherLengthIsRefusedWithBothNumbers) {
+    const std::string text = tuned();
+    std::vector<std::string> lines = lines_of(text);
+    lines.erase(lines.begin() + 5);
+    std::string shorter;
+    for (const std::string& line : lines) shorter += line + "\n";
+    expect_refusal(shorter, {"expected 14 rows", "found 13", "net.zqnet"});
+}
+
+TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
+    std::vector<std::string> lines = lines_of(tuned());
+    const auto with_row = [&](size_t row, const std::string& name) {
+        std::vector<std::string> edited = lines;
+        edited[3 + row] = name == "nullptr" ? "{nullptr, 0, 0},"
+                                            : "{TarnoCPU::" + name + "_operator_creator, 0, 0},";
+        std::string text;
+        for (const std::string& line : edited) text += line + "\n";
+        return text;
+    };
+    // Row 1 is the 3x3 convolution, row 2 its ReLU, row 11 the concat.
+    expect_refusal(with_row(1, "Convolution_1x1s1_Float_SGEMM"),
+                   {"line 5", "row 1", "layer 1 (Conv2D)", "kernels of 1x1", "3x3"});
+    expect_refusal(with_row(1, "Convolution_3x3s2_Float_SGEMM"), {"row 1", "stride of 2"});
+    expect_refusal(with_row(1, "ReLU_Float_SSE"), {"row 1", "kind Activation"});
+    expect_refusal(with_row(1, "nullptr"), {"row 1", "expected an operator, found nullptr"});
+    expect_refusal(with_row(2, "Sigmoid_Float_Fallback"),
+                   {"row 2", "its activation", "another activation"});
+    expect_refusal(with_row(11, "Eltwise_Float_Fallback"), {"row 11", "expected nullptr"});
+}
+
+TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
+    std::string text = "{\n";
+    const char* names[] = {"Input_Fallback",
+                           "Convolution_3x3s1_Float_SGEMM",
+                           "ReLU_Float_SSE_CHW_To_C4HW4",
+                           "Convolution_1x1s1_Float_SGEMM",
+                           "ReLU_Float_SSE",
+                           "ConvolutionDepthwise_Float_Fallback",
+                           "ReLU_Float_SSE",
+                           "Elementwise_Float_SSE",
+                           "ReLU_Float_SSE",
+                           "Pooling_Float_Fallback",
+                           "Upsampling_Float_Fallback",
+                           "nullptr",
+                           "Convolution_1x1s1_Float_SGEMM",
+                           "Sigmoid_Float_Fallback"};
+    for (const char* name : names) {
+        text += std::string(name) == "nullptr"
+                    ? "{nullptr, 0, 0},\n"
+                    : "{TarnoCPU::" + std::string(name) + "_operator_creator, 0, 0},\n";
+    }
+    text += "};\n";
+    expect_refusal(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
+}
+
+TEST_F(Tune, NonsenseIsRefusedWithItsLine) {
+    const std::string text = tuned();
+    expect_refusal(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
+    expect_refusal(replaced(text, "};\n", ""), {"expected a line \"};\""});
+    expect_refusal("", {"expected a line \"{\""});
+    expect_refusal(text + "int x;\n", {"nothing behind the table"});
+    expect_refusal("{\n" + std::string(5000, 'x') + "\n};\n", {"line 2", "5000"});
+}
+
+TEST_F(Tune, AMissingTableIsOneLine) {
+    const Outcome outcome = run_tarno({"run", "--model", model, "--table", folder / "no.h",
+                                       "--input", input, "--output", folder / "o.npy"});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ(1u, outcome.error_lines());
+    EXPECT_NE(std::string::npos, outcome.err.find("no.h"));
+}
+
+TEST_F(Tune, UsageErrorsHaveStatusTwo) {
+    EXPECT_EQ(2, run_tarno({"tune"}).status);
+    EXPECT_EQ(2, run_tarno({"bench", "--model", model, "--compare-tables"}).status);
+    EXPECT_EQ(2, run_tarno({"tune", "--model", model, "--size", "0x0"}).status);
+}
+
+TEST_F(Tune, ABrokenModelLeavesNoTable) {
+    const std::string cut = folder / "cut.zqnet";
+    write_file(cut, read_file(model).substr(0, 1500));
+    const Outcome outcome = run_tarno({"tune", "--model", cut, "--output", table});
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ(1u, outcome.error_lines());
+    EXPECT_FALSE(std::filesystem::exists(table));
+}
+
+}  // namespace

@@ -1,0 +1,281 @@
+#include "table_slots.h"
+
+#include <crossplatform/src/common/src/half_float.h>
+
+#include <cstring>
+
+namespace tool {
+namespace {
+
+using TarnoCPU::OperatorInfo;
+
+std::string pair_text(int w, int h) {
+    return std::to_string(w) + "x" + std::to_string(h);
+}
+
+TableSlot activation_slot(const PlannedLayer& planned, int kind, bool fused) {
+    TableSlot slot;
+    slot.id = planned.id;
+    slot.type = planned.type;
+    slot.fused = fused;
+    slot.layer = "Activation";
+    slot.activation = kind;
+    slot.in = slot.out = *planned.size;
+    return slot;
+}
+
+/// Fills in what the row's kind has of its own; gives the fused activation, 0 for none.
+int describe(const ZQLayerInfo* record, TableSlot& slot) {
+    switch (record->type) {
+        case ZQLayerType_Input:
+        case ZQLayerType_TensorInput:
+            slot.layer = "Input";
+            return 0;
+        case ZQLayerType_Conv2D: {
+            const auto* conv = static_cast<const ZQLayerInfo_Conv2D*>(record);
+            slot.layer = "Convolution";
+            slot.groups = static_cast<int>(conv->effective_groups());
+            slot.has_bias = conv->has_bias != 0;
+            return conv->activation;
+        }
+        case ZQLayerType_Conv2DTranspose: {
+            const auto* conv = static_cast<const ZQLayerInfo_Conv2DTranspose*>(record);
+            slot.layer = "Deconvolution";
+            slot.has_bias = conv->has_bias != 0;
+            return conv->activation;
+        }
+        case ZQLayerType_DepthWiseConv2D: {
+            const auto* conv = static_cast<const ZQLayerInfo_DepthWiseConv2D*>(record);
+            slot.layer = "ConvolutionDepthWise";
+            slot.has_bias = conv->has_bias != 0;
+            return conv->activation;
+        }
+        case ZQLayerType_DepthWiseConv2DTranspose: {
+            const auto* conv = static_cast<const ZQLayerInfo_DepthWiseConv2DTranspose*>(record);
+            slot.layer = "DeconvolutionDepthWise";
+            slot.has_bias = conv->has_bias != 0;
+            return conv->activation;
+        }
+        case ZQLayerType_ElementWiseOperator:
+            slot.layer = "Eltwise";
+            return static_cast<const ZQLayerInfo_ElementWiseOperator*>(record)->activation;
+        case ZQLayerType_PixelShuffle:
+            slot.layer = "PixelShuffle";
+            return 0;
+        case ZQLayerType_Pooling:
+            slot.layer = "Pooling";
+            slot.mode = static_cast<const ZQLayerInfo_Pooling*>(record)->pool_type;
+            return 0;
+        case ZQLayerType_BatchNormalization:
+            slot.layer = "BatchNormalization";
+            return 0;
+        case ZQLayerType_Activation:
+            slot.layer = "Activation";
+            slot.activation = static_cast<const ZQLayerInfo_Activation*>(record)->activation_type;
+            return 0;
+        case ZQLayerType_TensorActivation:
+            slot.layer = "Activation";
+            slot.activation =
+                static_cast<const ZQLayerInfo_TensorActivation*>(record)->activation_type;
+            return 0;
+        case ZQLayerType_Upsampling: {
+            const auto* upsampling = static_cast<const ZQLayerInfo_Upsampling*>(record);
+            slot.layer = "Upsampling";
+            slot.mode = upsampling->mode;
+            slot.scale = static_cast<double>(Tarno::half_to_float(upsampling->scale));
+            return 0;
+        }
+        case ZQLayerType_FullConnection:
+            slot.layer = "FullConnection";
+            slot.has_bias = static_cast<const ZQLayerInfo_FullConnection*>(record)->has_bias != 0;
+            return 0;
+        case ZQLayerType_LSTM:
+            slot.layer = "LSTM";
+            return 0;
+        case ZQLayerType_Concatenate:
+            slot.layer = "Concat";
+            slot.axis = static_cast<const ZQLayerInfo_Concatenate*>(record)->axis;
+            slot.takes_operator = false;
+            return 0;
+        case ZQLayerType_Region:
+            slot.layer = "Region";
+            slot.takes_operator = false;
+            return 0;
+        default:
+            slot.layer = "TensorReshape";
+            slot.takes_operator = false;
+            return 0;
+    }
+}
+
+/// Whether an operator of the "Activation" layers computes the kind. Their names start with what
+/// they compute.
+bool computes(const std::string& name, int kind) {
+    switch (kind) {
+        case ActivationType_Linear:
+            return name.rfind("Linear_", 0) == 0;
+        case ActivationType_ReLU:
+            return name.rfind("ReLU_", 0) == 0;
+        case ActivationType_Tanh:
+            return name.rfind("Tanh_", 0) == 0;
+        case ActivationType_Sigmoid:
+            return name.rfind("Sigmoid_", 0) == 0;
+        case ActivationType_LeakyReLU:
+            // The vector forms do not look at the slope.
+            return name == "ReLU_Float_Fallback";
+        case ActivationType_SoftMax:
+            return name.rfind("Softmax_", 0) == 0;
+        case ActivationType_ReLU6:
+            return name.rfind("ReLU6_", 0) == 0;
+        default:
+            return false;
+    }
+}
+
+std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
+    const Window& window = slot.window;
+    if (info.kernel_w != 0 &&
+        (info.kernel_w != window.kernel_w || info.kernel_h != window.kernel_h)) {
+        return "is for kernels of " + pair_text(info.kernel_w, info.kernel_h) +
+               ", the layer has one of " + pair_text(window.kernel_w, window.kernel_h);
+    }
+    if (info.stride != 0 && (info.stride != window.stride_w || info.stride != window.stride_h)) {
+        return "is for a stride of " + std::to_string(info.stride) + ", the layer has one of " +
+               pair_text(window.stride_w, window.stride_h);
+    }
+    if (info.kernel_w != 0 && (window.dilation_w > 1 || window.dilation_h > 1)) {
+        return "is for kernels without dilation, the layer has one of " +
+               pair_text(window.dilation_w, window.dilation_h);
+    }
+    return "";
+}
+
+std::string multiple_misfit(const char* what, int multiple, int64_t number) {
+    if (multiple <= 1 || number % multiple == 0) return "";
+    return std::string("wants ") + what + " divisible by " + std::to_string(multiple) +
+           ", the layer has " + std::to_string(number);
+}
+
+}  // namespace
+
+std::vector<TableSlot> table_slots(const ModelFile& model, const ModelPlan& plan) {
+    const auto records = model.loader.getLayersInfo();
+    std::vector<TableSlot> slots;
+    for (const PlannedLayer& planned : plan.layers) {
+        TableSlot slot;
+        slot.id = planned.id;
+        slot.type = planned.type;
+        if (planned.window) slot.window = *planned.window;
+        slot.out = *planned.size;
+        slot.in =
+            planned.bottoms.empty() ? slot.out : *plan.layers[*plan.find(planned.bottoms[0])].size;
+        const int activation = describe(records.at(planned.id), slot);
+        slots.push_back(slot);
+        if (activation != 0) slots.push_back(activation_slot(planned, activation, true));
+    }
+    return slots;
+}
+
+std::string slot_text(const TableSlot& slot) {
+    return layer_text(slot.id, slot.type) + (slot.fused ? ", its activation" : "");
+}
+
+std::string misfit(const OperatorInfo& info, const TableSlot& slot, Packing packing) {
+    if (slot.layer != info.layer) {
+        return std::string("is for layers of the kind ") + info.layer +
+               ", the layer is of the kind " + slot.layer;
+    }
+    if (slot.layer == "Activation" && !computes(info.name, slot.activation)) {
+        return "computes another activation than the layer's";
+    }
+    if (info.layout_in != OperatorInfo::Layout::Any) {
+        const Packing wanted =
+            info.layout_in == OperatorInfo::Layout::C4HW4 ? Packing::fours : Packing::planes;
+        if (wanted != packing) {
+            return std::string("takes ") + packing_text(wanted) + ", the layer gets " +
+                   packing_text(packing);
+        }
+    }
+    const std::string window = window_misfit(info, slot);
+    if (!window.empty()) return window;
+    if (slot.groups != 1 && info.kernel_w != 0) {
+        return "does not apply groups, the layer has " + std::to_string(slot.groups);
+    }
+    for (const std::string& text :
+         {multiple_misfit("output channels", info.output_multiple, slot.out.c),
+          multiple_misfit("input channels", info.input_multiple, slot.in.c),
+          multiple_misfit("rows", info.height_multiple, slot.in.h),
+          multiple_misfit("columns", info.width_multiple, slot.in.w)}) {
+        if (!text.empty()) return text;
+    }
+    if (info.bias == OperatorInfo::Bias::Needed && !slot.has_bias) {
+        return "reads a bias, the layer has none";
+    }
+    if (packing == Packing::planes && packing_behind(info, packing) == Packing::fours &&
+        slot.in.c % 4 != 0) {
+        return "packs channels in fours, the layer has " + std::to_string(slot.in.c);
+    }
+    if (slot.layer == "Pooling" && std::strstr(info.name, "Average") != nullptr && slot.mode != 0) {
+        return "averages, the layer takes the maximum";
+    }
+    if (!machine_has(info.isa)) {
+        return std::string("needs ") + instruction_set_text(info.isa) +
+               ", which this machine does not have";
+    }
+    return "";
+}
+
+std::string misfit_without_operator(const TableSlot& slot, Packing packing) {
+    if (packing == Packing::planes) return "";
+    // Whole channels one behind the other: blocks of four do as well, as long as the first bottom
+    // has more than one. A single block counts as two-dimensional, and its rows would be joined.
+    if (slot.layer == "Concat" && slot.axis == 0 && slot.in.c > 4) return "";
+    return "takes CHW, the layer gets C4HW4";
+}
+
+Packing packing_behind(const OperatorInfo& info, Packing packing) {
+    switch (info.layout_out) {
+        case OperatorInfo::Layout::CHW:
+            return Packing::planes;
+        case OperatorInfo::Layout::C4HW4:
+            return Packing::fours;
+        default:
+            return packing;
+    }
+}
+
+const char* packing_text(Packing packing) {
+    return packing == Packing::planes ? "CHW" : "C4HW4";
+}
+
+bool machine_has(OperatorInfo::InstructionSet set) {
+    switch (set) {
+        case OperatorInfo::InstructionSet::Baseline:
+            return true;
+        case OperatorInfo::InstructionSet::SSE41:
+            return __builtin_cpu_supports("sse4.1") != 0;
+        case OperatorInfo::InstructionSet::AVX:
+            return __builtin_cpu_supports("avx") != 0;
+        case OperatorInfo::InstructionSet::FMA:
+            return __builtin_cpu_supports("fma") != 0;
+        default:
+            return __builtin_cpu_supports("avx2") != 0;
+    }
+}
+
+const char* instruction_set_text(OperatorInfo::InstructionSet set) {
+    switch (set) {
+        case OperatorInfo::InstructionSet::Baseline:
+            return "SSE2";
+        case OperatorInfo::InstructionSet::SSE41:
+            return "SSE4.1";
+        case OperatorInfo::InstructionSet::AVX:
+            return "AVX";
+        case OperatorInfo::InstructionSet::FMA:
+            return "FMA";
+        default:
+            return "AVX2";
+    }
+}
+
+}  // namespace tool

@@ -1,0 +1,270 @@
+#include "tune_command.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+#include "errors.h"
+#include "files.h"
+#include "layout_path.h"
+#include "library_reports.h"
+#include "machine.h"
+#include "net_run.h"
+#include "operator_trial.h"
+#include "progress.h"
+#include "sample_statistics.h"
+#include "table_slots.h"
+#include "text_table.h"
+
+namespace tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned int input_seed = 1;
+constexpr int comparison_runs = 30;
+
+/// All that was tried for one row of the table.
+struct Candidates {
+    std::vector<Trial> right;
+    std::vector<Trial> rejected;
+    double default_ms = 0.0;
+};
+
+Candidates try_all(const TableSlot& slot, const LayerTask& task) {
+    Candidates candidates;
+    const std::vector<double> bounds = error_bounds(slot, task);
+    size_t count = 0;
+    const TarnoCPU::OperatorInfo* list = TarnoCPU::operator_list(&count);
+    for (const Packing packing : {Packing::planes, Packing::fours}) {
+        if (packing == Packing::fours && slot.in.c % 4 != 0) continue;
+        for (size_t i = 0; i < count; ++i) {
+            if (!misfit(list[i], slot, packing).empty()) continue;
+            const Trial trial = try_operator(list[i], slot, task, packing, bounds);
+            (trial.rejection.empty() ? candidates.right : candidates.rejected).push_back(trial);
+            if (packing == Packing::planes && list[i].creator == task.default_creator) {
+                candidates.default_ms = trial.milliseconds;
+            }
+        }
+    }
+    return candidates;
+}
+
+/// The ways through one layer: for each pair of layouts the fastest operator.
+struct Ways {
+    PathLayer path;
+    std::vector<const Trial*> trials;  ///< by way; null for layers without an operator
+};
+
+Ways ways_of(const TarnoCPU::Layer& layer, const TableSlot& slot, const Candidates& candidates) {
+    Ways ways;
+    const bool is_input = slot.layer == "Input";
+    if (!is_input) ways.path.bottoms = layer.bottoms;
+    ways.path.top = layer.tops[0];
+    if (!slot.takes_operator) {
+        for (const Packing packing : {Packing::planes, Packing::fours}) {
+            if (!misfit_without_operator(slot, packing).empty()) continue;
+            ways.path.ways.push_back({packing, packing, 0.0});
+            ways.trials.push_back(nullptr);
+        }
+        return ways;
+    }
+    for (const Trial& trial : candidates.right) {
+        size_t same = 0;
+        while (same < ways.path.ways.size() &&
+               (ways.path.ways[same].in != trial.in || ways.path.ways[same].out != trial.out)) {
+            ++same;
+        }
+        if (same == ways.path.ways.size()) {
+            ways.path.ways.push_back({trial.in, trial.out, trial.milliseconds});
+            ways.trials.push_back(&trial);
+        } else if (trial.milliseconds < ways.path.ways[same].cost) {
+            ways.path.ways[same].cost = trial.milliseconds;
+            ways.trials[same] = &trial;
+        }
+    }
+    return ways;
+}
+
+/// Medians of the whole net by the default rule and by the table, run by run in turns.
+struct Comparison {
+    double default_ms = 0.0;
+    double table_ms = 0.0;
+    double largest_difference = 0.0;  ///< between the two outputs
+};
+
+Comparison compare(RunnableNet& by_rule, RunnableNet& by_table,
+                   const std::vector<NetInput>& inputs) {
+    by_rule.reset_state();
+    by_table.reset_state();
+    TarnoCPU::UnlockedPoolAllocator blobs;
+    TarnoCPU::PoolAllocator workspace;
+    RunnableNet::Settings settings;
+    settings.blob_allocator = &blobs;
+    settings.workspace_allocator = &workspace;
+    const RunnableNet* nets[2] = {&by_rule, &by_table};
+    std::vector<double> times[2];
+    Comparison comparison;
+    Progress progress("comparing run", comparison_runs);
+    for (int i = 0; i < comparison_runs + 2; ++i) {
+        TarnoCPU::Mat outputs[2];
+        for (int k = 0; k < 2; ++k) {
+            const Clock::time_point start = Clock::now();
+            outputs[k] = nets[k]->run(inputs, nets[k]->last_position(), settings, nullptr);
+            const double time =
+                std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+            if (i >= 2) times[k].push_back(time);  // the first two warm the pools
+        }
+        if (i == 0) {
+            TensorSize size;
+            const std::vector<float> a = values_of(outputs[0], size);
+            const std::vector<float> b = values_of(outputs[1], size);
+            for (size_t n = 0; n < std::min(a.size(), b.size()); ++n) {
+                comparison.largest_difference =
+                    std::max(comparison.largest_difference,
+                             std::fabs(static_cast<double>(a[n]) - static_cast<double>(b[n])));
+            }
+        }
+        progress.step(i + 1);
+    }
+    comparison.default_ms = statistics_of(times[0]).p50;
+    comparison.table_ms = statistics_of(times[1]).p50;
+    return comparison;
+}
+
+std::string ms(double milliseconds) {
+    return fixed(milliseconds, 3);
+}
+
+}  // namespace
+
+void tune(const TuneCommand& command) {
+    LibraryReports reports(command.verbose);
+    ModelFile model;
+    open_model(command.model, reports, model);
+    const ModelPlan plan = make_plan(model, command.plan);
+    require_runnable(model, plan, command.limits);
+    // Every tensor is kept, in two layouts while its layer is tried.
+    if (plan.all_tensor_bytes + plan.peak_bytes > command.limits.memory) {
+        throw CommandError(model.path + ": expected at most " + bytes_text(command.limits.memory) +
+                           " for all tensors of a run, found a need of " +
+                           bytes_text(plan.all_tensor_bytes + plan.peak_bytes) +
+                           " (see --memory-limit)");
+    }
+    const std::vector<NetInput> inputs = random_inputs(plan.inputs, input_seed);
+    RunnableNet by_rule(model, plan, reports);
+    by_rule.run_checked(inputs, by_rule.last_position(), {}, nullptr);
+
+    const std::vector<TableSlot> slots = table_slots(model, plan);
+    std::vector<std::pair<int, TarnoCPU::Mat>> tensors;
+    for (const NetInput& input : inputs) tensors.emplace_back(input.index, input.tensor);
+    const std::vector<LayerTask> tasks = record_tasks(model, by_rule.net(), tensors);
+
+    std::vector<Candidates> candidates(slots.size());
+    {
+        Progress progress("layer", static_cast<int64_t>(slots.size()));
+        for (size_t i = 0; i < slots.size(); ++i) {
+            if (slots[i].layer == "LSTM") {
+                // The only operator, whose state a trial would disturb.
+                Trial trial;
+                trial.info = TarnoCPU::find_operator(tasks[i].default_creator);
+                candidates[i].right.push_back(trial);
+            } else if (slots[i].takes_operator) {
+                candidates[i] = try_all(slots[i], tasks[i]);
+            }
+            progress.step(static_cast<int64_t>(i) + 1);
+        }
+    }
+
+    std::vector<Ways> ways;
+    std::vector<PathLayer> layers;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        ways.push_back(ways_of(*by_rule.net().layers[i], slots[i], candidates[i]));
+        if (ways.back().path.ways.empty()) {
+            throw CommandError(layer_fault(model.path, slots[i].id, slots[i].type,
+                                           "expected an operator that computes it, found none"));
+        }
+        layers.push_back(ways.back().path);
+    }
+    const std::vector<size_t> path = cheapest_path(layers, by_rule.net().blobs.size());
+
+    std::vector<TarnoCPU::LayerInferenceConfig> configs;
+    std::vector<const Trial*> chosen;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        const Trial* trial = path.empty() ? nullptr : ways[i].trials[path[i]];
+        chosen.push_back(trial);
+        configs.push_back({path.empty()       ? tasks[i].default_creator
+                           : trial != nullptr ? trial->info->creator
+                                              : nullptr,
+                           0, 0});
+    }
+    auto tuned = std::make_unique<RunnableNet>(model, plan, reports, &configs);
+    tuned->run_checked(inputs, tuned->last_position(), {}, nullptr);
+    const Comparison comparison = compare(by_rule, *tuned, inputs);
+    const bool faster = comparison.table_ms < comparison.default_ms;
+    if (!faster) {
+        // Layer by layer it looked better than it is: then the table is the default rule's own.
+        for (size_t i = 0; i < slots.size(); ++i) configs[i].op_creator = tasks[i].default_creator;
+        tuned = std::make_unique<RunnableNet>(model, plan, reports, &configs);
+    }
+
+    TarnoCPU::ConfigPrinter printer;
+    printer.add_header();
+    tuned->run_checked(inputs, tuned->last_position(), {}, &printer);
+    printer.add_tail();
+    const std::string machine = machine_name();
+    std::string text =
+        "// Measured on " + machine + " for " + model.loader.decodeModelID() + " at ";
+    for (const ModelInput& input : plan.inputs) {
+        text += (input.index == plan.inputs[0].index ? "" : ", ") + size_text(*input.size);
+    }
+    text += ": " + ms(comparison.default_ms) + " ms by the default rule, " +
+            ms(faster ? comparison.table_ms : comparison.default_ms) + " ms by this table.\n" +
+            printer.get_config_string();
+
+    TextTable table;
+    table.column("id", TextTable::right);
+    table.column("layer", TextTable::left);
+    table.column("default operator", TextTable::left);
+    table.column("ms", TextTable::right);
+    table.column("chosen operator", TextTable::left);
+    table.column("ms", TextTable::right);
+    table.column("times", TextTable::right);
+    for (size_t i = 0; i < slots.size(); ++i) {
+        if (!slots[i].takes_operator) continue;
+        const double before = candidates[i].default_ms;
+        const double after = chosen[i] != nullptr ? chosen[i]->milliseconds : before;
+        table.row({std::to_string(slots[i].id), by_rule.net().layers[i]->type,
+                   TarnoCPU::find_operator(tasks[i].default_creator)->name, ms(before),
+                   chosen[i] != nullptr ? chosen[i]->info->name : "-", ms(after),
+                   after > 0.0 && before > 0.0 ? fixed(before / after, 2) : "-"});
+    }
+    std::string report = "machine           " + machine + "\n\n" + table.text() + "\n";
+    for (size_t i = 0; i < slots.size(); ++i) {
+        for (const Trial& trial : candidates[i].rejected) {
+            report += "rejected: " + slot_text(slots[i]) + ": " + trial.info->name + " " +
+                      trial.rejection + "\n";
+        }
+    }
+    report += "whole net         " + ms(comparison.default_ms) + " ms by the default rule, " +
+              ms(comparison.table_ms) + " ms by the chosen operators, medians of " +
+              std::to_string(comparison_runs) +
+              " runs in turns: " + fixed(comparison.default_ms / comparison.table_ms, 2) +
+              " times as fast\n" + "outputs           differ by " +
+              fixed(comparison.largest_difference, 9) + " at the most\n";
+    if (!faster) report += "the default rule is faster as a whole: the table is that of the rule\n";
+
+    if (command.output.empty()) {
+        std::fputs(report.c_str(), stderr);
+        std::fputs(text.c_str(), stdout);
+        return;
+    }
+    OutputFiles files;
+    files.write(command.output, text);
+    files.commit();
+    std::fputs((report + "wrote             " + command.output + "\n").c_str(), stdout);
+}
+
+}  // namespace tool
