@@ -10,6 +10,7 @@
 #include <numeric>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "errors.h"
@@ -36,6 +37,8 @@ using Json = nlohmann::ordered_json;
 constexpr int64_t default_runs = 100;
 constexpr double default_duration = 10.0;  // seconds
 constexpr double most_warmup = 5.0;
+constexpr int runs_to_settle = 10;
+constexpr int most_runs_to_settle = 200;
 constexpr double most_profiling = 10.0;
 constexpr size_t most_profiled_runs = 100;
 constexpr unsigned int input_seed = 1;
@@ -44,21 +47,36 @@ double seconds_since(Clock::time_point start) {
     return milliseconds_since(start) / 1e3;
 }
 
-/// Bytes that the tensors and the scratch of a run hold at once.
-struct TensorBytes {
-    int64_t alive = 0;
-    int64_t peak = 0;
+/// What both pools of a run have handed out and taken, in bytes.
+struct PoolBytes {
+    int64_t alive = 0;  ///< in tensors and scratch right now
+    int64_t peak = 0;   ///< the most of that so far
+    int64_t held = 0;   ///< taken from the heap; more than the peak, as a pool gives out any block
+                        ///< that is large enough, however much larger
+    int64_t limit = 0;  ///< of `held`
+    bool exceeded = false;
 };
 
-/// A pool that keeps count. Its bookkeeping takes time and heap calls, so it serves runs that are
-/// not timed.
-class CountingAllocator : public TarnoCPU::Allocator {
+/// A pool that keeps count and has a limit. The bookkeeping costs time and heap calls, so timed
+/// runs go straight to `pool` once it has stopped growing.
+template <typename Pool>
+class MeteredPool : public TarnoCPU::Allocator {
 public:
-    explicit CountingAllocator(TensorBytes& bytes) : bytes(bytes) {}
+    explicit MeteredPool(PoolBytes& bytes) : bytes(bytes) {}
 
     void* fastMalloc(unsigned int size) override {
         void* block = pool.fastMalloc(size);
-        if (block == nullptr) return nullptr;
+        if (block == nullptr) {
+            // The pool has booked the null, and would complain about it in the end.
+            pool.fastFree(nullptr);
+            return nullptr;
+        }
+        if (blocks.insert(block).second) bytes.held += size;
+        if (bytes.held > bytes.limit) {
+            bytes.exceeded = true;
+            pool.fastFree(block);
+            return nullptr;
+        }
         sizes[block] = size;
         bytes.alive += size;
         bytes.peak = std::max(bytes.peak, bytes.alive);
@@ -74,10 +92,26 @@ public:
         pool.fastFree(block);
     }
 
+    Pool pool;
+
 private:
-    TensorBytes& bytes;
-    TarnoCPU::PoolAllocator pool;
-    std::unordered_map<void*, unsigned int> sizes;
+    PoolBytes& bytes;
+    std::unordered_set<void*> blocks;               ///< all that the pool ever gave out
+    std::unordered_map<void*, unsigned int> sizes;  ///< of those that are out
+};
+
+/// The two pools of a host.
+struct MeteredPools {
+    explicit MeteredPools(int64_t limit) : blobs(bytes), workspace(bytes) { bytes.limit = limit; }
+
+    RunnableNet::Settings metered(bool light_mode) { return {light_mode, &blobs, &workspace}; }
+    RunnableNet::Settings bare() { return {true, &blobs.pool, &workspace.pool}; }
+
+    PoolBytes bytes;
+    int runs = 0;          ///< metered ones so far
+    bool settled = false;  ///< the last ten of them took nothing from the heap
+    MeteredPool<TarnoCPU::UnlockedPoolAllocator> blobs;
+    MeteredPool<TarnoCPU::PoolAllocator> workspace;
 };
 
 struct LayerReport {
@@ -116,70 +150,126 @@ struct BenchReport {
     std::vector<LayerReport> layers;
     std::vector<KindReport> kinds;
     int64_t resident_bytes = 0;
-    int64_t peak_light = 0;
-    std::optional<int64_t> peak_full;
+    PoolBytes light;
+    std::optional<PoolBytes> full;
     std::optional<uint64_t> allocations;
     std::optional<uint64_t> frees;
 };
 
 class Bench {
 public:
-    Bench(const BenchCommand& command, const ModelPlan& plan, const RunnableNet& net,
-          const std::vector<NetInput>& inputs, BenchReport& report)
-        : command(command), plan(plan), net(net), inputs(inputs), report(report) {
-        settings.blob_allocator = &blobs;
-        settings.workspace_allocator = &workspace;
-    }
+    Bench(const BenchCommand& command, const ModelFile& model, const ModelPlan& plan,
+          const RunnableNet& net, const std::vector<NetInput>& inputs, BenchReport& report)
+        : command(command),
+          model(model),
+          plan(plan),
+          net(net),
+          inputs(inputs),
+          report(report),
+          pools(command.limits.memory - plan.weight_bytes) {}
 
     void run();
 
 private:
+    template <typename Work>
+    void within_limit(const Work& work) const;
+    void warm_up(MeteredPools& warming, bool light_mode, int at_least) const;
+    RunnableNet::Settings settings();
     double timed_run();
-    void first_runs();
+    void first_run();
     void steady_state();
     void profile();
     void count_heap_calls();
-    int64_t peak_bytes(bool light_mode);
 
     const BenchCommand& command;
+    const ModelFile& model;
     const ModelPlan& plan;
     const RunnableNet& net;
     const std::vector<NetInput>& inputs;
     BenchReport& report;
 
-    TarnoCPU::UnlockedPoolAllocator blobs;
-    TarnoCPU::PoolAllocator workspace;
-    RunnableNet::Settings settings;
+    MeteredPools pools;
     LayerNames names;
 };
 
 double Bench::timed_run() {
-    const Clock::time_point start = Clock::now();
-    const TarnoCPU::Mat out = net.run(inputs, net.last_position(), settings, nullptr);
+    const RunnableNet::Settings timed = settings();
+    Clock::time_point start;
+    within_limit([&] {
+        start = Clock::now();
+        net.run(inputs, net.last_position(), timed, nullptr);
+    });
     return milliseconds_since(start);
 }
 
 void Bench::run() {
-    first_runs();
+    first_run();
+    warm_up(pools, true, command.warmup);
+    report.warmup = pools.runs - 1;
+    report.light = pools.bytes;
     steady_state();
     profile();
     count_heap_calls();
     report.resident_bytes = peak_resident_bytes();
-    report.peak_light = peak_bytes(true);
-    // Everything at once may be far more than a run needs.
-    if (plan.all_tensor_bytes <= command.limits.memory) report.peak_full = peak_bytes(false);
+
+    // All tensors at once may be far more than a run needs.
+    if (plan.all_tensor_bytes > pools.bytes.limit) return;
+    MeteredPools without_light_mode(pools.bytes.limit);
+    try {
+        warm_up(without_light_mode, false, 1);
+        report.full = without_light_mode.bytes;
+    } catch (const CommandError&) {
+        if (!without_light_mode.bytes.exceeded) throw;
+    }
 }
 
-void Bench::first_runs() {
-    Clock::time_point start = Clock::now();
-    net.run_checked(inputs, net.last_position(), settings, &names);
-    report.first_run_ms = milliseconds_since(start);
-    Progress progress("warm-up run", command.warmup);
-    start = Clock::now();
-    while (report.warmup < command.warmup && seconds_since(start) < most_warmup) {
-        timed_run();
-        progress.step(++report.warmup);
+/// Says it when the pools are the reason of a failure.
+template <typename Work>
+void Bench::within_limit(const Work& work) const {
+    try {
+        work();
+    } catch (const CommandError&) {
+        if (!pools.bytes.exceeded) throw;
+        const std::string text = "expected at most " + bytes_text(command.limits.memory) +
+                                 " in weights and memory pools, found a need of more (see "
+                                 "--memory-limit)";
+        // The first run hears of each layer, the last one being the one that fails.
+        if (pools.runs > 0) throw CommandError(model.path + ": " + text);
+        const PlannedLayer& layer = plan.layers[*plan.find(names.rows.back().id)];
+        throw CommandError(layer_fault(model.path, layer.id, layer.type, text));
     }
+}
+
+/// Runs until the pools have stopped growing, which takes them several runs.
+void Bench::warm_up(MeteredPools& warming, bool light_mode, int at_least) const {
+    Progress progress("warm-up run", 0);
+    const Clock::time_point start = Clock::now();
+    int without_growth = 0;
+    for (int i = 0; i < at_least || !warming.settled; ++i) {
+        if (seconds_since(start) >= most_warmup) break;
+        if (i >= std::max(at_least, most_runs_to_settle)) break;
+        const int64_t held = warming.bytes.held;
+        within_limit(
+            [&] { net.run(inputs, net.last_position(), warming.metered(light_mode), nullptr); });
+        ++warming.runs;
+        without_growth = warming.bytes.held == held ? without_growth + 1 : 0;
+        warming.settled = without_growth >= runs_to_settle;
+        progress.step(warming.runs);
+    }
+}
+
+/// Of a timed run. Pools that still grow stay under watch: such runs are long enough not to feel
+/// it.
+RunnableNet::Settings Bench::settings() {
+    return pools.settled ? pools.bare() : pools.metered(true);
+}
+
+void Bench::first_run() {
+    const Clock::time_point start = Clock::now();
+    within_limit(
+        [&] { net.run_checked(inputs, net.last_position(), pools.metered(true), &names); });
+    report.first_run_ms = milliseconds_since(start);
+    ++pools.runs;
 }
 
 void Bench::steady_state() {
@@ -222,7 +312,7 @@ void Bench::profile() {
     while (report.profiled_runs < runs &&
            (report.profiled_runs == 0 || seconds_since(start) < most_profiling)) {
         timer.start_run();
-        net.run(inputs, net.last_position(), settings, &timer);
+        net.run(inputs, net.last_position(), settings(), &timer);
         progress.step(static_cast<int64_t>(++report.profiled_runs));
     }
 
@@ -265,8 +355,8 @@ void Bench::profile() {
 }
 
 void Bench::count_heap_calls() {
-    if (!heap_calls_are_counted()) return;
-    timed_run();
+    // The bookkeeping of pools that have not settled would count.
+    if (!heap_calls_are_counted() || !pools.settled) return;
     HeapCalls calls;
     timed_run();
     calls.stop();
@@ -274,16 +364,8 @@ void Bench::count_heap_calls() {
     report.frees = calls.frees;
 }
 
-int64_t Bench::peak_bytes(bool light_mode) {
-    TensorBytes bytes;
-    CountingAllocator counting_blobs(bytes);
-    CountingAllocator counting_workspace(bytes);
-    RunnableNet::Settings counted;
-    counted.light_mode = light_mode;
-    counted.blob_allocator = &counting_blobs;
-    counted.workspace_allocator = &counting_workspace;
-    net.run(inputs, net.last_position(), counted, nullptr);
-    return bytes.peak;
+Json json_of(const PoolBytes& bytes) {
+    return Json{{"peak_bytes", bytes.peak}, {"held_bytes", bytes.held}};
 }
 
 Json json_of(const SampleStatistics& statistics) {
@@ -334,10 +416,10 @@ void print_json(const BenchCommand& command, const ModelFile& model, const Model
                                  {"share", kind.share}});
     }
     json["memory"] = {{"peak_resident_bytes", report.resident_bytes},
-                      {"peak_pool_bytes_light", report.peak_light},
-                      {"peak_pool_bytes_full", nullptr},
-                      {"weight_bytes", plan.weight_bytes}};
-    if (report.peak_full) json["memory"]["peak_pool_bytes_full"] = *report.peak_full;
+                      {"weight_bytes", plan.weight_bytes},
+                      {"pools_with_light_mode", json_of(report.light)},
+                      {"pools_without_light_mode", nullptr}};
+    if (report.full) json["memory"]["pools_without_light_mode"] = json_of(*report.full);
     json["heap_calls_per_run"] = nullptr;
     if (report.allocations) {
         json["heap_calls_per_run"] = {{"allocations", *report.allocations},
@@ -392,14 +474,19 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
                                " G multiply-adds a second");
     }
     line("peak memory", bytes_text(report.resident_bytes) + " resident in the whole process");
-    line("", bytes_text(report.peak_light) + " in the pools with light mode, " +
-                 (report.peak_full ? bytes_text(*report.peak_full) + " without"
-                                   : "not measured without, beyond --memory-limit"));
-    line("", bytes_text(plan.weight_bytes) + " of weights");
+    line("", bytes_text(plan.weight_bytes) + " in weights");
+    const auto pools_text = [](const PoolBytes& bytes) {
+        return bytes_text(bytes.peak) + " in tensors and scratch at once, the pools hold " +
+               bytes_text(bytes.held);
+    };
+    line("with light mode", pools_text(report.light));
+    line("without",
+         report.full ? pools_text(*report.full) : "not measured, more than --memory-limit");
     line("heap calls a run", report.allocations
                                  ? std::to_string(*report.allocations) + " allocations, " +
                                        std::to_string(*report.frees) + " frees"
-                                 : "not counted in this build");
+                             : heap_calls_are_counted() ? "not counted, the pools are still growing"
+                                                        : "not counted in this build");
 
     text += "\nLayers in run order, median of " + std::to_string(report.profiled_runs) +
             " further runs\n\n";
@@ -469,7 +556,7 @@ void bench(const BenchCommand& command) {
     const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
     report.build_ms = milliseconds_since(start);
 
-    Bench(command, plan, net, inputs, report).run();
+    Bench(command, model, plan, net, inputs, report).run();
     if (command.json) {
         print_json(command, model, plan, report);
     } else {

@@ -130,7 +130,7 @@ void add_limits(CLI::App* app, Texts& texts) {
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
-                    "like). 20G unless told otherwise.")
+                    "like). 10G unless told otherwise.")
         ->type_name("STEPS");
 }
 
@@ -287,8 +287,9 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     bench
         ->add_option(
             "--warmup", command.warmup,
-            "Runs before the steady state, the first not counted: 10 unless told otherwise, or "
-            "what 5 seconds hold where that is less.")
+            "Runs between the first and the steady state: at least so many, 10 unless told "
+            "otherwise, and on until the memory pools have stopped growing; never longer "
+            "than 5 seconds.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
     bench

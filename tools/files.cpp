@@ -16,7 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string reason() { return std::strerror(errno); }
+std::string reason() {
+    return std::strerror(errno);
+}
 
 const char* text_of(fs::file_type type) {
     switch (type) {
@@ -43,8 +45,7 @@ struct RegularFile {
         std::error_code error;
         const fs::file_status status = fs::status(path, error);
         if (!error && fs::exists(status) && !fs::is_regular_file(status)) {
-            throw CommandError(path + ": expected a regular file, found " +
-                               text_of(status.type()));
+            throw CommandError(path + ": expected a regular file, found " + text_of(status.type()));
         }
         file.reset(std::fopen(path.c_str(), "rb"));
         if (!file) throw CommandError(path + ": expected a readable file, found: " + reason());
@@ -104,7 +105,9 @@ fs::path behind_links(const std::string& path) {
 
 }  // namespace
 
-int64_t size_of_regular_file(const std::string& path) { return RegularFile(path).size; }
+int64_t size_of_regular_file(const std::string& path) {
+    return RegularFile(path).size;
+}
 
 std::string first_bytes(const std::string& path, size_t most) {
     return read_up_to(RegularFile(path), path, most);
@@ -129,8 +132,10 @@ std::string extension_of(const std::string& path) {
 
 OutputFiles::~OutputFiles() {
     std::error_code ignored;
-    for (const Staged& file : files) fs::remove(file.temporary, ignored);
-    for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
+    for (const Staged& file : files)
+        fs::remove(file.temporary, ignored);
+    for (const Folder& folder : folders)
+        fs::remove_all(folder.staging, ignored);
 }
 
 void OutputFiles::write(const std::string& path, const std::string& contents) {
@@ -180,21 +185,22 @@ void OutputFiles::commit() {
         std::error_code error;
         fs::create_directory(folder.path, error);
         if (error) {
-            throw CommandError(folder.path + ": expected a place for a folder, found: " +
-                               error.message());
+            throw CommandError(folder.path +
+                               ": expected a place for a folder, found: " + error.message());
         }
     }
     for (const Staged& file : files) {
         std::error_code error;
         fs::rename(file.temporary, file.final, error);
         if (error) {
-            throw CommandError(file.final + ": expected a place to write to, found: " +
-                               error.message());
+            throw CommandError(file.final +
+                               ": expected a place to write to, found: " + error.message());
         }
     }
     files.clear();
     std::error_code ignored;
-    for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
+    for (const Folder& folder : folders)
+        fs::remove_all(folder.staging, ignored);
     folders.clear();
 }
 

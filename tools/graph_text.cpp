@@ -15,7 +15,9 @@ std::string quoted(const std::string& text) {
     return result + "\"";
 }
 
-std::string node_name(unsigned int id) { return "layer_" + std::to_string(id); }
+std::string node_name(unsigned int id) {
+    return "layer_" + std::to_string(id);
+}
 
 const char* fill_of(const PlannedLayer& layer) {
     switch (layer.type) {
@@ -41,8 +43,9 @@ const char* fill_of(const PlannedLayer& layer) {
 }  // namespace
 
 std::string graph_text(const ModelFile& model, const ModelPlan& plan) {
-    std::string text = "digraph model {\n  label=" + quoted(model.loader.decodeModelID()) +
-                       ";\n  labelloc=t;\n  node [shape=box, style=filled, fontname=\"sans-serif\"];\n";
+    std::string text =
+        "digraph model {\n  label=" + quoted(model.loader.decodeModelID()) +
+        ";\n  labelloc=t;\n  node [shape=box, style=filled, fontname=\"sans-serif\"];\n";
     std::set<unsigned short> drawn;
     for (const PlannedLayer& layer : plan.layers) {
         // "\n" of a label is a line end to Graphviz, so it stays outside the quoting.
@@ -65,8 +68,8 @@ std::string graph_text(const ModelFile& model, const ModelPlan& plan) {
     for (const PlannedLayer& layer : plan.layers) {
         for (const unsigned short bottom : layer.bottoms) {
             if (drawn.count(bottom) == 0 && missing.insert(bottom).second) {
-                text += "  " + node_name(bottom) + " [label=" +
-                        quoted(std::to_string(bottom) + " missing") +
+                text += "  " + node_name(bottom) +
+                        " [label=" + quoted(std::to_string(bottom) + " missing") +
                         ", style=dashed, color=red];\n";
             }
             text += "  " + node_name(bottom) + " -> " + node_name(layer.id) + ";\n";

@@ -85,7 +85,9 @@ void free(void* block) {
 
 namespace tool {
 
-bool heap_calls_are_counted() { return TARNO_COUNTS_HEAP_CALLS != 0; }
+bool heap_calls_are_counted() {
+    return TARNO_COUNTS_HEAP_CALLS != 0;
+}
 
 HeapCalls::HeapCalls() {
     allocation_count = 0;

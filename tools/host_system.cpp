@@ -8,9 +8,13 @@
 
 namespace tool {
 
-bool standard_error_is_terminal() { return isatty(STDERR_FILENO) != 0; }
+bool standard_error_is_terminal() {
+    return isatty(STDERR_FILENO) != 0;
+}
 
-int process_number() { return getpid(); }
+int process_number() {
+    return getpid();
+}
 
 int64_t peak_resident_bytes() {
     rusage usage = {};

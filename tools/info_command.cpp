@@ -14,14 +14,19 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string pair_text(int w, int h) { return std::to_string(w) + "x" + std::to_string(h); }
+std::string pair_text(int w, int h) {
+    return std::to_string(w) + "x" + std::to_string(h);
+}
 
 /// "1x1" is written "1", so that what is not square strikes the eye.
-std::string side_text(int w, int h) { return w == h ? std::to_string(w) : pair_text(w, h); }
+std::string side_text(int w, int h) {
+    return w == h ? std::to_string(w) : pair_text(w, h);
+}
 
 std::string joined(const std::vector<unsigned short>& ids) {
     std::string text;
-    for (const unsigned short id : ids) text += (text.empty() ? "" : " ") + std::to_string(id);
+    for (const unsigned short id : ids)
+        text += (text.empty() ? "" : " ") + std::to_string(id);
     return text;
 }
 
@@ -47,13 +52,12 @@ void print_text(const ModelFile& model, const ModelPlan& plan) {
     line("model id", std::to_string(loader.getModelID()));
     line("application type", std::to_string(loader.getApplicationType()));
     line("gesture mode", std::to_string(loader.getGestureMode()));
-    line("base size", std::to_string(loader.getModelBaseW()) + " x " +
-                          std::to_string(loader.getModelBaseH()) +
-                          (loader.getModelBaseW() != plan.base_w ||
-                                   loader.getModelBaseH() != plan.base_h
-                               ? ", taken as " + std::to_string(plan.base_w) + " x " +
-                                     std::to_string(plan.base_h)
-                               : ""));
+    line(
+        "base size",
+        std::to_string(loader.getModelBaseW()) + " x " + std::to_string(loader.getModelBaseH()) +
+            (loader.getModelBaseW() != plan.base_w || loader.getModelBaseH() != plan.base_h
+                 ? ", taken as " + std::to_string(plan.base_w) + " x " + std::to_string(plan.base_h)
+                 : ""));
 
     text += "\nLayers in execution order\n\n";
     TextTable table;
@@ -141,12 +145,10 @@ void print_json(const ModelFile& model, const ModelPlan& plan) {
         each["notes"] = layer.notes;
         json["layers"].push_back(each);
     }
-    json["totals"] = {{"layers", plan.layers.size()},
-                      {"parameters", plan.parameters},
-                      {"multiply_adds", plan.multiply_adds},
-                      {"weight_bytes", plan.weight_bytes},
-                      {"peak_tensor_bytes", plan.peak_bytes},
-                      {"all_tensor_bytes", plan.all_tensor_bytes}};
+    json["totals"] = {
+        {"layers", plan.layers.size()},         {"parameters", plan.parameters},
+        {"multiply_adds", plan.multiply_adds},  {"weight_bytes", plan.weight_bytes},
+        {"peak_tensor_bytes", plan.peak_bytes}, {"all_tensor_bytes", plan.all_tensor_bytes}};
     json["refusal"] = nullptr;
     if (plan.refusal) json["refusal"] = refusal_text(model, *plan.refusal);
     // A path need not be UTF-8.

@@ -13,9 +13,13 @@ namespace {
     throw LayerRefused{"expected " + expected + ", found " + found};
 }
 
-std::string text_of(int64_t number) { return std::to_string(number); }
+std::string text_of(int64_t number) {
+    return std::to_string(number);
+}
 
-std::string pair_text(int64_t w, int64_t h) { return text_of(w) + "x" + text_of(h); }
+std::string pair_text(int64_t w, int64_t h) {
+    return text_of(w) + "x" + text_of(h);
+}
 
 const char* activation_name(int kind) {
     switch (kind) {
@@ -99,7 +103,9 @@ Extent kernel_extent(const Window& window) {
             (int64_t{window.kernel_h} - 1) * window.dilation_h + 1};
 }
 
-int64_t taps_of(const Window& window) { return int64_t{window.kernel_w} * window.kernel_h; }
+int64_t taps_of(const Window& window) {
+    return int64_t{window.kernel_w} * window.kernel_h;
+}
 
 /// Bytes of a tensor with a border, 0 when there is none and no copy is made.
 int64_t border_bytes(const TensorSize& size, int64_t more_w, int64_t more_h) {
@@ -107,8 +113,12 @@ int64_t border_bytes(const TensorSize& size, int64_t more_w, int64_t more_h) {
     return saturated_product({size.c, size.h + more_h, size.w + more_w, 4});
 }
 
-bool is_1_and_1(int w, int h) { return w == 1 && h == 1; }
-bool is_2_and_2(int w, int h) { return w == 2 && h == 2; }
+bool is_1_and_1(int w, int h) {
+    return w == 1 && h == 1;
+}
+bool is_2_and_2(int w, int h) {
+    return w == 2 && h == 2;
+}
 
 // Conv2D ----------------------------------------------------------------------------------------
 
@@ -140,8 +150,8 @@ void size_conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bottom, Pla
     }
     layer.size = top;
     layer.weight_bytes = saturated_product({in, out, taps, 4});
-    layer.multiply_adds = saturated_product({in, out, taps, std::max<int64_t>(top.h, 0),
-                                             std::max<int64_t>(top.w, 0)});
+    layer.multiply_adds = saturated_product(
+        {in, out, taps, std::max<int64_t>(top.h, 0), std::max<int64_t>(top.w, 0)});
     check_activation(record.activation, top);
 
     if (record.effective_groups() != 1) {
@@ -157,9 +167,9 @@ void size_conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bottom, Pla
         const int64_t needed_w = (top.w - 1) * window.stride_w + extent.w;
         const int64_t needed_h = (top.h - 1) * window.stride_h + extent.h;
         if (needed_w > bottom.w + 2 * window.pad_w || needed_h > bottom.h + 2 * window.pad_h) {
-            layer.notes.push_back(
-                "the padding is too small for the output of " + pair_text(top.w, top.h) +
-                ": windows at the border reach into the next row");
+            layer.notes.push_back("the padding is too small for the output of " +
+                                  pair_text(top.w, top.h) +
+                                  ": windows at the border reach into the next row");
         }
     }
 }
@@ -180,9 +190,10 @@ void size_transposed(const TensorSize& bottom, int64_t out, PlannedLayer& layer)
     layer.size = top;
     const Extent extent = kernel_extent(window);
     if (extent.w > window.stride_w + 2 || extent.h > window.stride_h + 2) {
-        layer.notes.push_back("a kernel of more than the stride and 2 runs into the next row: kernel " +
-                              pair_text(extent.w, extent.h) + ", stride " +
-                              pair_text(window.stride_w, window.stride_h));
+        layer.notes.push_back(
+            "a kernel of more than the stride and 2 runs into the next row: kernel " +
+            pair_text(extent.w, extent.h) + ", stride " +
+            pair_text(window.stride_w, window.stride_h));
     }
 }
 
@@ -293,11 +304,11 @@ void size_pooling(const ZQLayerInfo_Pooling& record, const TensorSize& bottom,
     layer.size = TensorSize{bottom.c, (h - window.kernel_h) / window.stride_h + 1,
                             (w - window.kernel_w) / window.stride_w + 1};
     layer.scratch_bytes = border_bytes(bottom, margins, margins);
-    layer.work = saturated_product(
-        {layer.size->c, layer.size->h, layer.size->w, taps_of(window)});
+    layer.work = saturated_product({layer.size->c, layer.size->h, layer.size->w, taps_of(window)});
     check_output_channels(record.out_shape->channels, *layer.size);
     if (window.pad_w != window.pad_h) {
-        layer.notes.push_back("padding " + pair_text(window.pad_w, window.pad_h) + ": the CPU engine "
+        layer.notes.push_back("padding " + pair_text(window.pad_w, window.pad_h) +
+                              ": the CPU engine "
                               "pads the left and the top by the first number, the right and the "
                               "bottom by the second");
     }
@@ -308,8 +319,9 @@ void size_batch_normalization(const ZQLayerInfo_BatchNormalization& record,
     // Channels, or with one channel the rows, or with one row the elements have a factor each.
     const int64_t factors = bottom.c > 1 ? bottom.c : bottom.h > 1 ? bottom.h : bottom.w;
     if (record.in_shape->channels != factors) {
-        refuse(text_of(record.in_shape->channels) + " channels (of one channel: rows, of one row: "
-                                                    "elements)",
+        refuse(text_of(record.in_shape->channels) +
+                   " channels (of one channel: rows, of one row: "
+                   "elements)",
                text_of(factors) + " in " + size_text(bottom));
     }
     layer.size = bottom;
@@ -330,12 +342,13 @@ void size_region(const ZQLayerInfo_Region& record, const TensorSize& bottom, Pla
     // A table of offsets, on the heap for the length of the call.
     layer.scratch_bytes = saturated_product({entries, 8});
     const int64_t cells = 11 * 11;
-    const int64_t anchors = std::min<int64_t>(record.region_a, bottom.elements() / entries / 124 + 1);
+    const int64_t anchors =
+        std::min<int64_t>(record.region_a, bottom.elements() / entries / 124 + 1);
     layer.work = saturated_product({anchors, entries + 3, cells});
     const int64_t channels = record.region_a * entries;
     if (bottom.c != channels || bottom.h != 11 || bottom.w != 11) {
-        layer.notes.push_back("made for a tensor of " +
-                              size_text({channels, 11, 11}) + ", found " + size_text(bottom));
+        layer.notes.push_back("made for a tensor of " + size_text({channels, 11, 11}) + ", found " +
+                              size_text(bottom));
     }
 }
 
@@ -409,7 +422,8 @@ void size_upsampling(const ZQLayerInfo_Upsampling& record, const TensorSize& bot
                                             saturated_product({top.c, top.h, top.w, 4}));
     }
     if (record.mode == 1 && factor != 2 && record.align == 0) {
-        layer.notes.push_back("bilinear by " + text_of(factor) + " without aligned corners: the CPU "
+        layer.notes.push_back("bilinear by " + text_of(factor) +
+                              " without aligned corners: the CPU "
                               "engine fills the whole output with the first element");
     }
 }
@@ -420,7 +434,8 @@ void size_tensor_reshape(const ZQLayerInfo_TensorReshape& record, const TensorSi
                          PlannedLayer& layer) {
     const int rank = std::min<int>(record.out_tensor.rank, 11);
     int dims = 0;
-    for (int i = 0; i < rank; ++i) dims += record.out_tensor.dims[i] != 0 ? 1 : 0;
+    for (int i = 0; i < rank; ++i)
+        dims += record.out_tensor.dims[i] != 0 ? 1 : 0;
     TensorSize top{1, 1, bottom.w};
     if (dims >= 2 && dims <= 4) {
         top.w = record.out_tensor.dims[dims - 1];
@@ -430,7 +445,8 @@ void size_tensor_reshape(const ZQLayerInfo_TensorReshape& record, const TensorSi
                    text_of(top.w));
         }
     } else if (top.w != bottom.elements()) {
-        layer.notes.push_back("keeps the first row of " + size_text(bottom) + " and drops the rest");
+        layer.notes.push_back("keeps the first row of " + size_text(bottom) +
+                              " and drops the rest");
     }
     layer.size = top;
 }
@@ -471,8 +487,8 @@ void size_lstm(const ZQLayerInfo_LSTM& record, const TensorSize& bottom, Planned
     const int64_t step = saturated_product({4, directions, hidden, record.input_size + hidden});
     layer.multiply_adds = saturated_product({step, bottom.c});
     // The biases of both directions are there in any case.
-    layer.weight_bytes = saturated_product(
-        {saturated_sum(step, 16 * hidden), record.num_layers, 4});
+    layer.weight_bytes =
+        saturated_product({saturated_sum(step, 16 * hidden), record.num_layers, 4});
     layer.scratch_bytes = 2 * hidden * 4;
     if (record.num_layers > 1) {
         layer.notes.push_back(text_of(record.num_layers) +
@@ -503,7 +519,8 @@ Window dilated_window_of(const Record& record) {
 /// Weights, and the bias where it is used: the file has one in any case.
 template <typename Record>
 int64_t parameters_of(const Record& record) {
-    return static_cast<int64_t>(record.weights_count + (record.has_bias != 0 ? record.bias_count : 0));
+    return static_cast<int64_t>(record.weights_count +
+                                (record.has_bias != 0 ? record.bias_count : 0));
 }
 
 std::string groups_text(unsigned int groups) {
@@ -536,7 +553,9 @@ int64_t saturated_product(std::initializer_list<int64_t> factors) {
     return product;
 }
 
-int64_t saturated_sum(int64_t a, int64_t b) { return a > INT64_MAX - b ? INT64_MAX : a + b; }
+int64_t saturated_sum(int64_t a, int64_t b) {
+    return a > INT64_MAX - b ? INT64_MAX : a + b;
+}
 
 int64_t checked_tensor_bytes(const TensorSize& size) {
     if (size.c < 1 || size.h < 1 || size.w < 1) {
@@ -558,15 +577,16 @@ void describe_layer(const ZQLayerInfo& info, PlannedLayer& layer) {
     layer.id = info.id;
     layer.type = info.type;
     layer.kind = zq_layer_type_name(info.type);
-    for (int i = 0; i < info.bottom_count; ++i) layer.bottoms.push_back(info.bottoms[i]);
+    for (int i = 0; i < info.bottom_count; ++i)
+        layer.bottoms.push_back(info.bottoms[i]);
     switch (info.type) {
         case ZQLayerType_Input:
-            layer.detail = "input " +
-                           text_of(static_cast<const ZQLayerInfo_Input&>(info).input_index);
+            layer.detail =
+                "input " + text_of(static_cast<const ZQLayerInfo_Input&>(info).input_index);
             break;
         case ZQLayerType_TensorInput:
-            layer.detail = "input " +
-                           text_of(static_cast<const ZQLayerInfo_TensorInput&>(info).input_index);
+            layer.detail =
+                "input " + text_of(static_cast<const ZQLayerInfo_TensorInput&>(info).input_index);
             break;
         case ZQLayerType_Conv2D: {
             const auto& record = static_cast<const ZQLayerInfo_Conv2D&>(info);
@@ -606,7 +626,8 @@ void describe_layer(const ZQLayerInfo& info, PlannedLayer& layer) {
         }
         case ZQLayerType_PixelShuffle:
             layer.detail =
-                "by " + factor_text(static_cast<const ZQLayerInfo_PixelShuffle&>(info).upscale_factor);
+                "by " +
+                factor_text(static_cast<const ZQLayerInfo_PixelShuffle&>(info).upscale_factor);
             break;
         case ZQLayerType_Pooling: {
             const auto& record = static_cast<const ZQLayerInfo_Pooling&>(info);
@@ -617,9 +638,9 @@ void describe_layer(const ZQLayerInfo& info, PlannedLayer& layer) {
             break;
         }
         case ZQLayerType_BatchNormalization:
-            layer.parameters = 4 * static_cast<int64_t>(
-                                       static_cast<const ZQLayerInfo_BatchNormalization&>(info)
-                                           .bn_count);
+            layer.parameters =
+                4 * static_cast<int64_t>(
+                        static_cast<const ZQLayerInfo_BatchNormalization&>(info).bn_count);
             break;
         case ZQLayerType_Activation:
             layer.activation =
@@ -668,8 +689,8 @@ void describe_layer(const ZQLayerInfo& info, PlannedLayer& layer) {
             const int64_t directions = record.bidirectional != 0 ? 2 : 1;
             layer.detail = std::string(directions == 2 ? "both directions" : "forward") +
                            (record.num_layers != 1 ? ", layers " + text_of(record.num_layers) : "");
-            const int64_t counts = static_cast<int64_t>(record.w_ih_count + record.w_hh_count +
-                                                        2 * record.bias_count);
+            const int64_t counts =
+                static_cast<int64_t>(record.w_ih_count + record.w_hh_count + 2 * record.bias_count);
             layer.parameters = saturated_product({record.num_layers, directions, counts});
             break;
         }

@@ -38,7 +38,9 @@ LibraryReports::Observation::Observation(LibraryReports& reports, Observer obser
     reports.observer = std::move(observer);
 }
 
-LibraryReports::Observation::~Observation() { reports.observer = nullptr; }
+LibraryReports::Observation::~Observation() {
+    reports.observer = nullptr;
+}
 
 void LibraryReports::assertion(const char* condition, const char* source, int line) {
     if (active->verbose) {

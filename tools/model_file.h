@@ -17,8 +17,8 @@ struct ModelFile {
     ZQNetLoader loader;
 };
 
-/// Reads `path` into `model`, the layers in the order of the file. Throws CommandError when the file
-/// can't be read or is not sound; an assertion of the reader counts as a fault, too.
+/// Reads `path` into `model`, the layers in the order of the file. Throws CommandError when the
+/// file can't be read or is not sound; an assertion of the reader counts as a fault, too.
 void open_model(const std::string& path, LibraryReports& reports, ModelFile& model);
 
 /// "layer 7 (Conv2D)".

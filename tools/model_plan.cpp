@@ -74,7 +74,8 @@ void Planner::run() {
     plan.base_w = options.base ? options.base->w : header_w != 0 ? header_w : default_base;
     plan.base_h = options.base ? options.base->h : header_h != 0 ? header_h : default_base;
     order = model.loader.getSequentialLayers();
-    for (const unsigned short id : order) highest_id = std::max<int>(highest_id, id);
+    for (const unsigned short id : order)
+        highest_id = std::max<int>(highest_id, id);
 
     const auto read_counts = model.loader.getLayersRCnt();
     for (const unsigned short id : order) {
@@ -84,7 +85,8 @@ void Planner::run() {
         layer.read_count = count != read_counts.end() ? count->second : 0;
         plan.layers.push_back(std::move(layer));
     }
-    for (size_t i = 0; i < plan.layers.size(); ++i) plan_layer(i);
+    for (size_t i = 0; i < plan.layers.size(); ++i)
+        plan_layer(i);
     std::sort(plan.inputs.begin(), plan.inputs.end(),
               [](const ModelInput& a, const ModelInput& b) { return a.index < b.index; });
 
@@ -101,8 +103,8 @@ void Planner::plan_layer(size_t position) {
     PlannedLayer& layer = plan.layers[position];
     const ZQLayerInfo& record = *records.at(layer.id);
     if (positions.count(layer.id) != 0) {
-        refuse(layer, refused_size("each layer id once", "two layers of id " +
-                                                             std::to_string(layer.id)));
+        refuse(layer,
+               refused_size("each layer id once", "two layers of id " + std::to_string(layer.id)));
         return;
     }
     if (is_input(record)) {
@@ -120,11 +122,12 @@ void Planner::plan_layer(size_t position) {
             if (size) bottoms.push_back(*size);
         } else {
             known = false;
-            refuse(layer, refused_size("a bottom among the layers before it",
-                                       records.count(bottom) != 0
-                                           ? "layer " + std::to_string(bottom) + ", which runs later"
-                                           : "layer " + std::to_string(bottom) +
-                                                 ", which the model does not have"));
+            refuse(layer,
+                   refused_size("a bottom among the layers before it",
+                                records.count(bottom) != 0
+                                    ? "layer " + std::to_string(bottom) + ", which runs later"
+                                    : "layer " + std::to_string(bottom) +
+                                          ", which the model does not have"));
         }
     }
     positions[layer.id] = position;
@@ -179,14 +182,14 @@ void Planner::plan_input(const ZQLayerInfo& record, PlannedLayer& layer) {
         sizes_are_relative = false;
     }
     if (!input_indices.insert(input.index).second) {
-        fault = refused_size("each input index once", "two inputs of index " +
-                                                          std::to_string(input.index));
+        fault = refused_size("each input index once",
+                             "two inputs of index " + std::to_string(input.index));
     }
     // An extractor takes no index at or above its number of blobs.
     if (input.index > highest_id) {
-        fault = refused_size("an input index of at most " + std::to_string(highest_id) +
-                                 ", the highest layer id",
-                             std::to_string(input.index));
+        fault = refused_size(
+            "an input index of at most " + std::to_string(highest_id) + ", the highest layer id",
+            std::to_string(input.index));
     }
     if (fault.empty()) {
         try {
@@ -227,7 +230,8 @@ void Planner::add_up() {
 void Planner::find_peak() {
     std::map<unsigned short, int> readers;
     for (const PlannedLayer& layer : plan.layers) {
-        for (const unsigned short bottom : layer.bottoms) ++readers[bottom];
+        for (const unsigned short bottom : layer.bottoms)
+            ++readers[bottom];
     }
     int64_t alive = 0;
     // The inputs are there from the start.
@@ -287,8 +291,8 @@ void require_runnable(const ModelFile& model, const ModelPlan& plan, const RunLi
             [](const PlannedLayer& a, const PlannedLayer& b) { return a.work < b.work; });
         throw CommandError(layer_fault(model.path, most->id, most->type,
                                        "expected at most " + count_text(limits.work) +
-                                           " steps in all layers, found " +
-                                           count_text(plan.work) + " (see --work-limit)"));
+                                           " steps in all layers, found " + count_text(plan.work) +
+                                           " (see --work-limit)"));
     }
 }
 

@@ -44,16 +44,16 @@ struct PlannedLayer {
     std::string kind;  ///< name of the record type
     std::vector<unsigned short> bottoms;
     std::optional<Window> window;
-    std::string activation;     ///< fused or own, empty for none
-    std::string detail;         ///< what else there is to know, such as "sum"
-    int64_t parameters = 0;     ///< numbers that the file holds for it
-    int read_count = 0;         ///< how many bottoms of other layers name it
+    std::string activation;          ///< fused or own, empty for none
+    std::string detail;              ///< what else there is to know, such as "sum"
+    int64_t parameters = 0;          ///< numbers that the file holds for it
+    int read_count = 0;              ///< how many bottoms of other layers name it
     std::optional<TensorSize> size;  ///< of its output; nothing behind a refused layer
-    int64_t multiply_adds = 0;  ///< products with a weight, each with its sum
-    int64_t work = 0;           ///< inner steps of a run, those without weights included
-    int64_t tensor_bytes = 0;   ///< of its output
-    int64_t scratch_bytes = 0;  ///< taken and given back while it runs
-    int64_t weight_bytes = 0;   ///< that its operator keeps
+    int64_t multiply_adds = 0;       ///< products with a weight, each with its sum
+    int64_t work = 0;                ///< inner steps of a run, those without weights included
+    int64_t tensor_bytes = 0;        ///< of its output
+    int64_t scratch_bytes = 0;       ///< taken and given back while it runs
+    int64_t weight_bytes = 0;        ///< that its operator keeps
     std::vector<std::string> notes;  ///< what may surprise, though it runs
 };
 
@@ -69,14 +69,14 @@ struct ModelInput {
     int index = 0;  ///< by which the model numbers its inputs
     unsigned short id = 0;
     unsigned short type = 0;
-    bool is_tensor = false;  ///< of a size in numbers, which no picture is resized to
+    bool is_tensor = false;     ///< of a size in numbers, which no picture is resized to
     std::vector<int64_t> dims;  ///< of a tensor, as the file has them
     int channels = 0;           ///< of a picture
     std::optional<TensorSize> size;
 };
 
 struct PlanOptions {
-    std::optional<Size> base;  ///< in place of the header's base size
+    std::optional<Size> base;               ///< in place of the header's base size
     std::map<int, TensorSize> input_sizes;  ///< by input index, in place of the model's own
 };
 
@@ -93,9 +93,9 @@ struct ModelPlan {
     int64_t multiply_adds = 0;
     int64_t work = 0;
     int64_t weight_bytes = 0;
-    int64_t all_tensor_bytes = 0;   ///< all outputs together: a run without light mode
-    int64_t peak_bytes = 0;         ///< tensors and scratch at the worst moment, with light mode
-    size_t peak_layer = 0;          ///< position of the layer that runs at that moment
+    int64_t all_tensor_bytes = 0;  ///< all outputs together: a run without light mode
+    int64_t peak_bytes = 0;        ///< tensors and scratch at the worst moment, with light mode
+    size_t peak_layer = 0;         ///< position of the layer that runs at that moment
 
     /// The position of the layer with this id; nothing when there is none.
     std::optional<size_t> find(int id) const;
@@ -104,8 +104,8 @@ struct ModelPlan {
 ModelPlan make_plan(const ModelFile& model, const PlanOptions& options);
 
 struct RunLimits {
-    int64_t memory = int64_t{2} << 30;      ///< bytes of weights, tensors and scratch
-    int64_t work = 20'000'000'000;         ///< inner steps of one run
+    int64_t memory = int64_t{2} << 30;  ///< bytes of weights, tensors and scratch
+    int64_t work = 10'000'000'000;      ///< inner steps of one run
 };
 
 /// Throws CommandError when the plan has a refusal or is beyond the limits.

@@ -34,10 +34,10 @@ const PixelOrder& order_of(const ModelFile& model, const ModelInput& input,
         }
         return order;
     }
-    throw CommandError(layer_fault(
-        model.path, input.id, input.type,
-        "expected an input of 1, 3 or 4 channels for a picture, found " +
-            std::to_string(input.channels) + " (an .npy file can have any number)"));
+    throw CommandError(layer_fault(model.path, input.id, input.type,
+                                   "expected an input of 1, 3 or 4 channels for a picture, found " +
+                                       std::to_string(input.channels) +
+                                       " (an .npy file can have any number)"));
 }
 
 /// Decodes into the channels from which Mat::from_pixels has a way to `order`, and says the way.
@@ -69,7 +69,8 @@ void subtract_mean_and_scale(TarnoCPU::Mat& tensor, const std::vector<float>& me
         const float m = of_channel(mean, q, 0.0f);
         const float n = of_channel(norm, q, 1.0f);
         float* x = tensor.ptr<float>() + q * plane;
-        for (int64_t i = 0; i < plane; ++i) x[i] = (x[i] - m) * n;
+        for (int64_t i = 0; i < plane; ++i)
+            x[i] = (x[i] - m) * n;
     }
 }
 
@@ -83,7 +84,8 @@ void check_count(const char* option, const std::vector<float>& values, const Mod
 
 std::string shape_text(const std::vector<int64_t>& shape) {
     std::string text;
-    for (const int64_t size : shape) text += (text.empty() ? "" : "x") + std::to_string(size);
+    for (const int64_t size : shape)
+        text += (text.empty() ? "" : "x") + std::to_string(size);
     return text;
 }
 
@@ -117,8 +119,8 @@ TensorSize size_of_array(const std::string& path, const std::vector<int64_t>& sh
     const int64_t w = dims.empty() ? 0 : dims.back();
     const int64_t h = dims.size() == 3 ? dims[1] : 1;
     const int64_t c = dims.size() == 3 ? dims[0] : 0;
-    const bool fits = (w == 0 || w == size.w) && (h == 0 || h == size.h) &&
-                      (time_first || c == 0 || c == size.c);
+    const bool fits =
+        (w == 0 || w == size.w) && (h == 0 || h == size.h) && (time_first || c == 0 || c == size.c);
     if (!fits) {
         fail(time_first ? std::to_string(w) + " numbers for each time step"
                         : "an array of " + shape_text(dims));
@@ -132,9 +134,10 @@ InputFiles::InputFiles(const ModelFile& model, const std::vector<ModelInput>& in
                        const std::vector<std::string>& paths)
     : model(model), inputs(inputs), paths(paths) {
     if (paths.size() != inputs.size()) {
-        throw CommandError(model.path + ": expected " + std::to_string(inputs.size()) +
-                           (inputs.size() == 1 ? " input" : " inputs, in the order of their indices") +
-                           ", found " + std::to_string(paths.size()));
+        throw CommandError(
+            model.path + ": expected " + std::to_string(inputs.size()) +
+            (inputs.size() == 1 ? " input" : " inputs, in the order of their indices") +
+            ", found " + std::to_string(paths.size()));
     }
     for (size_t i = 0; i < paths.size(); ++i) {
         if (is_npy(paths[i])) {
@@ -176,9 +179,9 @@ std::vector<NetInput> InputFiles::load(const InputRules& rules,
                 throw CommandError(paths[i] + ": expected " + std::to_string(size.elements()) +
                                    " numbers, found " + std::to_string(array.values.size()));
             }
-            input.tensor = TarnoCPU::Mat::from_float_array(array.values.data(), w, h,
-                                                           static_cast<int>(size.c),
-                                                           TarnoCPU::TensorShape::CHW, nullptr);
+            input.tensor =
+                TarnoCPU::Mat::from_float_array(array.values.data(), w, h, static_cast<int>(size.c),
+                                                TarnoCPU::TensorShape::CHW, nullptr);
             if (input.tensor.empty()) throw std::bad_alloc();
             // An array is taken as it is unless there is a word about it.
             if (!rules.mean.empty() || !rules.norm.empty()) {
@@ -206,10 +209,11 @@ std::vector<NetInput> random_inputs(const std::vector<ModelInput>& inputs, unsig
     for (const ModelInput& each : inputs) {
         NetInput input;
         input.index = each.index;
-        input.tensor = TarnoCPU::Mat(
-            TarnoCPU::TensorShape(TarnoCPU::TensorShape::CHW, static_cast<int>(each.size->c),
-                                  static_cast<int>(each.size->h), static_cast<int>(each.size->w), 4),
-            nullptr);
+        input.tensor =
+            TarnoCPU::Mat(TarnoCPU::TensorShape(
+                              TarnoCPU::TensorShape::CHW, static_cast<int>(each.size->c),
+                              static_cast<int>(each.size->h), static_cast<int>(each.size->w), 4),
+                          nullptr);
         if (input.tensor.empty()) throw std::bad_alloc();
         float* values = input.tensor.ptr<float>();
         const int64_t count = input.tensor.shape.total();

@@ -38,7 +38,8 @@ public:
     void check(const InputRules& rules) const;
 
     /// Reads the files. Pictures are resized to the size of their input.
-    std::vector<NetInput> load(const InputRules& rules, const std::vector<ModelInput>& inputs) const;
+    std::vector<NetInput> load(const InputRules& rules,
+                               const std::vector<ModelInput>& inputs) const;
 
     /// The first picture among the files, empty without one.
     const std::string& picture_path() const { return first_picture; }

@@ -70,8 +70,8 @@ Header parse_header(const std::string& path, const std::string& start, int64_t f
              std::to_string(static_cast<unsigned char>(start[6])) + "." +
              std::to_string(static_cast<unsigned char>(start[7])));
     }
-    const size_t length = static_cast<unsigned char>(start[8]) +
-                          size_t{256} * static_cast<unsigned char>(start[9]);
+    const size_t length =
+        static_cast<unsigned char>(start[8]) + size_t{256} * static_cast<unsigned char>(start[9]);
     if (start.size() < prefix_size + length) {
         fail("expected an .npy header of " + std::to_string(length) + " bytes, found " +
              std::to_string(start.size() - prefix_size));
@@ -128,9 +128,13 @@ Header header_of(const std::string& path) {
 
 }  // namespace
 
-bool is_npy(const std::string& path) { return first_bytes(path, magic.size()) == magic; }
+bool is_npy(const std::string& path) {
+    return first_bytes(path, magic.size()) == magic;
+}
 
-std::vector<int64_t> read_npy_shape(const std::string& path) { return header_of(path).shape; }
+std::vector<int64_t> read_npy_shape(const std::string& path) {
+    return header_of(path).shape;
+}
 
 NpyArray read_npy(const std::string& path) {
     const std::string bytes = whole_file(path, INT64_MAX);
@@ -167,8 +171,8 @@ std::string npy_bytes(const float* values, int c, int h, int w) {
     bytes += static_cast<char>(length % 256);
     bytes += static_cast<char>(length / 256);
     bytes += dictionary;
-    const size_t size = static_cast<size_t>(c) * static_cast<size_t>(h) * static_cast<size_t>(w) *
-                        sizeof(float);
+    const size_t size =
+        static_cast<size_t>(c) * static_cast<size_t>(h) * static_cast<size_t>(w) * sizeof(float);
     bytes.append(reinterpret_cast<const char*>(values), size);
     return bytes;
 }

@@ -100,8 +100,8 @@ std::vector<float> parse_numbers(const std::string& option, std::string_view tex
 }
 
 int64_t parse_bytes(const std::string& option, std::string_view text) {
-    static const Unit units[] = {{"", 1.0},         {"B", 1.0},           {"K", 1024.0},
-                                 {"KiB", 1024.0},   {"M", 1048576.0},     {"MiB", 1048576.0},
+    static const Unit units[] = {{"", 1.0},           {"B", 1.0},           {"K", 1024.0},
+                                 {"KiB", 1024.0},     {"M", 1048576.0},     {"MiB", 1048576.0},
                                  {"G", 1073741824.0}, {"GiB", 1073741824.0}};
     return parse_with_unit(option, text, "a number of bytes, such as 512M or 2G", units);
 }

@@ -32,7 +32,9 @@ const stbi_uc* data_of(const std::string& bytes) {
     return reinterpret_cast<const stbi_uc*>(bytes.data());
 }
 
-bool is_jpeg(const std::string& bytes) { return bytes.compare(0, 2, "\xff\xd8") == 0; }
+bool is_jpeg(const std::string& bytes) {
+    return bytes.compare(0, 2, "\xff\xd8") == 0;
+}
 
 /// Whether the segments of a JPEG lead to its end marker. The decoder fills what a cut file lacks
 /// with grey and calls it a success.
@@ -75,8 +77,8 @@ PictureInfo info_of(const std::string& path, const std::string& bytes) {
     }
     if (pixels > most_pixels_of_a_byte * static_cast<int64_t>(bytes.size())) {
         throw CommandError(path + ": expected a picture that " +
-                           grouped(static_cast<int64_t>(bytes.size())) +
-                           " bytes can hold, found " + size_text + " pixels");
+                           grouped(static_cast<int64_t>(bytes.size())) + " bytes can hold, found " +
+                           size_text + " pixels");
     }
     return info;
 }

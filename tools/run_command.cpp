@@ -127,8 +127,9 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
     if (!command.resize_output && command.composite.empty()) return;
     const PictureInfo info = picture_info(files.picture_path());
     // Floats of the resized output; of a composite the resized mask and three pictures.
-    const double bytes_of_pixel = (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
-                                  (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
+    const double bytes_of_pixel =
+        (command.resize_output ? 4.0 * static_cast<double>(channels) : 0) +
+        (command.composite.empty() ? 0.0 : 4.0 + 3.0 * 3.0);
     const double bytes = bytes_of_pixel * info.w * info.h;
     if (bytes > static_cast<double>(command.limits.memory)) {
         fail("expected at most " + bytes_text(command.limits.memory) +
@@ -147,7 +148,8 @@ Picture background_of(const std::string& text, int w, int h) {
     unsigned char colour[3];
     if (parse_colour(text, colour)) {
         background.pixels.resize(pixels * 3);
-        for (size_t i = 0; i < pixels * 3; ++i) background.pixels[i] = colour[i % 3];
+        for (size_t i = 0; i < pixels * 3; ++i)
+            background.pixels[i] = colour[i % 3];
         return background;
     }
     const Picture picture = read_picture(text, 3);

@@ -16,8 +16,8 @@ SampleStatistics statistics_of(std::vector<double> samples) {
     if (samples.empty()) return result;
     std::sort(samples.begin(), samples.end());
     result.count = samples.size();
-    result.mean = std::accumulate(samples.begin(), samples.end(), 0.0) /
-                  static_cast<double>(samples.size());
+    result.mean =
+        std::accumulate(samples.begin(), samples.end(), 0.0) / static_cast<double>(samples.size());
     result.min = samples.front();
     result.p50 = percentile(samples, 50);
     result.p90 = percentile(samples, 90);

@@ -5,20 +5,26 @@
 
 namespace tool {
 
-void TextTable::column(const std::string& title, Align align) { columns.push_back({title, align}); }
+void TextTable::column(const std::string& title, Align align) {
+    columns.push_back({title, align});
+}
 
 void TextTable::row(std::vector<std::string> cells) {
     cells.resize(columns.size());
     rows.push_back(std::move(cells));
 }
 
-void TextTable::rule() { rows.emplace_back(); }
+void TextTable::rule() {
+    rows.emplace_back();
+}
 
 std::string TextTable::text() const {
     std::vector<size_t> widths;
-    for (const Column& column : columns) widths.push_back(column.title.size());
+    for (const Column& column : columns)
+        widths.push_back(column.title.size());
     for (const auto& row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
     }
 
     std::string text;
@@ -35,7 +41,8 @@ std::string TextTable::text() const {
     };
     const auto add_rule = [&] {
         size_t width = columns.empty() ? 0 : 2 * (columns.size() - 1);
-        for (const size_t w : widths) width += w;
+        for (const size_t w : widths)
+            width += w;
         text += std::string(width, '-') + '\n';
     };
 

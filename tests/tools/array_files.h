@@ -15,9 +15,11 @@ namespace command_test {
 /// A whole .npy file around `data`.
 inline std::string npy_file(const std::string& descr, const std::string& shape,
                             const std::string& data, bool fortran = false) {
-    std::string header = "{'descr': '" + descr + "', 'fortran_order': " +
-                         (fortran ? "True" : "False") + ", 'shape': " + shape + ", }";
-    while ((10 + header.size() + 1) % 64 != 0) header += ' ';
+    std::string header = "{'descr': '" + descr +
+                         "', 'fortran_order': " + (fortran ? "True" : "False") +
+                         ", 'shape': " + shape + ", }";
+    while ((10 + header.size() + 1) % 64 != 0)
+        header += ' ';
     header += '\n';
     std::string file = "\x93NUMPY";
     file += '\1';
@@ -39,9 +41,7 @@ struct Array {
     int w = 0;
     std::vector<float> values;
 
-    float at(int q, int y, int x) const {
-        return values[static_cast<size_t>((q * h + y) * w + x)];
-    }
+    float at(int q, int y, int x) const { return values[static_cast<size_t>((q * h + y) * w + x)]; }
 };
 
 /// Reads what the command wrote: version 1.0, <f4, three dimensions, the data at a multiple of 64.

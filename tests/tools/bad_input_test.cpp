@@ -49,8 +49,8 @@ protected:
         const Words before = folder.names();
         std::vector<Words> commands = {{"bench", "--model", model, "--runs", "1"}};
         if (with_run) {
-            commands.push_back({"run", "--model", model, "--input", picture, "--output",
-                                folder / "o.npy"});
+            commands.push_back(
+                {"run", "--model", model, "--input", picture, "--output", folder / "o.npy"});
         }
         for (Words& words : commands) {
             words.insert(words.end(), more.begin(), more.end());
@@ -63,10 +63,10 @@ protected:
     }
 
     /// Runs the sound model over another input; it is refused with `parts`.
-    void expect_input_refused(const std::string& input, const Words& parts, const Words& more = {}) {
+    void expect_input_refused(const std::string& input, const Words& parts,
+                              const Words& more = {}) {
         const Words before = folder.names();
-        Words words = {"run",   "--model",  model, "--input", input,
-                       "--output", folder / "o.png"};
+        Words words = {"run", "--model", model, "--input", input, "--output", folder / "o.png"};
         words.insert(words.end(), more.begin(), more.end());
         const Outcome outcome = run_tarno(words, 60, enough_memory);
         expect_refusal(outcome, 1, parts);
@@ -82,7 +82,9 @@ protected:
 
 // Model files ------------------------------------------------------------------------------------
 
-TEST_F(BadInput, NoSuchModel) { expect_refusal(run_tarno({"info", model}), 1, {model, "No such"}); }
+TEST_F(BadInput, NoSuchModel) {
+    expect_refusal(run_tarno({"info", model}), 1, {model, "No such"});
+}
 
 TEST_F(BadInput, AFolderAPipeAndADeviceAreNoModels) {
     expect_refusal(run_tarno({"info", folder.path}), 1, {folder.path, "a folder"});
@@ -191,11 +193,18 @@ const BadLayer bad_layers[] = {
     {"InstanceNormalization",
      [](NetBuilder& n) { n.conv(n.instance_normalization(n.input(3)), 1, 1, 1, 0); },
      {"layer 1 (InstanceNormalization)", "CPU engine"}},
-    {"ChannelShuffle", [](NetBuilder& n) { n.channel_shuffle(n.input(3)); },
+    {"ChannelShuffle",
+     [](NetBuilder& n) { n.channel_shuffle(n.input(3)); },
      {"layer 1 (ChannelShuffle)", "CPU engine"}},
-    {"TensorTranspose", [](NetBuilder& n) { n.transpose(n.input(3), {1, 0}, {2, 3}); },
+    {"TensorTranspose",
+     [](NetBuilder& n) {
+         n.transpose(n.input(3), {1, 0}, {2, 3});
+     },
      {"layer 1 (TensorTranspose)", "CPU engine"}},
-    {"TensorSqueeze", [](NetBuilder& n) { n.squeeze(n.input(3), 0, {2, 3}); },
+    {"TensorSqueeze",
+     [](NetBuilder& n) {
+         n.squeeze(n.input(3), 0, {2, 3});
+     },
      {"layer 1 (TensorSqueeze)", "CPU engine"}},
     {"MissingBottom",
      [](NetBuilder& n) {
@@ -287,7 +296,8 @@ const BadLayer bad_layers[] = {
          record_of<ZQLayerInfo_Activation>(n, 1).activation_type = 0;
      },
      {"layer 1 (Activation)", "kind 0"}},
-    {"SoftMaxOverAMap", [](NetBuilder& n) { n.activation(n.input(3), ActivationType_SoftMax); },
+    {"SoftMaxOverAMap",
+     [](NetBuilder& n) { n.activation(n.input(3), ActivationType_SoftMax); },
      {"layer 1 (Activation)", "SoftMax", "3x12x16"}},
     {"UnknownPooling",
      [](NetBuilder& n) {
@@ -421,7 +431,8 @@ const BadLayer bad_layers[] = {
      [](NetBuilder& n) {
          int last = n.input(3);
          last = n.conv(last, 4, 1, 1, 0);
-         for (int i = 0; i < 5; ++i) last = n.upsampling(last, 8.0);
+         for (int i = 0; i < 5; ++i)
+             last = n.upsampling(last, 8.0);
      },
      {"Upsampling", "GiB"}},
 };
@@ -598,9 +609,10 @@ TEST_F(BadInput, ChannelsThatAPngOrACompositeCantHave) {
     NetBuilder net(small_header());
     net.conv(net.input(3), 2, 3, 1, 1);
     save(net);
-    expect_input_refused(picture, {"layer 1 (Conv2D)", "1 or 3 output channels", "found 2", ".npy"});
-    const Words words = {"run",         "--model", model, "--input", picture, "--composite",
-                         folder / "c.png"};
+    expect_input_refused(picture,
+                         {"layer 1 (Conv2D)", "1 or 3 output channels", "found 2", ".npy"});
+    const Words words = {"run",   "--model",     model,           "--input",
+                         picture, "--composite", folder / "c.png"};
     expect_refusal(run_tarno(words), 1, {"layer 1 (Conv2D)", "1 output channel", "found 2"});
 }
 

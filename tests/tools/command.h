@@ -62,7 +62,7 @@ void write_file(const std::string& path, const Bytes& bytes) {
 }
 
 struct Outcome {
-    int status = -1;        ///< exit status; -1 when a signal ended the process
+    int status = -1;  ///< exit status; -1 when a signal ended the process
     bool timed_out = false;
     std::string out;
     std::string err;
@@ -91,7 +91,8 @@ inline Outcome run_tarno(const std::vector<std::string>& arguments, int seconds 
     std::vector<std::string> words = {TARNO_COMMAND};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
+    for (std::string& word : words)
+        argv.push_back(word.data());
     argv.push_back(nullptr);
 
     const pid_t child = fork();

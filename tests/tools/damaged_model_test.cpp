@@ -1,8 +1,8 @@
 // Model files cut off and changed at random, through the command.
 //
-// A file that is cut between two records is a shorter model, and a changed weight is another weight:
-// such files may run. All others are refused in one line. None may crash, hang, or take memory out
-// of proportion.
+// A file that is cut between two records is a shorter model, and a changed weight is another
+// weight: such files may run. All others are refused in one line. None may crash, hang, or take
+// memory out of proportion.
 #include <gtest/gtest.h>
 #include <modelkit/net_builder.h>
 
@@ -70,10 +70,9 @@ protected:
         write_file(model, bytes);
         int refused = 0;
         const Outcome info = run_tarno({"info", model}, time_limit, enough_memory);
-        const Outcome run =
-            run_tarno({"run", "--model", model, "--input", input, "--output", out,
-                       "--memory-limit", "256M", "--work-limit", "50M"},
-                      time_limit, enough_memory);
+        const Outcome run = run_tarno({"run", "--model", model, "--input", input, "--output", out,
+                                       "--memory-limit", "256M", "--work-limit", "50M"},
+                                      time_limit, enough_memory);
         for (const Outcome* outcome : {&info, &run}) {
             if (outcome->status == 0) {
                 EXPECT_EQ(outcome->err, "");
@@ -120,10 +119,12 @@ TEST_F(DamagedModel, CutAnywhereIsRefusedButBetweenRecords) {
         EXPECT_GE(ends.size(), 5u);
         std::vector<size_t> sizes = {0, 1, 4, 500, 998, 999, 1000, 1001, 1002};
         for (const size_t end : ends) {
-            for (const size_t less : {1, 2, 3}) sizes.push_back(end - less);
+            for (const size_t less : {1, 2, 3})
+                sizes.push_back(end - less);
             if (end < whole.size()) sizes.insert(sizes.end(), {end + 1, end + 2, end + 4, end + 6});
         }
-        for (size_t size = 1003; size < whole.size(); size += 101) sizes.push_back(size);
+        for (size_t size = 1003; size < whole.size(); size += 101)
+            sizes.push_back(size);
         for (const size_t size : sizes) {
             const bool between = std::count(ends.begin(), ends.end(), size) != 0;
             const int refused =
@@ -149,7 +150,8 @@ TEST_F(DamagedModel, ChangedAnywhereIsRefusedOrRuns) {
             const int changes = 1 + static_cast<int>(below(3));
             for (int k = 0; k < changes; ++k) {
                 size_t at = below(whole.size());
-                if (engine() % 2 == 0) at = (ends[below(ends.size() - 1)] + below(60)) % whole.size();
+                if (engine() % 2 == 0)
+                    at = (ends[below(ends.size() - 1)] + below(60)) % whole.size();
                 const unsigned int kind = engine() % 4;
                 if (kind == 0) bytes[at] = static_cast<char>(bytes[at] ^ 1 << below(8));
                 if (kind == 1) bytes[at] = static_cast<char>(engine());
@@ -168,7 +170,8 @@ TEST_F(DamagedModel, EveryWordOfTheFirstRecordsBlownUp) {
     std::vector<size_t> words;
     size_t start = 1000;
     for (const size_t end : ends) {
-        for (size_t at = start; at + 1 < end && at < start + 46; at += 2) words.push_back(at);
+        for (size_t at = start; at + 1 < end && at < start + 46; at += 2)
+            words.push_back(at);
         start = end;
     }
     std::mt19937 engine(7);
@@ -190,9 +193,10 @@ TEST_F(DamagedModel, AHeaderWithAnAbsurdBaseSize) {
         std::string bytes = whole;
         bytes.replace(20, 4, value, 4);
         write_file(model, bytes);
-        expect_refusal(run_tarno({"bench", "--model", model, "--runs", "1", "--memory-limit", "16M"},
-                                 time_limit, enough_memory),
-                       1, {model, "expected", "found"});
+        expect_refusal(
+            run_tarno({"bench", "--model", model, "--runs", "1", "--memory-limit", "16M"},
+                      time_limit, enough_memory),
+            1, {model, "expected", "found"});
     }
 }
 

@@ -27,7 +27,8 @@ struct Pixels {
 
 inline std::string big_endian(uint32_t number) {
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) text += static_cast<char>(number >> shift & 0xff);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        text += static_cast<char>(number >> shift & 0xff);
     return text;
 }
 
@@ -36,7 +37,8 @@ inline std::string png_chunk(const std::string& type, const std::string& data) {
     uint32_t crc = 0xffffffff;
     for (const char c : body) {
         crc ^= static_cast<unsigned char>(c);
-        for (int bit = 0; bit < 8; ++bit) crc = crc & 1 ? crc >> 1 ^ 0xedb88320u : crc >> 1;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = crc & 1 ? crc >> 1 ^ 0xedb88320u : crc >> 1;
     }
     return big_endian(static_cast<uint32_t>(data.size())) + body + big_endian(~crc);
 }
@@ -96,7 +98,8 @@ inline Pixels pattern(int w, int h, int channels) {
 inline Pixels plain(int w, int h, const std::vector<int>& colour) {
     Pixels pixels{w, h, static_cast<int>(colour.size()), {}};
     for (int i = 0; i < w * h; ++i) {
-        for (const int value : colour) pixels.data.push_back(static_cast<unsigned char>(value));
+        for (const int value : colour)
+            pixels.data.push_back(static_cast<unsigned char>(value));
     }
     return pixels;
 }

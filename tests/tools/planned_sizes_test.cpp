@@ -33,10 +33,9 @@ std::string random_array(int c, int h, int w) {
     for (size_t i = 0; i < values.size(); ++i) {
         values[i] = static_cast<float>(i * 2654435761u % 1000) / 1000.0f;
     }
-    return npy_file("<f4",
-                    "(" + std::to_string(c) + ", " + std::to_string(h) + ", " + std::to_string(w) +
-                        ")",
-                    raw(values));
+    return npy_file(
+        "<f4", "(" + std::to_string(c) + ", " + std::to_string(h) + ", " + std::to_string(w) + ")",
+        raw(values));
 }
 
 /// The last file of a layer, which is behind its fused activation.
@@ -64,13 +63,12 @@ TEST_P(PlannedSizes, AreWhatTheLayersMake) {
 
     const Outcome info = run_tarno({"info", "--json", folder / "m.zqnet"});
     expect_success(info);
-    expect_success([&] {
-        Outcome run = run_tarno({"run", "--model", folder / "m.zqnet", "--input", folder / "in.npy",
-                                 "--all-layers", folder / "blobs"});
-        EXPECT_NE(run.out.find("wrote "), std::string::npos);
-        return run;
-    }());
-    for (const Json& layer : Json::parse(info.out)["layers"]) {
+    const Outcome run = run_tarno({"run", "--model", folder / "m.zqnet", "--input",
+                                   folder / "in.npy", "--all-layers", folder / "blobs"});
+    expect_success(run);
+    EXPECT_EQ(run.out.compare(0, 6, "wrote "), 0);
+    const Json json = Json::parse(info.out);
+    for (const Json& layer : json["layers"]) {
         const Array blob = read_array(blob_of(folder, layer["id"]));
         EXPECT_EQ(layer["shape"], Json({blob.c, blob.h, blob.w})) << layer.dump();
     }
@@ -80,7 +78,9 @@ const Case cases[] = {
     {"Conv3x3", 3, 13, 9, [](NetBuilder& n, int i) { n.conv(i, 4, 3, 1, 1, 2); }},
     {"Conv3x3Unpadded", 3, 13, 9, [](NetBuilder& n, int i) { n.conv(i, 4, 3, 1, 0); }},
     {"Conv3x3PaddedOneWay", 3, 13, 9,
-     [](NetBuilder& n, int i) { n.conv(i, 4, Window{3, 3, 1, 0, 1, 1}); }},
+     [](NetBuilder& n, int i) {
+         n.conv(i, 4, Window{3, 3, 1, 0, 1, 1});
+     }},
     {"Conv3x3PaddedTwice", 3, 13, 9, [](NetBuilder& n, int i) { n.conv(i, 4, 3, 1, 2); }},
     {"Conv3x3Stride2OfOddSize", 3, 13, 9, [](NetBuilder& n, int i) { n.conv(i, 4, 3, 2, 1); }},
     {"Conv1x1", 3, 13, 9, [](NetBuilder& n, int i) { n.conv(i, 4, 1, 1, 0, 4); }},
@@ -90,14 +90,17 @@ const Case cases[] = {
     {"Conv3x3Dilated", 3, 13, 9,
      [](NetBuilder& n, int i) { n.conv(i, 4, Window::square(3, 1, 2, 2)); }},
     {"Conv7x1Stride3x2", 3, 13, 9,
-     [](NetBuilder& n, int i) { n.conv(i, 4, Window{7, 1, 3, 0, 3, 2}); }},
+     [](NetBuilder& n, int i) {
+         n.conv(i, 4, Window{7, 1, 3, 0, 3, 2});
+     }},
     {"ConvGrouped", 4, 12, 8,
      [](NetBuilder& n, int i) { n.conv(i, 4, Window::square(3, 1, 1), 0, 2); }},
     {"Depthwise", 4, 13, 9, [](NetBuilder& n, int i) { n.depthwise(i, 3, 1, 1, 8); }},
-    {"DepthwiseStride2OfOddSize", 4, 13, 9,
-     [](NetBuilder& n, int i) { n.depthwise(i, 3, 2, 1); }},
+    {"DepthwiseStride2OfOddSize", 4, 13, 9, [](NetBuilder& n, int i) { n.depthwise(i, 3, 2, 1); }},
     {"DepthwiseUnpadded5x3", 4, 13, 9,
-     [](NetBuilder& n, int i) { n.depthwise(i, Window{5, 3, 0, 0, 1, 2}); }},
+     [](NetBuilder& n, int i) {
+         n.depthwise(i, Window{5, 3, 0, 0, 1, 2});
+     }},
     {"DepthwiseOfTwoFilters", 4, 13, 9,
      [](NetBuilder& n, int i) { n.depthwise(i, Window::square(3, 1, 1), 0, 2); }},
     {"Deconvolution3x3", 3, 7, 5, [](NetBuilder& n, int i) { n.deconvolution(i, 4, 3, 1, 1, 2); }},
@@ -112,11 +115,14 @@ const Case cases[] = {
     {"MaximumPooling", 3, 13, 9, [](NetBuilder& n, int i) { n.pooling(i, 1, 3, 2, 1); }},
     {"AveragePoolingOfOddSize", 3, 13, 9, [](NetBuilder& n, int i) { n.pooling(i, 0, 2, 2); }},
     {"PoolingPaddedOneWay", 3, 13, 9,
-     [](NetBuilder& n, int i) { n.pooling(i, 1, Window{3, 2, 1, 0, 1, 1}); }},
+     [](NetBuilder& n, int i) {
+         n.pooling(i, 1, Window{3, 2, 1, 0, 1, 1});
+     }},
     {"BatchNormalization", 3, 13, 9, [](NetBuilder& n, int i) { n.batchnorm(i); }},
     {"Activations", 3, 13, 9,
      [](NetBuilder& n, int i) {
-         for (const int kind : {1, 2, 3, 4, 6, 8}) i = n.activation(i, kind, 0.5, 0.25);
+         for (const int kind : {1, 2, 3, 4, 6, 8})
+             i = n.activation(i, kind, 0.5, 0.25);
      }},
     {"SoftMax", 5, 1, 1, [](NetBuilder& n, int i) { n.activation(i, 7); }},
     {"Region", 16, 11, 11, [](NetBuilder& n, int i) { n.region(i, 2, 4, 3); }},
@@ -128,9 +134,12 @@ const Case cases[] = {
          n.eltwise({a, b, a}, 2, 2);
      }},
     {"ConcatOfChannels", 3, 13, 9,
-     [](NetBuilder& n, int i) { n.concat({n.conv(i, 4, 3, 1, 1), i, n.conv(i, 2, 1, 1, 0)}); }},
+     [](NetBuilder& n, int i) {
+         n.concat({n.conv(i, 4, 3, 1, 1), i, n.conv(i, 2, 1, 1, 0)});
+     }},
     {"UpsamplingBy2", 4, 7, 5, [](NetBuilder& n, int i) { n.upsampling(i, 2.0); }},
-    {"UpsamplingBy2OfOddChannels", 3, 7, 5, [](NetBuilder& n, int i) { n.upsampling(i, 2.0, 1, 1); }},
+    {"UpsamplingBy2OfOddChannels", 3, 7, 5,
+     [](NetBuilder& n, int i) { n.upsampling(i, 2.0, 1, 1); }},
     {"UpsamplingBy8Aligned", 3, 7, 5, [](NetBuilder& n, int i) { n.upsampling(i, 8.0, 1, 1); }},
     {"UpsamplingBy4Nearest", 3, 7, 5, [](NetBuilder& n, int i) { n.upsampling(i, 4.0, 0); }},
     {"Dense", 3, 4, 2,

@@ -85,8 +85,8 @@ TEST_F(Run, AConvolutionOfAPictureIsWhatTheFormulaSays) {
                         if (sy < 0 || sy >= h || sx < 0 || sx >= w) continue;
                         for (int q = 0; q < in; ++q) {
                             const size_t at = static_cast<size_t>(((p * 3 + ky) * 3 + kx) * in + q);
-                            const double term = (pixels.at(sx, sy, q) - mean[q]) * norm[q] *
-                                                weights.weights[at];
+                            const double term =
+                                (pixels.at(sx, sy, q) - mean[q]) * norm[q] * weights.weights[at];
                             sum += term;
                             magnitude += std::fabs(term);
                         }
@@ -141,7 +141,8 @@ struct Conversion {
     int channels_in_file;
     const char* pixel_type;
     int channels;
-    std::vector<int> from;  ///< for each channel of the net the one of the file; -1 luminance, -2 255
+    std::vector<int>
+        from;  ///< for each channel of the net the one of the file; -1 luminance, -2 255
 };
 
 class Converts : public Run, public testing::WithParamInterface<Conversion> {};
@@ -163,32 +164,32 @@ TEST_P(Converts, ToTheOrderThatTheNetWants) {
         const int from = each.from[static_cast<size_t>(q)];
         for (int i = 0; i < 24; ++i) {
             const auto byte = [&](int k) { return static_cast<int>(pixels.at(i % 6, i / 6, k)); };
-            const int expected =
-                from == -2   ? 255
-                : from == -1 ? (77 * byte(0) + 150 * byte(1) + 29 * byte(2)) / 256
-                             : byte(from);
+            const int expected = from == -2   ? 255
+                                 : from == -1 ? (77 * byte(0) + 150 * byte(1) + 29 * byte(2)) / 256
+                                              : byte(from);
             EXPECT_EQ(result.values[static_cast<size_t>(q * 24 + i)], expected) << q << " " << i;
         }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Run, Converts,
-    testing::Values(Conversion{"RgbByChannels", 3, nullptr, 3, {0, 1, 2}},
-                    Conversion{"RgbToBgr", 3, "bgr", 3, {2, 1, 0}},
-                    Conversion{"RgbToGray", 3, "gray", 1, {-1}},
-                    Conversion{"RgbToRgba", 3, "rgba", 4, {0, 1, 2, -2}},
-                    Conversion{"RgbaByChannels", 4, nullptr, 4, {0, 1, 2, 3}},
-                    Conversion{"RgbaToRgb", 4, "rgb", 3, {0, 1, 2}},
-                    Conversion{"RgbaToBgr", 4, "bgr", 3, {2, 1, 0}},
-                    Conversion{"RgbaToGray", 4, nullptr, 1, {-1}},
-                    Conversion{"GrayByChannels", 1, nullptr, 1, {0}},
-                    Conversion{"GrayToRgb", 1, "rgb", 3, {0, 0, 0}},
-                    Conversion{"GrayToBgr", 1, "bgr", 3, {0, 0, 0}},
-                    Conversion{"GrayToRgba", 1, "rgba", 4, {0, 0, 0, -2}},
-                    Conversion{"GrayWithAlphaToRgb", 2, "rgb", 3, {0, 0, 0}},
-                    Conversion{"GrayWithAlphaToGray", 2, "grey", 1, {0}}),
-    [](const testing::TestParamInfo<Conversion>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Run, Converts,
+                         testing::Values(Conversion{"RgbByChannels", 3, nullptr, 3, {0, 1, 2}},
+                                         Conversion{"RgbToBgr", 3, "bgr", 3, {2, 1, 0}},
+                                         Conversion{"RgbToGray", 3, "gray", 1, {-1}},
+                                         Conversion{"RgbToRgba", 3, "rgba", 4, {0, 1, 2, -2}},
+                                         Conversion{"RgbaByChannels", 4, nullptr, 4, {0, 1, 2, 3}},
+                                         Conversion{"RgbaToRgb", 4, "rgb", 3, {0, 1, 2}},
+                                         Conversion{"RgbaToBgr", 4, "bgr", 3, {2, 1, 0}},
+                                         Conversion{"RgbaToGray", 4, nullptr, 1, {-1}},
+                                         Conversion{"GrayByChannels", 1, nullptr, 1, {0}},
+                                         Conversion{"GrayToRgb", 1, "rgb", 3, {0, 0, 0}},
+                                         Conversion{"GrayToBgr", 1, "bgr", 3, {0, 0, 0}},
+                                         Conversion{"GrayToRgba", 1, "rgba", 4, {0, 0, 0, -2}},
+                                         Conversion{"GrayWithAlphaToRgb", 2, "rgb", 3, {0, 0, 0}},
+                                         Conversion{"GrayWithAlphaToGray", 2, "grey", 1, {0}}),
+                         [](const testing::TestParamInfo<Conversion>& info) {
+                             return info.param.name;
+                         });
 
 /// Between pixel centres, the border repeated.
 double bilinear(const Pixels& pixels, int k, double x, double y) {
@@ -212,7 +213,8 @@ TEST_F(Run, APictureIsResizedToTheInput) {
     for (int q = 0; q < 3; ++q) {
         for (int y = 0; y < 6; ++y) {
             for (int x = 0; x < 10; ++x) {
-                // Integer weights of 13 bits and two cuts downwards: less than one and a half steps.
+                // Integer weights of 13 bits and two cuts downwards: less than one and a half
+                // steps.
                 EXPECT_NEAR(result.at(q, y, x),
                             bilinear(pixels, q, (x + 0.5) * 2 - 0.5, (y + 0.5) * 3 - 0.5), 1.5);
             }
@@ -227,7 +229,8 @@ TEST_F(Run, SizeChangesTheInput) {
     const Array result = read_array(array);
     EXPECT_EQ(result.h, 2);
     EXPECT_EQ(result.w, 4);
-    for (const float value : result.values) EXPECT_NEAR(value, 77.0f, 1.0f);
+    for (const float value : result.values)
+        EXPECT_NEAR(value, 77.0f, 1.0f);
 }
 
 TEST_F(Run, AJpegIsRead) {
@@ -248,8 +251,8 @@ TEST_F(Run, AJpegIsRead) {
 
 TEST_F(Run, AnArrayIsTakenAsItIs) {
     save_input_net(model, 2, 10, 6);
-    const std::vector<float> values = {-1.5f, 0.25f, 3.0f, 1e30f, 0.0f, -0.0f, 7.0f, 8.0f,
-                                       9.0f,  10.0f, 11.0f, 12.0f};
+    const std::vector<float> values = {-1.5f, 0.25f, 3.0f, 1e30f, 0.0f,  -0.0f,
+                                       7.0f,  8.0f,  9.0f, 10.0f, 11.0f, 12.0f};
     picture = folder / "in.npy";
     write_file(picture, npy_file("<f4", "(2, 2, 3)", raw(values)));
     expect_success(run({"--output", array}));
@@ -265,8 +268,7 @@ TEST_F(Run, DoublesAreRoundedAndBytesKept) {
     picture = folder / "in.npy";
     write_file(picture, npy_file("<f8", "(2, 2)", raw<double>({0.1, 1e300, -2.5, 0x1p-150})));
     expect_success(run({"--output", array}));
-    EXPECT_EQ(read_array(array).values,
-              (std::vector<float>{0.1f, INFINITY, -2.5f, 0.0f}));
+    EXPECT_EQ(read_array(array).values, (std::vector<float>{0.1f, INFINITY, -2.5f, 0.0f}));
     write_file(picture, npy_file("|u1", "(1, 2, 2)", raw<unsigned char>({0, 1, 128, 255})));
     expect_success(run({"--output", array}));
     EXPECT_EQ(read_array(array).values, (std::vector<float>{0, 1, 128, 255}));
@@ -291,8 +293,10 @@ public:
         std::vector<double> gates(4 * units);
         for (size_t row = 0; row < 4 * units; ++row) {
             double sum = static_cast<double>(record.b_ih[0][row]) + record.b_hh[0][row];
-            for (size_t k = 0; k < inputs; ++k) sum += record.w_ih[0][row * inputs + k] * double{x[k]};
-            for (size_t k = 0; k < units; ++k) sum += record.w_hh[0][row * units + k] * hidden[k];
+            for (size_t k = 0; k < inputs; ++k)
+                sum += record.w_ih[0][row * inputs + k] * double{x[k]};
+            for (size_t k = 0; k < units; ++k)
+                sum += record.w_hh[0][row * units + k] * hidden[k];
             gates[row] = sum;
         }
         const auto logistic = [](double v) { return 1.0 / (1.0 + std::exp(-v)); };
@@ -333,8 +337,7 @@ TEST_F(Run, RowsOfAnArrayAreTheTimeStepsOfAnLstm) {
         ReferenceLstm reference(record);
         for (int r = 0; r < repeat; ++r) {
             for (int t = 0; t < steps; ++t) {
-                const std::vector<double> expected =
-                    reference.step(values.data() + t * features);
+                const std::vector<double> expected = reference.step(values.data() + t * features);
                 for (int j = 0; r + 1 == repeat && j < hidden; ++j) {
                     // Sums of ten terms below 1, and functions of slope 1 at the most, over a few
                     // steps.
@@ -382,8 +385,7 @@ TEST_F(Run, APngOfOneChannelIsGreyAndClamped) {
     EXPECT_EQ(pixels.h, 2);
     EXPECT_EQ(pixels.channels, 1);
     EXPECT_EQ(pixels.data, (std::vector<unsigned char>{0, 255, 128, 0, 255, 0, 51, 26}));
-    EXPECT_EQ(outcome.out,
-              "wrote " + png + ": 1x2x4, -3.0000 to 7.0000, 1 not finite\n");
+    EXPECT_EQ(outcome.out, "wrote " + png + ": 1x2x4, -3.0000 to 7.0000, 1 not finite\n");
 }
 
 TEST_F(Run, APngOfThreeChannelsIsThePictureItself) {
@@ -402,7 +404,8 @@ TEST_F(Run, ResizeOutputBringsTheResultToTheSizeOfThePicture) {
     // Twice the size: the input net gets back about what it was made of.
     Pixels large{8, 4, 1, {}};
     for (int y = 0; y < 4; ++y) {
-        for (int x = 0; x < 8; ++x) large.data.push_back(small.at(x / 2, y / 2, 0));
+        for (int x = 0; x < 8; ++x)
+            large.data.push_back(small.at(x / 2, y / 2, 0));
     }
     write_file(picture, png_file(large));
     expect_success(run({"--output", array, "--norm", "1"}));
@@ -417,7 +420,8 @@ TEST_F(Run, ResizeOutputBringsTheResultToTheSizeOfThePicture) {
     ASSERT_EQ(result.w, 8);
     for (int y = 0; y < 4; ++y) {
         for (int x = 0; x < 8; ++x) {
-            EXPECT_NEAR(result.at(0, y, x), bilinear(fed, 0, (x + 0.5) / 2 - 0.5, (y + 0.5) / 2 - 0.5),
+            EXPECT_NEAR(result.at(0, y, x),
+                        bilinear(fed, 0, (x + 0.5) / 2 - 0.5, (y + 0.5) / 2 - 0.5),
                         255 * 8 * float_epsilon);
         }
     }
