@@ -95,7 +95,7 @@ TEST_P(Convolution3x3ContractTest, AFailedCheckRaisesTheAssertionInItsOwnUnit) {
     EXPECT_TRUE(top.empty());
     ASSERT_EQ(1u, assertions.count());
     EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.last().condition);
-    EXPECT_EQ(member.unit, assertions.last().source);
+    EXPECT_EQ(unit_of(member.name), assertions.last().source);
 }
 
 TEST(Convolution3x3Checks, M2RefusesAnOddHeight) {
@@ -264,8 +264,7 @@ TEST_P(Convolution3x3ContractTest, WeightsThatAreNotThereCountAsZero) {
             // A packed form of that size has no place for the weights that belong at its end.
             PoisoningAllocator blobs, workspace;
             const Mat top = run_3x3(member, p, blobs, workspace);
-            for (float value : values_of(top))
-                ASSERT_TRUE(std::isfinite(value));
+            for (float value : values_of(top)) ASSERT_TRUE(std::isfinite(value));
         }
     }
 }
@@ -303,8 +302,7 @@ TEST_P(Convolution3x3ContractTest, MoreOutputChannelsThanTheModelHasWeightsForGe
     const Mat top = run_3x3(member, p, blobs, workspace);
     const std::vector<float> values = planes_of_top(top);
     const size_t plane = values.size() / static_cast<size_t>(p.out);
-    for (size_t i = 0; i < values.size(); ++i)
-        ASSERT_EQ(p.bias[i / plane], values[i]);
+    for (size_t i = 0; i < values.size(); ++i) ASSERT_EQ(p.bias[i / plane], values[i]);
 }
 
 TEST_P(Convolution3x3ContractTest, TopMayBeBottomOrShareItsBlock) {
