@@ -100,7 +100,7 @@ TEST_P(Convolution3x3ContractTest, AFailedCheckRaisesTheAssertionInItsOwnUnit) {
     EXPECT_TRUE(top.empty());
     ASSERT_EQ(1u, assertions.count());
     EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.last().condition);
-    EXPECT_EQ(member.unit, assertions.last().source);
+    EXPECT_EQ(unit_of(member.name), assertions.last().source);
 }
 
 TEST(Convolution3x3Checks, M2RefusesAnOddHeight) {
