@@ -257,6 +257,91 @@ TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
     expect_refusal(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
 }
 
+/// A table of these classes, in this order.
+std::string table_of(const std::vector<std::string>& names) {
+    std::string text = "{\n";
+    for (const std::string& name : names) {
+        text += name == "nullptr" ? "{nullptr, 0, 0},\n"
+                                  : "{TarnoCPU::" + name + "_operator_creator, 0, 0},\n";
+    }
+    return text + "};\n";
+}
+
+TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
+    // Into fours behind the 1x1 convolution, through depthwise and sum, and out again.
+    write_file(table, table_of({"Input_Fallback", "Convolution_3x3s1_Float_SGEMM", "ReLU_Float_SSE",
+                                "Convolution_1x1s1_Float_SGEMM", "ReLU_Float_SSE_CHW_To_C4HW4",
+                                "Depthewise_Convolution_3x3s1_Float_SSE_C4HW4_M1", "ReLU_Float_SSE",
+                                "Elementwise_Float_SSE", "ReLU_Float_SSE_C4HW4_To_CHW",
+                                "Pooling_Float_Fallback", "Upsampling_Float_Fallback", "nullptr",
+                                "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"}));
+    const std::vector<float> by_rule = output_of({});
+    const std::vector<float> by_table = output_of({"--table", table});
+    ASSERT_EQ(by_rule.size(), by_table.size());
+    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+}
+
+TEST_F(Tune, AConcatJoinsBlocksOfFour) {
+    modelkit::ModelHeader header;
+    header.base_w = 32;
+    header.base_h = 32;
+    NetBuilder net(header, 4);
+    const int image = net.input(4);
+    const int first = net.conv(image, 8, 3, 1, 1, ActivationType_ReLU);
+    const int second = net.conv(first, 8, 1, 1, 0, ActivationType_ReLU);
+    net.conv(net.concat({first, second}), 8, 1, 1, 0, ActivationType_ReLU);
+    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+    const std::vector<std::string> names = {"Input_Fallback",
+                                            "Convolution_3x3s1_Float_SGEMM",
+                                            "ReLU_Float_SSE_CHW_To_C4HW4",
+                                            "Convolution_1x1s1_Float_SSE_C4HW4_M2",
+                                            "ReLU_Float_SSE",
+                                            "nullptr",
+                                            "Convolution_1x1s1_Float_SSE_C4HW4_M3",
+                                            "ReLU_Float_SSE_C4HW4_To_CHW"};
+    write_file(table, table_of(names));
+    const std::vector<float> by_rule = output_of({});
+    const std::vector<float> by_table = output_of({"--table", table});
+    ASSERT_EQ(by_rule.size(), by_table.size());
+    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+
+    std::vector<std::string> unfinished = names;
+    unfinished.back() = "ReLU_Float_SSE";
+    expect_refusal(table_of(unfinished), {"row 7", "expected a result in CHW"});
+}
+
+TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
+    struct Case {
+        modelkit::Window window;
+        int channels;
+        bool bias;
+        const char* name;
+        const char* reason;
+    };
+    using modelkit::Window;
+    const Case cases[] = {
+        {Window::square(3, 1, 0), 8, true, "Convolution_3x3s1_Float_SSE_M1", "padding of 1"},
+        {Window::square(3, 1, 1), 6, true, "Convolution_3x3s1_Float_SSE_M7", "divisible by 4"},
+        {Window::square(3, 1, 1), 8, false, "Convolution_3x3s1_Float_SSE_M1", "reads a bias"},
+        {Window::square(3, 2, 1), 8, true, "Convolution_3x3s2_Float_SSE_M1", "even sizes"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        modelkit::ModelHeader header;
+        header.base_w = 32;
+        header.base_h = c.window.stride_h == 2 ? 31 : 32;
+        NetBuilder net(header, 4);
+        net.conv(net.input(4), c.channels, c.window);
+        if (!c.bias) static_cast<ZQLayerInfo_Conv2D*>(net.record(1))->has_bias = 0;
+        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+        std::vector<float> values(static_cast<size_t>(4 * header.base_h * header.base_w), 0.5f);
+        write_file(input,
+                   npy_file("<f4", "(4, " + std::to_string(header.base_h) + ", 32)", raw(values)));
+        expect_refusal(table_of({"Input_Fallback", c.name}),
+                       {"row 1", "layer 1 (Conv2D)", c.reason});
+    }
+}
+
 TEST_F(Tune, NonsenseIsRefusedWithItsLine) {
     const std::string text = tuned();
     expect_refusal(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
