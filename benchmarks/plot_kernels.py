@@ -59,7 +59,8 @@ def main(arguments):
         axis.invert_yaxis()
         axis.set_xlim(left=0)
         axis.grid(axis="x", alpha=0.4)
-        axis.legend(fontsize=7, loc="lower right", title="channels, pixels", title_fontsize=7)
+        axis.legend(fontsize=7, loc="upper left", bbox_to_anchor=(1.01, 1.0), title="channels, pixels",
+                    title_fontsize=7)
     axes[-1, 0].set_xlabel("GFLOP/s")
     figure.tight_layout()
     figure.savefig(out, dpi=110)

@@ -148,6 +148,7 @@ TnDetectedCpu::~TnDetectedCpu() {
 void TnDetectedCpu::init(int model_count, const void* const* models) {
     if (model_count < 1 || models == nullptr) return;
     for (int i = 0; i < model_count; ++i) {
+        if (models[i] == nullptr) continue;
         model_paths.emplace_back(static_cast<const char*>(models[i]));
     }
     // A second call by a subclass drops the buffers.

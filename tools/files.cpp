@@ -132,10 +132,8 @@ std::string extension_of(const std::string& path) {
 
 OutputFiles::~OutputFiles() {
     std::error_code ignored;
-    for (const Staged& file : files)
-        fs::remove(file.temporary, ignored);
-    for (const Folder& folder : folders)
-        fs::remove_all(folder.staging, ignored);
+    for (const Staged& file : files) fs::remove(file.temporary, ignored);
+    for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
 }
 
 void OutputFiles::write(const std::string& path, const std::string& contents) {
@@ -199,8 +197,7 @@ void OutputFiles::commit() {
     }
     files.clear();
     std::error_code ignored;
-    for (const Folder& folder : folders)
-        fs::remove_all(folder.staging, ignored);
+    for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
     folders.clear();
 }
 

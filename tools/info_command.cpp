@@ -25,8 +25,7 @@ std::string side_text(int w, int h) {
 
 std::string joined(const std::vector<unsigned short>& ids) {
     std::string text;
-    for (const unsigned short id : ids)
-        text += (text.empty() ? "" : " ") + std::to_string(id);
+    for (const unsigned short id : ids) text += (text.empty() ? "" : " ") + std::to_string(id);
     return text;
 }
 

@@ -434,8 +434,7 @@ void size_tensor_reshape(const ZQLayerInfo_TensorReshape& record, const TensorSi
                          PlannedLayer& layer) {
     const int rank = std::min<int>(record.out_tensor.rank, 11);
     int dims = 0;
-    for (int i = 0; i < rank; ++i)
-        dims += record.out_tensor.dims[i] != 0 ? 1 : 0;
+    for (int i = 0; i < rank; ++i) dims += record.out_tensor.dims[i] != 0 ? 1 : 0;
     TensorSize top{1, 1, bottom.w};
     if (dims >= 2 && dims <= 4) {
         top.w = record.out_tensor.dims[dims - 1];
@@ -577,8 +576,7 @@ void describe_layer(const ZQLayerInfo& info, PlannedLayer& layer) {
     layer.id = info.id;
     layer.type = info.type;
     layer.kind = zq_layer_type_name(info.type);
-    for (int i = 0; i < info.bottom_count; ++i)
-        layer.bottoms.push_back(info.bottoms[i]);
+    for (int i = 0; i < info.bottom_count; ++i) layer.bottoms.push_back(info.bottoms[i]);
     switch (info.type) {
         case ZQLayerType_Input:
             layer.detail =

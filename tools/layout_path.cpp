@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <map>
+#include <string>
 
 namespace tool {
 namespace {
 
-// Layouts by blob: 'p' planes, 'f' fours, '-' for blobs that are not alive.
-using Node = std::vector<char>;
+// Layouts of the tensors that are alive, in the order of their blobs: 'p' planes, 'f' fours.
+using Node = std::string;
 
 char letter(Packing packing) {
     return packing == Packing::planes ? 'p' : 'f';
@@ -19,8 +20,9 @@ struct Reached {
     size_t way;
 };
 
-// More nodes than that only arise where very many tensors are alive at once: then the dearest go.
-constexpr size_t most_nodes = 4096;
+// Ten tensors alive at once, each in either layout. Beyond that the dearest nodes go, but for the
+// one with all tensors in planes: there is always a way on from it.
+constexpr size_t most_nodes = 1024;
 
 using Step = std::map<Node, Reached>;
 
@@ -31,7 +33,8 @@ void keep_cheapest(Step& step) {
     std::nth_element(costs.begin(), costs.begin() + most_nodes, costs.end());
     const double limit = costs[most_nodes];
     for (auto it = step.begin(); it != step.end();) {
-        it = it->second.cost > limit ? step.erase(it) : std::next(it);
+        const bool all_planes = it->first.find('f') == Node::npos;
+        it = it->second.cost > limit && !all_planes ? step.erase(it) : std::next(it);
     }
 }
 
@@ -48,25 +51,38 @@ std::vector<size_t> cheapest_path(const std::vector<PathLayer>& layers, size_t b
     }
 
     std::vector<Step> steps(layers.size() + 1);
-    steps[0][Node(blob_count, '-')] = {0.0, {}, 0};
+    steps[0][Node()] = {0.0, {}, 0};
+    std::vector<int> alive;  // blobs, in the order of a node's letters
     for (size_t i = 0; i < layers.size(); ++i) {
         const PathLayer& layer = layers[i];
-        const size_t top = static_cast<size_t>(layer.top);
-        for (const auto& [node, reached] : steps[i]) {
+        const bool top_is_read = read[static_cast<size_t>(layer.top)];
+        std::vector<size_t> bottoms;  // places in the node
+        for (const int blob : layer.bottoms) {
+            const auto place = std::find(alive.begin(), alive.end(), blob);
+            if (place == alive.end()) return {};  // reads what nobody made
+            bottoms.push_back(static_cast<size_t>(place - alive.begin()));
+        }
+        std::vector<int> next_alive;
+        std::vector<size_t> kept;
+        for (size_t k = 0; k < alive.size(); ++k) {
+            if (alive[k] == layer.top || last_reader[static_cast<size_t>(alive[k])] <= i) continue;
+            next_alive.push_back(alive[k]);
+            kept.push_back(k);
+        }
+        if (top_is_read) next_alive.push_back(layer.top);
+
+        for (const auto& entry : steps[i]) {
+            const Node& node = entry.first;
             for (size_t w = 0; w < layer.ways.size(); ++w) {
                 const PathLayer::Way& way = layer.ways[w];
-                const bool open = std::all_of(
-                    layer.bottoms.begin(), layer.bottoms.end(), [&, &from = node](int blob) {
-                        return from[static_cast<size_t>(blob)] == letter(way.in);
-                    });
-                if (!open || (!read[top] && way.out != Packing::planes)) continue;
-                Node next = node;
-                next[top] = letter(way.out);
-                for (const int blob : layer.bottoms) {
-                    const size_t b = static_cast<size_t>(blob);
-                    if (b != top && last_reader[b] == i) next[b] = '-';
-                }
-                const double cost = reached.cost + way.cost;
+                const bool open = std::all_of(bottoms.begin(), bottoms.end(), [&](size_t place) {
+                    return node[place] == letter(way.in);
+                });
+                if (!open || (!top_is_read && way.out != Packing::planes)) continue;
+                Node next;
+                for (const size_t k : kept) next += node[k];
+                if (top_is_read) next += letter(way.out);
+                const double cost = entry.second.cost + way.cost;
                 const auto found = steps[i + 1].find(next);
                 if (found == steps[i + 1].end() || cost < found->second.cost) {
                     steps[i + 1][next] = {cost, node, w};
@@ -75,6 +91,7 @@ std::vector<size_t> cheapest_path(const std::vector<PathLayer>& layers, size_t b
         }
         keep_cheapest(steps[i + 1]);
         if (steps[i + 1].empty()) return {};
+        alive = next_alive;
     }
 
     const auto end = std::min_element(

@@ -24,8 +24,10 @@ struct PathLayer {
 /// are results and must be planes. Empty when there is no path.
 ///
 /// A shortest path over the layers in their order; a node is the layouts of all tensors that a
-/// later layer still reads, so branches and skips are exact. Source: E. W. Dijkstra, "A note on two
-/// problems in connexion with graphs", 1959, which on this graph without cycles is one sweep.
+/// later layer still reads, so branches and skips are exact while at most ten of them are
+/// alive at once; beyond that the dearest are dropped on the way. Source: E. W. Dijkstra, "A note
+/// on two problems in connexion with graphs", 1959, which on this graph without cycles is one
+/// sweep.
 std::vector<size_t> cheapest_path(const std::vector<PathLayer>& layers, size_t blob_count);
 
 }  // namespace tool

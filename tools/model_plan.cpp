@@ -74,8 +74,7 @@ void Planner::run() {
     plan.base_w = options.base ? options.base->w : header_w != 0 ? header_w : default_base;
     plan.base_h = options.base ? options.base->h : header_h != 0 ? header_h : default_base;
     order = model.loader.getSequentialLayers();
-    for (const unsigned short id : order)
-        highest_id = std::max<int>(highest_id, id);
+    for (const unsigned short id : order) highest_id = std::max<int>(highest_id, id);
 
     const auto read_counts = model.loader.getLayersRCnt();
     for (const unsigned short id : order) {
@@ -85,8 +84,7 @@ void Planner::run() {
         layer.read_count = count != read_counts.end() ? count->second : 0;
         plan.layers.push_back(std::move(layer));
     }
-    for (size_t i = 0; i < plan.layers.size(); ++i)
-        plan_layer(i);
+    for (size_t i = 0; i < plan.layers.size(); ++i) plan_layer(i);
     std::sort(plan.inputs.begin(), plan.inputs.end(),
               [](const ModelInput& a, const ModelInput& b) { return a.index < b.index; });
 
@@ -230,8 +228,7 @@ void Planner::add_up() {
 void Planner::find_peak() {
     std::map<unsigned short, int> readers;
     for (const PlannedLayer& layer : plan.layers) {
-        for (const unsigned short bottom : layer.bottoms)
-            ++readers[bottom];
+        for (const unsigned short bottom : layer.bottoms) ++readers[bottom];
     }
     int64_t alive = 0;
     // The inputs are there from the start.

@@ -69,8 +69,7 @@ void subtract_mean_and_scale(TarnoCPU::Mat& tensor, const std::vector<float>& me
         const float m = of_channel(mean, q, 0.0f);
         const float n = of_channel(norm, q, 1.0f);
         float* x = tensor.ptr<float>() + q * plane;
-        for (int64_t i = 0; i < plane; ++i)
-            x[i] = (x[i] - m) * n;
+        for (int64_t i = 0; i < plane; ++i) x[i] = (x[i] - m) * n;
     }
 }
 
@@ -84,8 +83,7 @@ void check_count(const char* option, const std::vector<float>& values, const Mod
 
 std::string shape_text(const std::vector<int64_t>& shape) {
     std::string text;
-    for (const int64_t size : shape)
-        text += (text.empty() ? "" : "x") + std::to_string(size);
+    for (const int64_t size : shape) text += (text.empty() ? "" : "x") + std::to_string(size);
     return text;
 }
 

@@ -126,8 +126,7 @@ std::vector<float> values_of(const TarnoCPU::Mat& tensor, TensorSize& size) {
     values.reserve(static_cast<size_t>(size.elements()));
     for (int64_t q = 0; q < size.c; ++q) {
         const float* block = from + q / packing * shape.h * shape.w + q % packing;
-        for (int64_t i = 0; i < size.h * size.w; ++i)
-            values.push_back(block[i * packing]);
+        for (int64_t i = 0; i < size.h * size.w; ++i) values.push_back(block[i * packing]);
     }
     return values;
 }

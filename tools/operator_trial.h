@@ -39,7 +39,7 @@ std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task);
 
 /// Runs one operator on one task. The output is right where it differs from the default operator's
 /// by at most twice the bound: both are that far from the exact result at the most.
-Trial try_operator(const TarnoCPU::OperatorInfo& info, const TableSlot& slot, const LayerTask& task,
-                   Packing packing, const std::vector<double>& bounds);
+Trial try_operator(const TarnoCPU::OperatorInfo& info, const LayerTask& task, Packing packing,
+                   const std::vector<double>& bounds);
 
 }  // namespace tool

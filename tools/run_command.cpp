@@ -148,8 +148,7 @@ Picture background_of(const std::string& text, int w, int h) {
     unsigned char colour[3];
     if (parse_colour(text, colour)) {
         background.pixels.resize(pixels * 3);
-        for (size_t i = 0; i < pixels * 3; ++i)
-            background.pixels[i] = colour[i % 3];
+        for (size_t i = 0; i < pixels * 3; ++i) background.pixels[i] = colour[i % 3];
         return background;
     }
     const Picture picture = read_picture(text, 3);

@@ -71,14 +71,17 @@ void print_comparison(const NetComparison& comparison, bool json) {
         out["runs"] = comparison.runs;
         out["default_rule_ms"] = comparison.rule_ms;
         out["table_ms"] = comparison.table_ms;
+        out["ratio"] = comparison.table_ms > 0.0 ? comparison.rule_ms / comparison.table_ms : 0.0;
         out["layers"] = nlohmann::ordered_json::array();
         for (const NetComparison::Row& row : comparison.rows) {
-            out["layers"].push_back({{"id", row.id},
-                                     {"type", row.type},
-                                     {"default_operator", row.rule_operator},
-                                     {"default_ms", row.rule_ms},
-                                     {"table_operator", row.table_operator},
-                                     {"table_ms", row.table_ms}});
+            out["layers"].push_back(
+                {{"id", row.id},
+                 {"type", row.type},
+                 {"default_operator", row.rule_operator},
+                 {"default_ms", row.rule_ms},
+                 {"table_operator", row.table_operator},
+                 {"table_ms", row.table_ms},
+                 {"ratio", row.table_ms > 0.0 ? row.rule_ms / row.table_ms : 0.0}});
         }
         std::printf("%s\n", out.dump(2).c_str());
         return;

@@ -85,10 +85,15 @@ int describe(const ZQLayerInfo* record, TableSlot& slot) {
             slot.scale = static_cast<double>(Tarno::half_to_float(upsampling->scale));
             return 0;
         }
-        case ZQLayerType_FullConnection:
+        case ZQLayerType_FullConnection: {
+            // The sizes that count are the numbers in and out, however the tensors are shaped.
+            const auto* dense = static_cast<const ZQLayerInfo_FullConnection*>(record);
             slot.layer = "FullConnection";
-            slot.has_bias = static_cast<const ZQLayerInfo_FullConnection*>(record)->has_bias != 0;
+            slot.has_bias = dense->has_bias != 0;
+            slot.in = {dense->num_input, 1, 1};
+            slot.out = {dense->num_output, 1, 1};
             return 0;
+        }
         case ZQLayerType_LSTM:
             slot.layer = "LSTM";
             return 0;
@@ -146,6 +151,24 @@ std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
     if (info.kernel_w != 0 && (window.dilation_w > 1 || window.dilation_h > 1)) {
         return "is for kernels without dilation, the layer has one of " +
                pair_text(window.dilation_w, window.dilation_h);
+    }
+    // The hand-blocked 3x3 kernels walk a bottom with one pixel of border; their tiles divide it
+    // then.
+    const std::string name = info.name;
+    const bool hand_blocked =
+        name.find("_SSE_") != std::string::npos || name.find("_AVX2_") != std::string::npos;
+    if (hand_blocked && info.kernel_w == 3 && info.kernel_h == 3) {
+        if (window.pad_w != 1 || window.pad_h != 1) {
+            return "is for a padding of 1, the layer has one of " +
+                   pair_text(window.pad_w, window.pad_h);
+        }
+        if (info.stride == 2 && (slot.in.h % 2 != 0 || slot.in.w % 2 != 0)) {
+            return "is for even sizes, the layer has " + size_text(slot.in);
+        }
+    }
+    if (name.rfind("Depthewise_", 0) == 0 && slot.in.c != slot.out.c) {
+        return "is for one filter per channel, the layer makes " + std::to_string(slot.out.c) +
+               " channels of " + std::to_string(slot.in.c);
     }
     return "";
 }
@@ -215,6 +238,10 @@ std::string misfit(const OperatorInfo& info, const TableSlot& slot, Packing pack
         slot.in.c % 4 != 0) {
         return "packs channels in fours, the layer has " + std::to_string(slot.in.c);
     }
+    if (slot.layer == "Upsampling" && packing == Packing::fours && slot.scale != 2.0 &&
+        !(slot.scale == 4.0 && slot.mode == 0)) {
+        return "enlarges four channels side by side twice, or four times without interpolation";
+    }
     if (slot.layer == "Pooling" && std::strstr(info.name, "Average") != nullptr && slot.mode != 0) {
         return "averages, the layer takes the maximum";
     }
@@ -259,7 +286,7 @@ bool machine_has(OperatorInfo::InstructionSet set) {
         case OperatorInfo::InstructionSet::FMA:
             return __builtin_cpu_supports("fma") != 0;
         default:
-            return __builtin_cpu_supports("avx2") != 0;
+            return __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0;
     }
 }
 

@@ -20,11 +20,9 @@ void TextTable::rule() {
 
 std::string TextTable::text() const {
     std::vector<size_t> widths;
-    for (const Column& column : columns)
-        widths.push_back(column.title.size());
+    for (const Column& column : columns) widths.push_back(column.title.size());
     for (const auto& row : rows) {
-        for (size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], row[i].size());
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     }
 
     std::string text;
@@ -41,8 +39,7 @@ std::string TextTable::text() const {
     };
     const auto add_rule = [&] {
         size_t width = columns.empty() ? 0 : 2 * (columns.size() - 1);
-        for (const size_t w : widths)
-            width += w;
+        for (const size_t w : widths) width += w;
         text += std::string(width, '-') + '\n';
     };
 

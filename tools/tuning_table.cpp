@@ -76,7 +76,7 @@ TuningTable read_tuning_table(const std::string& path) {
         if (line.empty()) continue;
         if (where == before) {
             // The declaration ahead of the brace is the host's: it may have another name there.
-            if (line == "{") where = inside;
+            if (line.back() == '{') where = inside;
         } else if (where == inside && line == "};") {
             where = behind;
         } else if (where == inside) {
@@ -145,6 +145,11 @@ std::vector<TarnoCPU::LayerInferenceConfig> checked_configs(const TuningTable& t
             configs.push_back({info->creator, row.top_frac_bits, row.weight_frac_bits});
         }
         packings[slot.id] = packing;
+        const bool last_of_layer = i + 1 == slots.size() || slots[i + 1].id != slot.id;
+        if (last_of_layer && packing == Packing::fours &&
+            plan.layers[*plan.find(slot.id)].read_count == 0) {
+            fail("expected a result in CHW, found C4HW4");
+        }
     }
     return configs;
 }

@@ -18,6 +18,7 @@ bool Convolution_Float_Fallback::check_forward(const TensorShape& shape) {
 
 int Convolution_Float_Fallback::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!data.ready_for(bottom)) return -100;
     Mat padded;
     if (data.params.make_padded(bottom, padded, opt) != 0) return -100;

@@ -20,6 +20,7 @@ bool ConvolutionDepthwise_Float_Fallback::check_forward(const TensorShape& shape
 
 int ConvolutionDepthwise_Float_Fallback::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!data.ready_for(bottom)) return -100;
     const ConvolutionParams& params = data.params;
     Mat padded;

@@ -114,11 +114,13 @@ void multiply_guarded(const Mat& bottom, Mat& top, const ReadableFloats& weights
     const ReadableFloats in(bottom);
     const int64_t plane = int64_t{bottom.shape.h} * bottom.shape.w;
     const int64_t blocks = (int64_t{num_input} - 1) / 8 + 1;
+    // Blocks that lie behind the end of the scratch as a whole read as 0.
+    const int64_t channels = 8 * std::min(blocks, in.count / (8 * plane) + 1);
     float* out = top.ptr<float>();
     for (int64_t p = 0; p < top.shape.c; ++p) {
         for (int64_t i = 0; i < plane; ++i) {
             float sum = 0.0f;
-            for (int64_t q = 0; q < 8 * blocks; ++q) {
+            for (int64_t q = 0; q < channels; ++q) {
                 const int64_t place = (q / 8 * plane + i) * 8 + q % 8;
                 if (place < in.count) sum += in[q * plane + i] * weights[p * num_input + q];
             }
@@ -137,6 +139,7 @@ bool Convolution_1x1s1_Float_C8HW8_AVX2_M1::check_forward(const TensorShape& sha
 
 int Convolution_1x1s1_Float_C8HW8_AVX2_M1::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS_NO_HYPHEN(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!ready_for(bottom) || !make_top(bottom, params.num_output, 1, top, opt)) return -100;
     // Bottom's shape in one row, with room to start at a multiple of 32: a vector that crosses a
     // line of the cache costs a second load.

@@ -8,6 +8,7 @@ TN_DEFINE_OPERATOR_CREATOR(Convolution_1x1s1_Float_SSE_C4HW4_M2)
 
 int Convolution_1x1s1_Float_SSE_C4HW4_M2::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS_NO_HYPHEN(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     return convolve(bottom, top, opt, c4hw4_in_register());
 }
 

@@ -49,6 +49,7 @@ bool Convolution_1x1s1_Float_SSE_M5::check_forward(const TensorShape& shape) {
 
 int Convolution_1x1s1_Float_SSE_M5::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     return convolve(bottom, top, opt, &add_products_of_2x2);
 }
 

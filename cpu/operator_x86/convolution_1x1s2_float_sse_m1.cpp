@@ -92,6 +92,7 @@ bool Convolution_1x1s2_Float_SSE_M1::check_forward(const TensorShape& shape) {
 
 int Convolution_1x1s2_Float_SSE_M1::forward(const Mat& bottom, Mat& top, const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     if (!ready_for(bottom) || !make_top(bottom, params.num_output, 2, top, opt)) return -100;
 
     const int inputs = bottom.shape.c;

@@ -10,6 +10,7 @@ TN_DEFINE_OPERATOR_CREATOR(Depthewise_Convolution_3x3s2_Float_SSE_M3)
 int Depthewise_Convolution_3x3s2_Float_SSE_M3::forward(const Mat& bottom, Mat& top,
                                                        const Option& opt) {
     TN_FORWARD_PRECONDITIONS(check_forward(bottom.shape));
+    if (is_same_block(bottom, top)) return forward_apart(*this, bottom, top, opt);
     return convolve(bottom, top, opt, lanes_at_stride_2<4, 4>());
 }
 

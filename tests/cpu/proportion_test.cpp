@@ -252,6 +252,45 @@ TEST(OneObject, AsBottomAndTopGivesWhatTwoGive) {
     }
 }
 
+TEST(OneObject, ServesTheHandBlockedConvolutionsToo) {
+    size_t count = 0;
+    const OperatorInfo* rows = operator_list(&count);
+    int tried = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string layer = rows[i].layer;
+        const bool convolution = layer == "Convolution" || layer == "ConvolutionDepthWise";
+        if (!convolution || rows[i].layout_in != OperatorInfo::Layout::CHW) continue;
+        SCOPED_TRACE(rows[i].name);
+        const int kernel_h = std::max(1, rows[i].kernel_h),
+                  kernel_w = std::max(1, rows[i].kernel_w);
+        const bool depthwise = layer == "ConvolutionDepthWise";
+        ParamDict pd;
+        pd.set(0, 16);
+        pd.set(1, kernel_w);
+        pd.set(2, kernel_h);
+        pd.set(3, 1);
+        pd.set(5, std::max(1, rows[i].stride));
+        pd.set(7, kernel_w / 2);
+        pd.set(8, kernel_h / 2);
+        pd.set(9, 1);
+        const int weight_count = 16 * (depthwise ? 1 : 16) * kernel_h * kernel_w;
+        pd.set(10, weight_count);
+        pd.set(11, 16);
+        pd.set(12, 16);
+        const std::vector<float> weights = random_floats(static_cast<size_t>(weight_count), 9);
+        auto op = make_operator(rows[i].name);
+        ASSERT_EQ(0, op->load(pd, ModelBinFromTarnoWeightBias(weights.data(), weights.data()),
+                              {nullptr, 0, 0}));
+        Mat mat = random_tensor(16, 32, 32, 10);
+        Mat apart;
+        ASSERT_EQ(0, op->forward(mat, apart, Option()));
+        ASSERT_EQ(0, op->forward(mat, mat, Option()));
+        EXPECT_EQ(values_of(apart), values_of(mat));
+        ++tried;
+    }
+    EXPECT_GT(tried, 40);
+}
+
 TEST(WrongTables, AnOperatorOfAnotherKindReadsZerosBehindTheWeights) {
     NetBuilder builder;
     builder.conv(builder.input(1), 16, 1, 1, 0);

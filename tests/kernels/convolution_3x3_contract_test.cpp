@@ -51,7 +51,12 @@ TEST_P(Convolution3x3ContractTest, StandsInTheListWithItsTile) {
     EXPECT_EQ(member.stride, row->stride);
     EXPECT_EQ(member.needs_outputs_in_fours ? 4 : member.outputs, row->output_multiple);
     EXPECT_EQ(member.lanes_of_input() ? 4 : 1, row->input_multiple);
-    EXPECT_EQ(member.rows == 1 ? 1 : member.rows * member.stride, row->height_multiple);
+    // The border at the top and left is one row only for an even height: of an odd one it makes
+    // none and the result is another than the reference's.
+    const int rows = member.top_left_border && member.rows == 1 ? 2
+                     : member.rows == 1                         ? 1
+                                                                : member.rows * member.stride;
+    EXPECT_EQ(rows, row->height_multiple);
     EXPECT_EQ(member.columns == 1 ? 1 : member.columns * member.stride, row->width_multiple);
     EXPECT_EQ(OperatorInfo::Bias::Needed, row->bias);
     EXPECT_EQ(member.name, make_operator(member.name)->name());
@@ -95,7 +100,7 @@ TEST_P(Convolution3x3ContractTest, AFailedCheckRaisesTheAssertionInItsOwnUnit) {
     EXPECT_TRUE(top.empty());
     ASSERT_EQ(1u, assertions.count());
     EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.last().condition);
-    EXPECT_EQ(member.unit, assertions.last().source);
+    EXPECT_EQ(unit_of(member.name), assertions.last().source);
 }
 
 TEST(Convolution3x3Checks, M2RefusesAnOddHeight) {
@@ -264,8 +269,7 @@ TEST_P(Convolution3x3ContractTest, WeightsThatAreNotThereCountAsZero) {
             // A packed form of that size has no place for the weights that belong at its end.
             PoisoningAllocator blobs, workspace;
             const Mat top = run_3x3(member, p, blobs, workspace);
-            for (float value : values_of(top))
-                ASSERT_TRUE(std::isfinite(value));
+            for (float value : values_of(top)) ASSERT_TRUE(std::isfinite(value));
         }
     }
 }
@@ -303,8 +307,7 @@ TEST_P(Convolution3x3ContractTest, MoreOutputChannelsThanTheModelHasWeightsForGe
     const Mat top = run_3x3(member, p, blobs, workspace);
     const std::vector<float> values = planes_of_top(top);
     const size_t plane = values.size() / static_cast<size_t>(p.out);
-    for (size_t i = 0; i < values.size(); ++i)
-        ASSERT_EQ(p.bias[i / plane], values[i]);
+    for (size_t i = 0; i < values.size(); ++i) ASSERT_EQ(p.bias[i / plane], values[i]);
 }
 
 TEST_P(Convolution3x3ContractTest, TopMayBeBottomOrShareItsBlock) {

@@ -76,6 +76,20 @@ TEST_P(Convolution3x3Test, IsTheConvolutionOnPaperOnALargePlane) {
     expect_on_paper(member, p);
 }
 
+TEST_P(Convolution3x3Test, AgreesWithThePlainConvolutionUpToTheOrderOfTheSum) {
+    SCOPED_TRACE(seed);
+    const Member3x3& member = GetParam();
+    const ConvolutionProblem p = problem_3x3(member, 12, 8, bottom_size(member, member.rows, 3, 1),
+                                             bottom_size(member, member.columns, 3, 1), 1, 1, seed);
+    PoisoningAllocator blobs, workspace;
+    const Mat top = run_3x3(member, p, blobs, workspace);
+    ConvolutionProblem plain_problem = p;
+    Mat plain;
+    ASSERT_EQ(0, loaded_operator("Convolution_Float_Fallback", p)
+                     ->forward(plain_problem.bottom_view(), plain, get_default_option()));
+    expect_same_sums(sums_on_paper(member, p), values_of(plain), planes_of_top(top));
+}
+
 TEST_P(Convolution3x3Test, AddsMarginsOfDifferentSizes) {
     SCOPED_TRACE(seed);
     const Member3x3& member = GetParam();

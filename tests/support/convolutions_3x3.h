@@ -4,6 +4,7 @@
 
 #include <ostream>
 
+#include "support/blocked_convolutions.h"
 #include "support/matrix_convolutions.h"
 
 namespace testing_support {
@@ -16,7 +17,6 @@ struct Member3x3 {
         Blocks,  ///< tensors in `C4HW4`
     };
     const char* name;
-    const char* unit;
     int stride;
     int outputs, rows, columns;  ///< the tile of one step
     Input input;
@@ -26,7 +26,9 @@ struct Member3x3 {
     bool fused = false;
 
     bool lanes_of_input() const { return input != Input::Planes; }
-    bool runs_here() const { return !fused || __builtin_cpu_supports("fma") != 0; }
+    bool runs_here() const {
+        return !fused || machine_has(TarnoCPU::OperatorInfo::InstructionSet::FMA);
+    }
 };
 
 inline void PrintTo(const Member3x3& member, std::ostream* out) {
@@ -34,42 +36,27 @@ inline void PrintTo(const Member3x3& member, std::ostream* out) {
 }
 
 inline const Member3x3 members_3x3[] = {
-    {"Convolution_3x3s1_Float_SSE_M1", "convolution_3x3s1_float_sse_m1", 1, 1, 4, 4,
-     Member3x3::Input::Planes, false, false},
-    {"Convolution_3x3s1_Float_SSE_M2", "convolution_3x3s1_float_sse_m2", 1, 4, 4, 4,
-     Member3x3::Input::Planes, true, true},
-    {"Convolution_3x3s1_Float_SSE_M3", "convolution_3x3s1_float_sse_m3", 1, 1, 8, 8,
-     Member3x3::Input::Planes, false, false},
-    {"Convolution_3x3s1_Float_SSE_M4", "convolution_3x3s1_float_sse_m4", 1, 4, 4, 4,
-     Member3x3::Input::Planes, false, false},
-    {"Convolution_3x3s1_Float_SSE_M5", "convolution_3x3s1_float_sse_m5", 1, 1, 2, 4,
-     Member3x3::Input::Fours, true, true},
-    {"Convolution_3x3s1_Float_SSE_M6", "convolution_3x3s1_float_sse_m6", 1, 1, 1, 1,
-     Member3x3::Input::Fours, true, false},
-    {"Convolution_3x3s1_Float_SSE_M7", "convolution_3x3s1_float_sse_m7", 1, 4, 1, 1,
-     Member3x3::Input::Fours, true, false},
-    {"Convolution_3x3s1_Float_SSE_M8", "convolution_3x3s1_float_sse_m8", 1, 4, 2, 2,
-     Member3x3::Input::Fours, true, true},
-    {"Convolution_3x3s1_Float_SSE_M9", "convolution_3x3s1_float_sse_m9", 1, 1, 2, 2,
-     Member3x3::Input::Fours, true, false},
-    {"Convolution_3x3s1_Float_SSE_M10", "convolution_3x3s1_float_sse_m10", 1, 1, 1, 4,
-     Member3x3::Input::Planes, false, false},
-    {"Convolution_3x3s1_Float_SSE_C4HW4_M1", "convolution_3x3s1_float_sse_c4hw4_m1", 1, 4, 1, 1,
-     Member3x3::Input::Blocks, false, false},
-    {"Convolution_3x3s2_Float_SSE_M1", "convolution_3x3s2_float_sse_m1", 2, 1, 1, 4,
-     Member3x3::Input::Planes, false, false, true},
-    {"Convolution_3x3s2_Float_SSE_M2", "convolution_3x3s2_float_sse_m2", 2, 1, 4, 4,
-     Member3x3::Input::Planes, false, false, true},
-    {"Convolution_3x3s2_Float_SSE_M3", "convolution_3x3s2_float_sse_m3", 2, 1, 4, 4,
-     Member3x3::Input::Fours, true, true},
-    {"Convolution_3x3s2_Float_SSE_M4", "convolution_3x3s2_float_sse_m4", 2, 1, 1, 4,
-     Member3x3::Input::Planes, false, false, false, true},
-    {"Convolution_3x3s2_Float_SSE_M5", "convolution_3x3s2_float_sse_m5", 2, 1, 2, 4,
-     Member3x3::Input::Planes, false, false, false, true},
-    {"Convolution_3x3s2_Float_SSE_M6", "convolution_3x3s2_float_sse_m6", 2, 1, 4, 4,
-     Member3x3::Input::Fours, true, true, false, true},
-    {"Convolution_3x3s2_Float_SSE_C4HW4_M1", "convolution_3x3s2_float_sse_c4hw4_m1", 2, 4, 1, 1,
-     Member3x3::Input::Blocks, false, false},
+    {"Convolution_3x3s1_Float_SSE_M1", 1, 1, 4, 4, Member3x3::Input::Planes, false, false},
+    {"Convolution_3x3s1_Float_SSE_M2", 1, 4, 4, 4, Member3x3::Input::Planes, true, true},
+    {"Convolution_3x3s1_Float_SSE_M3", 1, 1, 8, 8, Member3x3::Input::Planes, false, false},
+    {"Convolution_3x3s1_Float_SSE_M4", 1, 4, 4, 4, Member3x3::Input::Planes, false, false},
+    {"Convolution_3x3s1_Float_SSE_M5", 1, 1, 2, 4, Member3x3::Input::Fours, true, true},
+    {"Convolution_3x3s1_Float_SSE_M6", 1, 1, 1, 1, Member3x3::Input::Fours, true, false},
+    {"Convolution_3x3s1_Float_SSE_M7", 1, 4, 1, 1, Member3x3::Input::Fours, true, false},
+    {"Convolution_3x3s1_Float_SSE_M8", 1, 4, 2, 2, Member3x3::Input::Fours, true, true},
+    {"Convolution_3x3s1_Float_SSE_M9", 1, 1, 2, 2, Member3x3::Input::Fours, true, false},
+    {"Convolution_3x3s1_Float_SSE_M10", 1, 1, 1, 4, Member3x3::Input::Planes, false, false},
+    {"Convolution_3x3s1_Float_SSE_C4HW4_M1", 1, 4, 1, 1, Member3x3::Input::Blocks, false, false},
+    {"Convolution_3x3s2_Float_SSE_M1", 2, 1, 1, 4, Member3x3::Input::Planes, false, false, true},
+    {"Convolution_3x3s2_Float_SSE_M2", 2, 1, 4, 4, Member3x3::Input::Planes, false, false, true},
+    {"Convolution_3x3s2_Float_SSE_M3", 2, 1, 4, 4, Member3x3::Input::Fours, true, true},
+    {"Convolution_3x3s2_Float_SSE_M4", 2, 1, 1, 4, Member3x3::Input::Planes, false, false, false,
+     true},
+    {"Convolution_3x3s2_Float_SSE_M5", 2, 1, 2, 4, Member3x3::Input::Planes, false, false, false,
+     true},
+    {"Convolution_3x3s2_Float_SSE_M6", 2, 1, 4, 4, Member3x3::Input::Fours, true, true, false,
+     true},
+    {"Convolution_3x3s2_Float_SSE_C4HW4_M1", 2, 4, 1, 1, Member3x3::Input::Blocks, false, false},
 };
 
 inline std::vector<Member3x3> members_3x3_where(bool (*wanted)(const Member3x3& member)) {
@@ -141,43 +128,25 @@ struct Bottom3x3 {
     Bottom3x3(const Member3x3& member, const ConvolutionProblem& p)
         : data(p.bottom), shape(chw(p.in, p.h, p.w)) {
         if (member.input != Member3x3::Input::Blocks) return;
-        shape = {TarnoCPU::TensorShape::C4HW4, p.in / 4, p.h, p.w * 4, 4};
+        shape = c4hw4(p.in, p.h, p.w);
         data.resize(static_cast<size_t>(shape.total()));
-        for (size_t i = 0; i < data.size(); ++i) {
-            const size_t q = i / (4u * p.h * p.w) * 4 + i % 4;
-            data[i] = p.bottom[q * p.h * p.w + i / 4 % (static_cast<size_t>(p.h) * p.w)];
-        }
+        data = to_blocks(data, shape.c * 4, p.h, p.w);
     }
     TarnoCPU::Mat view() { return TarnoCPU::Mat(shape, data.data(), nullptr); }
 };
 
 /// The numbers of top plane by plane.
 inline std::vector<float> planes_of_top(const TarnoCPU::Mat& top) {
-    std::vector<float> values = values_of(top);
-    if (top.shape.layout != TarnoCPU::TensorShape::C4HW4) return values;
-    const size_t pixels = static_cast<size_t>(top.shape.h) * top.shape.w / 4;
-    std::vector<float> planes(values.size());
-    for (size_t i = 0; i < values.size(); ++i)
-        planes[(i / (4 * pixels) * 4 + i % 4) * pixels + i / 4 % pixels] = values[i];
-    return planes;
+    const TarnoCPU::TensorShape& shape = top.shape;
+    if (shape.layout != TarnoCPU::TensorShape::C4HW4) return values_of(top);
+    return to_planes(values_of(top), shape.c * 4, shape.h, shape.w / 4);
 }
 
-inline void expect_planes(const ExactTensor& exact, const std::vector<int64_t>& terms,
-                          const Member3x3& member, const TarnoCPU::Mat& top) {
-    if (member.input == Member3x3::Input::Blocks) {
-        ASSERT_EQ(TarnoCPU::TensorShape(TarnoCPU::TensorShape::C4HW4, exact.c / 4, exact.h,
-                                        exact.w * 4, 4),
-                  top.shape);
-    } else {
-        ASSERT_EQ(chw(exact.c, exact.h, exact.w), top.shape);
-    }
-    const std::vector<float> values = planes_of_top(top);
-    ASSERT_EQ(exact.value.size(), values.size());
-    for (size_t i = 0; i < values.size(); ++i) {
-        ASSERT_LE(std::abs(static_cast<double>(values[i]) - exact.value[i]),
-                  sum_error_bound(terms[i], exact.magnitude[i]))
-            << "element " << i << ": " << values[i] << " for " << exact.value[i];
-    }
+/// `sums` are c planes of h rows of w pixels.
+inline void expect_top(const std::vector<ExactSum>& sums, int c, int h, int w,
+                       const Member3x3& member, const TarnoCPU::Mat& top) {
+    ASSERT_EQ(member.input == Member3x3::Input::Blocks ? c4hw4(c, h, w) : chw(c, h, w), top.shape);
+    expect_sums(sums, planes_of_top(top));
 }
 
 /// One run with blocks of NaN behind every allocation.
@@ -193,15 +162,22 @@ inline TarnoCPU::Mat run_3x3(const Member3x3& member, const ConvolutionProblem& 
     return top;
 }
 
+inline std::vector<ExactSum> sums_on_paper(const Member3x3& member, const ConvolutionProblem& p) {
+    const Margins3x3 margins = margins_of(member, p);
+    const ExactTensor exact = convolution_on_paper(p, out_height(member, p), out_width(member, p),
+                                                   margins.top, margins.left);
+    std::vector<ExactSum> sums;
+    for (size_t i = 0; i < exact.value.size(); ++i)
+        sums.push_back({exact.value[i], exact.magnitude[i], exact.terms});
+    return sums;
+}
+
 /// What the convolution is on paper, with zeros around bottom.
 inline void expect_on_paper(const Member3x3& member, const ConvolutionProblem& p) {
     PoisoningAllocator blobs, workspace;
     const TarnoCPU::Mat top = run_3x3(member, p, blobs, workspace);
-    const Margins3x3 margins = margins_of(member, p);
-    const ExactTensor exact = convolution_on_paper(p, out_height(member, p), out_width(member, p),
-                                                   margins.top, margins.left);
-    const std::vector<int64_t> terms(exact.value.size(), exact.terms);
-    expect_planes(exact, terms, member, top);
+    expect_top(sums_on_paper(member, p), p.out, out_height(member, p), out_width(member, p), member,
+               top);
 }
 
 /// The walk of the member over flat blocks, whatever the shape: a tile is read as a whole, added to
@@ -209,11 +185,7 @@ inline void expect_on_paper(const Member3x3& member, const ConvolutionProblem& p
 /// tiles of an output channel (or of as many as a step has) follow the filling of their channels
 /// with the bias. `memory` is top's block.
 struct FlatWalk {
-    struct Number {
-        double value = 0.0, magnitude = 0.0;
-        int64_t terms = 0;
-    };
-    std::vector<Number> memory;
+    std::vector<ExactSum> memory;
     int c, h, w;
 
     FlatWalk(const Member3x3& member, const ConvolutionProblem& p)
@@ -262,9 +234,9 @@ private:
     void step(const Member3x3& member, const ConvolutionProblem& p,
               const std::vector<double>& input, const FlatPlanes& planes, int depth, int g,
               int first, int y, int x) {
-        std::vector<Number> tile;
+        std::vector<ExactSum> tile;
         for_tile(member, first, y, x, [&](int o, int i, int j, int64_t place) {
-            Number sum;
+            ExactSum sum;
             if (place < static_cast<int64_t>(memory.size()))
                 sum = memory[static_cast<size_t>(place)];
             for (int tap = 0; tap < 9; ++tap) {
@@ -277,9 +249,7 @@ private:
                         (static_cast<size_t>(o) * p.in + g * depth + lane) * 9 + tap;
                     const double term = (in < input.size() ? input[in] : 0.0) *
                                         (weight < p.weights.size() ? p.weights[weight] : 0.0);
-                    sum.value += term;
-                    sum.magnitude += std::abs(term);
-                    ++sum.terms;
+                    sum.add(term);
                 }
             }
             tile.push_back(sum);
@@ -298,14 +268,7 @@ inline void expect_on_flat_blocks(const Member3x3& member, const ConvolutionProb
     PoisoningAllocator blobs, workspace;
     const TarnoCPU::Mat top = run_3x3(member, p, blobs, workspace);
     const FlatWalk walk(member, p);
-    ExactTensor exact(walk.c, walk.h, walk.w, 0);
-    std::vector<int64_t> terms;
-    for (size_t i = 0; i < walk.memory.size(); ++i) {
-        exact.value[i] = walk.memory[i].value;
-        exact.magnitude[i] = walk.memory[i].magnitude;
-        terms.push_back(walk.memory[i].terms);
-    }
-    expect_planes(exact, terms, member, top);
+    expect_top(walk.memory, walk.c, walk.h, walk.w, member, top);
 }
 
 }  // namespace testing_support

@@ -133,6 +133,47 @@ TEST_F(Tune, ThePrintedTableCompiles) {
     EXPECT_EQ(0, std::system(command.c_str()));
 }
 
+TEST_F(Tune, LayersOfAllSortsRoundTrip) {
+    modelkit::ModelHeader header;
+    header.base_w = 30;
+    header.base_h = 30;
+    NetBuilder net(header, 5);
+    const int image = net.input(4);
+    const int odd = net.conv(image, 8, 3, 1, 0, ActivationType_ReLU6);
+    const int halved = net.conv(odd, 8, 3, 2, 1, ActivationType_LeakyReLU);
+    const int wide = net.depthwise(halved, modelkit::Window::square(3, 1, 1), 0, 2);
+    const int line =
+        net.conv(wide, 8, modelkit::Window{3, 1, 1, 0, 1, 1, 1, 1}, ActivationType_ReLU);
+    const int up = net.upsampling(line, 2.0, 0);
+    net.conv(up, 4, 1, 1, 0, ActivationType_Tanh);
+    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+    std::vector<float> values(4 * 30 * 30);
+    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i) * 0.11f);
+    write_file(input, npy_file("<f4", "(4, 30, 30)", raw(values)));
+    tuned();
+    const std::vector<float> by_rule = output_of({});
+    const std::vector<float> by_table = output_of({"--table", table});
+    ASSERT_EQ(by_rule.size(), by_table.size());
+    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+}
+
+TEST_F(Tune, DenseLayersRoundTrip) {
+    NetBuilder net;
+    const int features = net.tensor_input({4, 1, 8});
+    const int flat = net.reshape(features, {1, 32});
+    const int dense = net.fully_connected(flat, 32, 10);
+    net.lstm(dense, 10, 4);
+    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+    std::vector<float> values(32);
+    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i));
+    write_file(input, npy_file("<f4", "(4, 1, 8)", raw(values)));
+    tuned();
+    const std::vector<float> by_rule = output_of({});
+    const std::vector<float> by_table = output_of({"--table", table});
+    ASSERT_EQ(by_rule.size(), by_table.size());
+    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-6) << i;
+}
+
 TEST_F(Tune, WithoutAnOutputFileTheTableGoesToStandardOutput) {
     const Outcome outcome = run_tarno({"tune", "--model", model});
     EXPECT_EQ(0, outcome.status);
