@@ -234,7 +234,7 @@ void Bench::within_limit(const Work& work) const {
                                  " in weights and memory pools, found a need of more (see "
                                  "--memory-limit)";
         // The first run hears of each layer, the last one being the one that fails.
-        if (pools.runs > 0) throw CommandError(model.path + ": " + text);
+        if (pools.runs > 0 || names.rows.empty()) throw CommandError(model.path + ": " + text);
         const PlannedLayer& layer = plan.layers[*plan.find(names.rows.back().id)];
         throw CommandError(layer_fault(model.path, layer.id, layer.type, text));
     }
@@ -311,8 +311,11 @@ void Bench::profile() {
     const Clock::time_point start = Clock::now();
     while (report.profiled_runs < runs &&
            (report.profiled_runs == 0 || seconds_since(start) < most_profiling)) {
-        timer.start_run();
-        net.run(inputs, net.last_position(), settings(), &timer);
+        const RunnableNet::Settings timed = settings();
+        within_limit([&] {
+            timer.start_run();
+            net.run(inputs, net.last_position(), timed, &timer);
+        });
         progress.step(static_cast<int64_t>(++report.profiled_runs));
     }
 
