@@ -18,14 +18,7 @@ const char* const members[] = {
     "Convolution_1x1s2_Float_SSE_M1",
 };
 
-struct Size {
-    int inputs, outputs, h, w;  // of the bottom
-};
-
-std::ostream& operator<<(std::ostream& stream, const Size& size) {
-    return stream << size.inputs << " to " << size.outputs << " channels of " << size.h << "x"
-                  << size.w;
-}
+using Size = LayerSize;
 
 // Random numbers of a layer, and what must come out of it.
 struct Layer {
@@ -94,18 +87,6 @@ protected:
         result.push_back({32, 48, 12 * h, 48});
         return result;
     }
-
-    // Exactly the bottom of a layer.
-    ExactBlock block_of(const Layer& layer, int misalignment = 0) const {
-        const Size& size = layer.size;
-        return ExactBlock(in_layout(layer.bottom, size.inputs, size.h, size.w), misalignment);
-    }
-    TensorShape bottom_shape(const Size& size) const {
-        return shape_of(size.inputs, size.h, size.w);
-    }
-    TensorShape top_shape(const Size& size) const {
-        return shape_of(size.outputs, size.h / info->stride, size.w / info->stride);
-    }
 };
 
 TEST_P(Convolution1x1Members, GivesTheSumOfProductsAndBiasInEveryElement) {
@@ -115,7 +96,7 @@ TEST_P(Convolution1x1Members, GivesTheSumOfProductsAndBiasInEveryElement) {
         const Layer layer(size, info->stride, seed);
         seed += 10;
         auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-        ExactBlock block = block_of(layer);
+        ExactBlock block = block_of(layer.bottom, layer.size);
         PoisoningAllocator blobs, workspace;
         Option opt = get_default_option();
         opt.blob_allocator = &blobs;
@@ -139,7 +120,7 @@ TEST_P(Convolution1x1Members, AgreesWithThePlainConvolutionUpToTheOrderOfTheSum)
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
     auto plain =
         make_loaded("Convolution_Float_Fallback", layer.params(), layer.weights, layer.bias);
-    ExactBlock block = block_of(layer), planes(layer.bottom);
+    ExactBlock block = block_of(layer.bottom, layer.size), planes(layer.bottom);
     Mat top, plain_top;
     ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     ASSERT_EQ(0, plain->forward(planes.view(chw(size.inputs, size.h, size.w)), plain_top,
@@ -152,7 +133,7 @@ TEST_P(Convolution1x1Members, WritesNothingOutsideABlockOfExactlyTheTopsSize) {
                     5 * info->width_multiple};
     const Layer layer(size, info->stride, 7);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     const size_t total = layer.sums(true).size();
     ExactBlock top_block(std::vector<float>(total, std::nanf("")));
     Mat top = top_block.view(top_shape(size));
@@ -168,7 +149,7 @@ TEST_P(Convolution1x1Members, TensorsNeedNoAlignment) {
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
     for (int in_off : {0, 1, 3}) {
         for (int out_off : {0, 1}) {
-            ExactBlock block = block_of(layer, in_off);
+            ExactBlock block = block_of(layer.bottom, layer.size, in_off);
             ExactBlock top_block(std::vector<float>(layer.sums(true).size()), out_off);
             Mat top = top_block.view(top_shape(size));
             ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
@@ -186,7 +167,7 @@ TEST_P(Convolution1x1Members, PaddingStrideAndDilationOfTheParametersAreNotAppli
     params.stride = 5;
     params.dilation = 2;
     auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     Mat top;
     ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     expect_sums(layer.sums(true), planes_of(top));
@@ -203,7 +184,7 @@ TEST_P(Convolution1x1Members, WithoutABiasTheTensorOfPlanesGetsThePlainSums) {
     ASSERT_EQ(0, load(*op, params, layer.weights.data(), layer.bias.data()));
     params.bias = false;
     ASSERT_EQ(0, load(*op, params, layer.weights.data(), nullptr));
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;
@@ -246,7 +227,7 @@ TEST_P(Convolution1x1Members, EveryAllocationMayFail) {
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 12);
     auto op = make_loaded(GetParam(), layer.params(), layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     int failures = 0;
     for (int failing = 0;; ++failing) {
         FailingAllocator allocator(failing);
@@ -272,7 +253,7 @@ TEST_P(Convolution1x1Members, AFailedLoadMakesEveryForwardFail) {
     const Size size{info->input_multiple, info->output_multiple, 2 * info->height_multiple,
                     4 * info->width_multiple};
     const Layer layer(size, info->stride, 13);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     auto op = make_operator(GetParam());
     Mat top;
     LayerParams params = layer.params();
@@ -318,7 +299,7 @@ TEST_P(Convolution1x1Members, WeightsThatAreTooFewForTheTensorEndInZeros) {
     const Size half{size.inputs / 2, size.outputs, size.h, size.w};
     const Layer known(half, info->stride, 15);
     auto op = make_loaded(GetParam(), known.params(), known.weights, known.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;

@@ -27,13 +27,11 @@ const char* const members[] = {
 
 constexpr int keep_size = -233;
 
-struct Size {
-    int channels, h, w;  // of the bottom
+// As many outputs as there are inputs.
+struct Size : LayerSize {
+    Size(int channels, int h, int w) : LayerSize{channels, channels, h, w}, channels(channels) {}
+    int channels;
 };
-
-std::ostream& operator<<(std::ostream& stream, const Size& size) {
-    return stream << size.channels << " channels of " << size.h << "x" << size.w;
-}
 
 struct Margins {
     int top, bottom, left, right;
@@ -127,18 +125,6 @@ protected:
         return result;
     }
 
-    // Exactly the bottom of a layer.
-    ExactBlock block_of(const Layer& layer, int misalignment = 0) const {
-        const Size& size = layer.size;
-        return ExactBlock(in_layout(layer.bottom, size.channels, size.h, size.w), misalignment);
-    }
-    TensorShape bottom_shape(const Size& size) const {
-        return shape_of(size.channels, size.h, size.w);
-    }
-    TensorShape top_shape(const Size& size) const {
-        return shape_of(size.channels, size.h / info->stride, size.w / info->stride);
-    }
-
     // The margins of a run: blocks of four channels get one pixel all round, whatever `pad` is.
     Margins margins(const Layer& layer, int pad) const { return layer.margins(blocks() ? 1 : pad); }
 };
@@ -154,7 +140,7 @@ TEST_P(DepthwiseMembers, GivesTheSumOfTheNineTapsInEveryElement) {
                 seed += 10;
                 auto op = make_loaded(GetParam(), layer.params(pad, with_bias), layer.weights,
                                       layer.bias);
-                ExactBlock block = block_of(layer);
+                ExactBlock block = block_of(layer.bottom, layer.size);
                 PoisoningAllocator blobs, workspace;
                 Option opt = get_default_option();
                 opt.blob_allocator = &blobs;
@@ -184,7 +170,7 @@ TEST_P(DepthwiseMembers, AgreesWithThePlainConvolutionUpToTheOrderOfTheSum) {
             auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
             auto plain = make_loaded("ConvolutionDepthwise_Float_Fallback", params, layer.weights,
                                      layer.bias);
-            ExactBlock block = block_of(layer), planes(layer.bottom);
+            ExactBlock block = block_of(layer.bottom, layer.size), planes(layer.bottom);
             Mat top, plain_top;
             ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
             ASSERT_EQ(0, plain->forward(planes.view(chw(4, size.h, size.w)), plain_top,
@@ -202,7 +188,7 @@ TEST_P(DepthwiseMembers, WritesNothingOutsideABlockOfExactlyTheTopsSizeAndNeedsN
         auto op = make_loaded(GetParam(), layer.params(pad, true), layer.weights, layer.bias);
         for (int misalignment : {0, 1, 3}) {
             const auto expected = layer.sums(margins(layer, pad), true);
-            ExactBlock block = block_of(layer, misalignment);
+            ExactBlock block = block_of(layer.bottom, layer.size, misalignment);
             ExactBlock top_block(std::vector<float>(expected.size(), std::nanf("")), misalignment);
             Mat top = top_block.view(top_shape(size));
             ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
@@ -219,7 +205,7 @@ TEST_P(DepthwiseMembers, ANanReachesOnlyTheOutputsWhoseWindowHoldsIt) {
         Layer layer = clean;
         layer.bottom[spot] = std::nanf("");
         auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-        ExactBlock block = block_of(layer);
+        ExactBlock block = block_of(layer.bottom, layer.size);
         Mat top;
         ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
         const auto expected = layer.sums({1, 1, 1, 1}, true);
@@ -238,7 +224,7 @@ TEST_P(DepthwiseMembers, WithoutABiasASumOfNegativeZerosStaysNegative) {
     for (float& value : layer.bottom) value = 0.0f;
     for (float& weight : layer.weights) weight = -1.0f;
     auto op = make_loaded(GetParam(), layer.params(1, false), layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     Mat top;
     ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     for (float value : values_of(top)) ASSERT_TRUE(value == 0.0f && std::signbit(value));
@@ -252,7 +238,7 @@ TEST_P(DepthwiseMembers, KernelStrideAndDilationOfTheParametersAreNotApplied) {
     params.stride = 0;
     params.dilation = 7;
     auto op = make_loaded(GetParam(), params, layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     Mat top;
     ASSERT_EQ(0, op->forward(block.view(bottom_shape(size)), top, get_default_option()));
     expect_sums(layer.sums({1, 1, 1, 1}, true), planes_of(top));
@@ -318,7 +304,7 @@ TEST_P(DepthwiseMembers, EveryAllocationMayFail) {
     const Size size{info->input_multiple, 2 * info->height_multiple, 4 * info->width_multiple};
     const Layer layer(size, info->stride, 24);
     auto op = make_loaded(GetParam(), layer.params(1, true), layer.weights, layer.bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     // The border and the top.
     for (int failing : {0, 1, 2}) {
         FailingAllocator allocator(failing);
@@ -338,7 +324,7 @@ TEST_P(DepthwiseMembers, EveryAllocationMayFail) {
 TEST_P(DepthwiseMembers, AFailedLoadMakesEveryForwardFail) {
     const Size size{4, 2 * info->height_multiple, 2 * info->width_multiple};
     const Layer layer(size, info->stride, 25);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     auto op = make_operator(GetParam());
     EXPECT_FALSE(op->check_forward(bottom_shape(size))) << "no group yet";
     ASSERT_EQ(0, load(*op, layer.params(1, true), layer.weights.data(), layer.bias.data()));
@@ -374,7 +360,7 @@ TEST_P(DepthwiseMembers, WeightsAndChannelsThatAreMissingReadAsZeros) {
     std::vector<float> bias = layer.bias;
     bias.resize(16, 0.25f);
     auto op = make_loaded(GetParam(), params, layer.weights, bias);
-    ExactBlock block = block_of(layer);
+    ExactBlock block = block_of(layer.bottom, layer.size);
     PoisoningAllocator blobs;
     Option opt = get_default_option();
     opt.blob_allocator = &blobs;

@@ -163,6 +163,16 @@ inline std::string class_name_of(const testing::TestParamInfo<const char*>& info
     return info.param;
 }
 
+/// Channels on both sides, and the pixels of the bottom.
+struct LayerSize {
+    int inputs, outputs, h, w;
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const LayerSize& size) {
+    return stream << size.inputs << " to " << size.outputs << " channels of " << size.h << "x"
+                  << size.w;
+}
+
 /// The tests of one class of the list, by name.
 class MemberTest : public testing::TestWithParam<const char*> {
 protected:
@@ -173,13 +183,17 @@ protected:
     }
 
     bool blocks() const { return info->layout_in == TarnoCPU::OperatorInfo::Layout::C4HW4; }
-    TarnoCPU::TensorShape shape_of(int channels, int h, int columns) const {
-        return blocks() ? c4hw4(channels, h, columns) : chw(channels, h, columns);
+    TarnoCPU::TensorShape bottom_shape(const LayerSize& size) const {
+        return shape_of(size.inputs, size.h, size.w);
     }
-    /// Planes of the class's bottom in its layout.
-    std::vector<float> in_layout(const std::vector<float>& planes, int channels, int h,
-                                 int columns) const {
-        return blocks() ? to_blocks(planes, channels, h, columns) : planes;
+    TarnoCPU::TensorShape top_shape(const LayerSize& size) const {
+        return shape_of(size.outputs, size.h / info->stride, size.w / info->stride);
+    }
+    /// Planes of a bottom in the layout of the class, on a block of exactly their size.
+    ExactBlock block_of(const std::vector<float>& planes, const LayerSize& size,
+                        int misalignment = 0) const {
+        return ExactBlock(blocks() ? to_blocks(planes, size.inputs, size.h, size.w) : planes,
+                          misalignment);
     }
     /// A top of the class as planes.
     std::vector<float> planes_of(const TarnoCPU::Mat& top) const {
@@ -189,6 +203,11 @@ protected:
     }
 
     const TarnoCPU::OperatorInfo* info = nullptr;
+
+private:
+    TarnoCPU::TensorShape shape_of(int channels, int h, int columns) const {
+        return blocks() ? c4hw4(channels, h, columns) : chw(channels, h, columns);
+    }
 };
 
 /// The unit of a class: its name in small letters.
