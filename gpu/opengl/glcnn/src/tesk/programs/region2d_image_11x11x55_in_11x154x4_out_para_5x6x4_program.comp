@@ -21,38 +21,37 @@ const int COORDS = 4;
 const int ANCHOR_VALUES = COORDS + 1 + CLASSES;
 const int SLICES = 14;
 
-float data[SLICES * 4];
-
 float logistic(float v) {
     return 1.0 / (1.0 + exp(-v));
-}
-
-void softmax(int first) {
-    float peak = data[first];
-    for (int i = 1; i < CLASSES; ++i) peak = max(peak, data[first + i]);
-    float sum = 0.0;
-    for (int i = 0; i < CLASSES; ++i) {
-        data[first + i] = exp(data[first + i] - peak);  // no exp overflows
-        sum += data[first + i];
-    }
-    for (int i = 0; i < CLASSES; ++i) data[first + i] /= sum;
 }
 
 void main() {
     ivec2 pos = ivec2(gl_GlobalInvocationID.xy);
     if (any(greaterThanEqual(pos, imageSize(src).xy))) return;
 
+    float data[SLICES * 4];
     for (int s = 0; s < SLICES; ++s) {
         vec4 value = imageLoad(src, ivec3(pos, s));
         for (int c = 0; c < 4; ++c) data[4 * s + c] = value[c];
     }
+
     for (int a = 0; a < ANCHORS; ++a) {
         int offset = a * ANCHOR_VALUES;
         data[offset] = logistic(data[offset]);
         data[offset + 1] = logistic(data[offset + 1]);
         data[offset + COORDS] = logistic(data[offset + COORDS]);
-        softmax(offset + COORDS + 1);
+
+        int first = offset + COORDS + 1;
+        float peak = data[first];
+        for (int i = 1; i < CLASSES; ++i) peak = max(peak, data[first + i]);
+        float sum = 0.0;
+        for (int i = 0; i < CLASSES; ++i) {
+            data[first + i] = exp(data[first + i] - peak);  // no exp overflows
+            sum += data[first + i];
+        }
+        for (int i = 0; i < CLASSES; ++i) data[first + i] /= sum;
     }
+
     for (int s = 0; s < SLICES; ++s) {
         vec4 value = vec4(data[4 * s], data[4 * s + 1], data[4 * s + 2], data[4 * s + 3]);
         imageStore(dst, ivec2(SLICES * pos.x + s, pos.y), value);
