@@ -99,8 +99,20 @@ public:
     int tricksMode = 4;  ///< selects the shader generators of a net
     int tuningWord6 = 0;
     int uboSliceLimit = 4;  ///< above it weights go to storage buffers
-    int tuningWord8 = 256;
-    int tuningWord9 = 256;
+    /// Tuning words 8 and 9: the base size in pixels that the relative shapes of a model multiply.
+    int netWidth = 256;
+    int netHeight = 256;
+
+    /// Where the time of setting up nets with this manager went, in milliseconds, and how many
+    /// programs they made and how many they found made.
+    struct SetupCosts {
+        double packing = 0.0;
+        double source = 0.0;
+        double compiling = 0.0;
+        int programsMade = 0;
+        int programsShared = 0;
+    };
+    SetupCosts setupCosts;
 
     /// File that `loadProgramBinary` reads; the client's to set.
     std::string cachePath;

@@ -3,6 +3,9 @@
 
 #include "../../../../../platform/export.h"
 
+/// Marks what the tests call directly. No part of the interface: the headers are not installed.
+#define TESK_TESTED TN_API
+
 /// Result of the entry points of the GPU runtime. The numbers are fixed: hosts compare with them.
 enum _TN_Result {
     TN_Result_Success = 0,

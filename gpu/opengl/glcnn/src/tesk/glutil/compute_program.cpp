@@ -92,6 +92,7 @@ bool ComputeProgram::createFromFile(const std::string& path, bool) {
 }
 
 bool ComputeProgram::buildFrom(const char* source, const char* compile_failure, bool log_source) {
+    linked = false;
     unsigned int shader = 0;
     if (!compileShader(&shader, GL_COMPUTE_SHADER, source)) {
         Tarno::_LogError("Tarno", "%s", compile_failure);
@@ -106,6 +107,7 @@ bool ComputeProgram::buildFrom(const char* source, const char* compile_failure, 
     }
     glDetachShader(program, shader);
     glDeleteShader(shader);
+    linked = true;
     return true;
 }
 

@@ -40,6 +40,8 @@ public:
     /// The context's oldest pending error, or 0. Nothing inside the library asks.
     unsigned int status();
     unsigned int getProgramID() { return program; }
+    /// Whether the last build ended well: only then is there something to dispatch.
+    bool isLinked() const { return linked; }
 
     /// A name that the program lacks is ignored, as GL does.
     void setUniform1i(const std::string& name, int value);
@@ -75,6 +77,7 @@ private:
     int getUniformLoc(const std::string& name);
 
     unsigned int program = 0;
+    bool linked = false;
 };
 
 }  // namespace tesk

@@ -46,6 +46,19 @@ Image::~Image() {
     if (framebuffer != 0) glDeleteFramebuffers(1, &framebuffer);
 }
 
+Image& Image::operator=(const Image& other) {
+    // The framebuffer stays: each image has its own.
+    texture_id = other.texture_id;
+    image_width = other.image_width;
+    image_height = other.image_height;
+    image_channels = other.image_channels;
+    read_count = other.read_count;
+    image_format = other.image_format;
+    texture_type = other.texture_type;
+    pool = other.pool;
+    return *this;
+}
+
 void Image::resize(int height, int width, int channels) {
     if (texture_id != 0) releaseTexture();
     image_height = height;

@@ -26,7 +26,11 @@ public:
     /// Gives the texture back.
     ~Image();
     Image(const Image&) = delete;
-    Image& operator=(const Image&) = delete;
+    /// Takes over size, format, texture, read count and pool; both then name one texture, and the
+    /// first whose count falls to 0 gives it back for both. Raise the count of an image by one
+    /// before it is assigned when its texture has to stay. A texture held before is forgotten, not
+    /// given back: it was the other's.
+    Image& operator=(const Image& other);
 
     /// Gives the texture back, even when the size stays the same.
     void resize(int height, int width, int channels);
