@@ -1,0 +1,36 @@
+// What the picture operations share: tests of their arguments, and the grid of their dispatches. No
+// public header includes it.
+#pragma once
+
+#include <memory>
+
+#include "compute_program_manager.h"
+#include "glutil/compute_program.h"
+#include "glutil/image.h"
+
+namespace tesk {
+
+/// Work groups of eight threads that cover `size` texels.
+inline unsigned int groupsOfEight(int size) {
+    return size > 0 ? (static_cast<unsigned int>(size) + 7) / 8 : 0;
+}
+
+/// One thread per texel of a picture of this size.
+inline void computeOver(ComputeProgram& program, int width, int height, int slices = 1) {
+    program.compute(groupsOfEight(width), groupsOfEight(height), static_cast<unsigned int>(slices));
+}
+
+/// Whether `image` is a picture that the operation can bind: there, plain 2D (up to four channels),
+/// and of `format` unless that is 0. When it is not, an error line says what was found.
+bool isPicture(const char* operation, const char* role, const std::shared_ptr<Image>& image,
+               unsigned int format = 0);
+
+/// The program registered under `name`, or null, without leaving an empty entry behind that would
+/// keep the name from being registered later.
+std::shared_ptr<ComputeProgram> findProgram(ComputeProgramManager* manager, const char* name);
+
+/// The same; an error line names the operation and the program when there is none.
+std::shared_ptr<ComputeProgram> needProgram(const char* operation, ComputeProgramManager* manager,
+                                            const char* name);
+
+}  // namespace tesk
