@@ -15,8 +15,8 @@ struct PixelProgram {
     std::string name;
     bool sampler;
     std::function<Texel(const Texel&)> formula;
-    double highest = 1.0;   ///< of the components read
-    double magnitude = 1.0; ///< of the numbers on the way to the result
+    double highest = 1.0;    ///< of the components read
+    double magnitude = 1.0;  ///< of the numbers on the way to the result
 };
 
 Texel less_mean(const Texel& v) {
@@ -25,8 +25,14 @@ Texel less_mean(const Texel& v) {
 
 const std::vector<PixelProgram>& pixel_programs() {
     static const std::vector<PixelProgram> programs = {
-        {"char_to_float16_program", true, [](const Texel& v) { return Texel{v[0], v[1], v[2], 0}; }},
-        {"swapRGB_program", true, [](const Texel& v) { return Texel{v[2], v[1], v[0], 0}; }},
+        {"char_to_float16_program", true,
+         [](const Texel& v) {
+             return Texel{v[0], v[1], v[2], 0};
+         }},
+        {"swapRGB_program", true,
+         [](const Texel& v) {
+             return Texel{v[2], v[1], v[0], 0};
+         }},
         {"preprocess_program", false, less_mean},
         {"faceDetection_preproess_program", false,
          [](const Texel& v) {
@@ -49,7 +55,10 @@ const std::vector<PixelProgram>& pixel_programs() {
              return Texel{(v[2] - 0.5) * 2, (v[1] - 0.5) * 2, (v[0] - 0.5) * 2, 0};
          }},
         {"normalization_bodylandmarks_program", false,
-         [](const Texel& v) { return Texel{v[0] / 255, v[1] / 255, v[2] / 255, 0}; }, 255.0},
+         [](const Texel& v) {
+             return Texel{v[0] / 255, v[1] / 255, v[2] / 255, 0};
+         },
+         255.0},
     };
     return programs;
 }
@@ -127,8 +136,7 @@ TEST_F(PicturePreparation, StaticSegmentPacksPictureAndBackgroundIntoSixChannels
             for (int x = 0; x < size.width; ++x) {
                 const Texel vs = less_mean(texel_of(src, y, x)), vb = less_mean(texel_of(bg, y, x));
                 const double channels[8] = {vs[0], vs[1], vs[2], vb[0], vb[1], vb[2], 0, 0};
-                for (int c = 0; c < 8; ++c)
-                    expected.at(c, y, x) = channels[c];
+                for (int c = 0; c < 8; ++c) expected.at(c, y, x) = channels[c];
             }
         }
         expect_halves(expected, result, float_error(1, 1.0));
@@ -182,8 +190,7 @@ Expectation linear_picture(const Tensor& src, int height, int width, const Posit
         for (int x = 0; x < width; ++x) {
             const auto [px, py] = position(y, x);
             for (int c = 0; c < 4; ++c) {
-                const LinearSample sample =
-                    linear_sample(src, c, px / src.width, py / src.height);
+                const LinearSample sample = linear_sample(src, c, px / src.width, py / src.height);
                 made.value.at(c, y, x) = sample.value;
                 made.tolerance.at(c, y, x) = sample.tolerance;
             }
@@ -213,10 +220,9 @@ TEST_F(PicturePreparation, DownscaleUpscaleSamplesAtTheCornersOfPixels) {
         tesk::ComputeProgram& program = use("downscale_upscale_program");
         program.setUniform1f("widthScale", sx);
         program.setUniform1f("heightScale", sy);
-        const Expectation expected =
-            linear_picture(src, r.dst.height, r.dst.width, [&](int y, int x) {
-                return std::make_pair(double{sx} * x, double{sy} * y);
-            });
+        const Expectation expected = linear_picture(
+            src, r.dst.height, r.dst.width,
+            [&](int y, int x) { return std::make_pair(double{sx} * x, double{sy} * y); });
         expect_halves(expected.value, sampled(program, src, r.dst), coordinate_error,
                       &expected.tolerance);
     }
@@ -289,8 +295,7 @@ TEST_F(PicturePreparation, CopyWithRotateReadsZeroesForRowZero) {
                                    return v;
                                }),
                     result);
-        for (int x = 0; x < size.width; ++x)
-            EXPECT_EQ(result.at(0, 0, x), 0.0);
+        for (int x = 0; x < size.width; ++x) EXPECT_EQ(result.at(0, 0, x), 0.0);
     }
 }
 
@@ -303,13 +308,11 @@ TEST_F(PicturePreparation, GestureLetterboxesCoverTheBandWithBothItsEnds) {
             const int src_h = wide ? 18 : 32, src_w = wide ? 32 : 18;
             const int side = 20, covered = 11, begin = 4, end = begin + covered;
             const Tensor src = random_halves(4, src_h, src_w, seed, 0.0, 1.0);
-            const float sx =
-                static_cast<float>(src_w) / static_cast<float>(wide ? side : covered);
-            const float sy =
-                static_cast<float>(src_h) / static_cast<float>(wide ? covered : side);
-            tesk::ComputeProgram& program = use(with_mean
-                                                    ? "gesture_downscale_upscale_with_avg_program"
-                                                    : "gesture_downscale_upscale_program");
+            const float sx = static_cast<float>(src_w) / static_cast<float>(wide ? side : covered);
+            const float sy = static_cast<float>(src_h) / static_cast<float>(wide ? covered : side);
+            tesk::ComputeProgram& program =
+                use(with_mean ? "gesture_downscale_upscale_with_avg_program"
+                              : "gesture_downscale_upscale_program");
             program.setUniform1f("widthScale", sx);
             program.setUniform1f("heightScale", sy);
             program.setUniform1i("widthGreaterThanHeight", wide ? 1 : 0);
@@ -376,10 +379,10 @@ struct Crop {
     int x, y, width, height;
 };
 std::vector<Crop> crops() {
-    return {{{24, 32}, {12, 12}, 4, 3, 18, 18},     // inside
-            {{24, 32}, {19, 21}, -5, -7, 40, 50},   // beyond all four edges
-            {{9, 9}, {16, 16}, 0, 0, 9, 9},         // the whole picture
-            {{15, 11}, {8, 8}, 30, 30, 10, 10}};    // nothing of it
+    return {{{24, 32}, {12, 12}, 4, 3, 18, 18},    // inside
+            {{24, 32}, {19, 21}, -5, -7, 40, 50},  // beyond all four edges
+            {{9, 9}, {16, 16}, 0, 0, 9, 9},        // the whole picture
+            {{15, 11}, {8, 8}, 30, 30, 10, 10}};   // nothing of it
 }
 
 Expectation face_crop(const Tensor& src, const Crop& crop, bool tracking, double nudge) {
@@ -396,8 +399,7 @@ Expectation face_crop(const Tensor& src, const Crop& crop, bool tracking, double
                          : cut_x < 1 || cut_y < 1 || cut_x > src.width || cut_y > src.height;
             for (int c = 0; c < 3; ++c) {
                 const int from = tracking ? c : 2 - c;
-                LinearSample sample =
-                    linear_sample(src, from, px / src.width, py / src.height);
+                LinearSample sample = linear_sample(src, from, px / src.width, py / src.height);
                 if (outside) sample = {0.5, 0.0};
                 made.value.at(c, y, x) =
                     tracking ? (sample.value - mean[c]) / deviation[c] : (sample.value - 0.5) * 2.0;
@@ -428,9 +430,8 @@ TEST_F(PicturePreparation, FaceCropsTakeGreyForWhatLiesOutsideTheirPicture) {
             expect_one_of({face_crop(src, crop, tracking, -cut_slack),
                            face_crop(src, crop, tracking, cut_slack)},
                           result, coordinate_error * 5.0);
-            for (const double w : std::vector<double>(result.values.end() - crop.dst.height *
-                                                                                crop.dst.width,
-                                                      result.values.end())) {
+            for (const double w : std::vector<double>(
+                     result.values.end() - crop.dst.height * crop.dst.width, result.values.end())) {
                 ASSERT_EQ(w, 0.0);
             }
         }
@@ -508,8 +509,7 @@ TEST_F(PicturePreparation, FaceWarpTakesItsMapFromTheFirstPixelOfATensor) {
         const Tensor src = random_halves(4, r.src.height, r.src.width, seed, 0.0, 1.0);
         Tensor affine = random_halves(8, 2, 3, seed + 1000);
         const double a[6] = {0.75, -0.25, 0.125, 0.3125, 0.875, -0.0625};
-        for (int i = 0; i < 6; ++i)
-            affine.at(i, 0, 0) = a[i];
+        for (int i = 0; i < 6; ++i) affine.at(i, 0, 0) = a[i];
         const auto from = upload(src), map = upload(affine);
         const auto dst = make_output(4, r.dst.height, r.dst.width);
         tesk::ComputeProgram& program = use("face_affine_program");

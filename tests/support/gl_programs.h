@@ -76,8 +76,8 @@ inline double value_clamped(const Tensor& picture, int c, int y, int x) {
 /// What GL's linear filter gives at the coordinates (u, v) of 0 to 1, over a border of 0.
 struct LinearSample {
     double value;
-    /// The filter weights carry at least eight bits behind the point, so that each axis may move the
-    /// result by 1 / 256 of the range of the four texels.
+    /// The filter weights carry at least eight bits behind the point, so that each axis may move
+    /// the result by 1 / 256 of the range of the four texels.
     double tolerance;
 };
 inline LinearSample linear_sample(const Tensor& picture, int c, double u, double v) {
@@ -140,12 +140,10 @@ protected:
     Tensor loaded(tesk::ComputeProgram& program, const std::vector<Tensor>& sources, Size dst,
                   GLenum format = GL_RGBA16F) {
         std::vector<std::shared_ptr<tesk::Image>> images;
-        for (const Tensor& source : sources)
-            images.push_back(upload(source, format));
+        for (const Tensor& source : sources) images.push_back(upload(source, format));
         const auto to = make_output(4, dst.height, dst.width, format);
         unsigned int unit = 0;
-        for (const auto& image : images)
-            program.bindImage(unit++, GL_READ_ONLY, *image);
+        for (const auto& image : images) program.bindImage(unit++, GL_READ_ONLY, *image);
         program.bindImage(unit, GL_WRITE_ONLY, *to);
         return dispatched(program, *to);
     }
@@ -158,8 +156,7 @@ Tensor picture_of(int height, int width, const Texel& texel) {
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             const std::vector<double> values = texel(y, x);
-            for (int c = 0; c < 4; ++c)
-                made.at(c, y, x) = values[static_cast<size_t>(c)];
+            for (int c = 0; c < 4; ++c) made.at(c, y, x) = values[static_cast<size_t>(c)];
         }
     }
     return made;

@@ -31,7 +31,8 @@ bool BoxFilter::isReady() const {
     return h_sum != nullptr && v_sum != nullptr && v_sum_with_division != nullptr;
 }
 
-bool BoxFilter::accepts(const std::shared_ptr<Image>& src, const std::shared_ptr<Image>& dst) const {
+bool BoxFilter::accepts(const std::shared_ptr<Image>& src,
+                        const std::shared_ptr<Image>& dst) const {
     if (!isReady()) {
         Tarno::_LogError("Tarno", "%s: its programs were not registered when it was made",
                          operation);

@@ -19,11 +19,12 @@ class TexturePool;
 /// Images are 2D, of the filter's format, and of one size; all four components are filtered. A
 /// temporary picture comes from the pool and goes back to it.
 ///
-/// Read counts: the first pass adds one to src and takes it away again. A src that comes with a count
-/// of 0 loses its texture, so raise the count to read it again. div and dst are not touched.
+/// Read counts: the first pass adds one to src and takes it away again. A src that comes with a
+/// count of 0 loses its texture, so raise the count to read it again. div and dst are not touched.
 ///
-/// A filter whose programs were not registered when it was made, a missing image or one of the wrong
-/// format is an error line; nothing is dispatched and no count touched. Needs the context current.
+/// A filter whose programs were not registered when it was made, a missing image or one of the
+/// wrong format is an error line; nothing is dispatched and no count touched. Needs the context
+/// current.
 class TN_API BoxFilter {
 public:
     /// GL_RGBA16F takes the programs on half floats, any other format those on GL_RGBA32F, the only

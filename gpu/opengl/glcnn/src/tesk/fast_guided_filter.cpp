@@ -40,17 +40,13 @@ void bindWrite(ComputeProgram& program, unsigned int unit, const Picture& image)
 /// per texel of the outputs. An input that nobody else waits for loses its texture.
 void elementPass(ComputeProgram& program, std::initializer_list<Picture> inputs,
                  std::initializer_list<Picture> outputs) {
-    for (const Picture& input : inputs)
-        input->addReadCount();
+    for (const Picture& input : inputs) input->addReadCount();
     unsigned int unit = 0;
-    for (const Picture& input : inputs)
-        bindRead(program, unit++, input);
-    for (const Picture& output : outputs)
-        bindWrite(program, unit++, output);
+    for (const Picture& input : inputs) bindRead(program, unit++, input);
+    for (const Picture& output : outputs) bindWrite(program, unit++, output);
     const Image& grid = **outputs.begin();
     computeOver(program, grid.width(), grid.height());
-    for (const Picture& input : inputs)
-        input->subReadCount();
+    for (const Picture& input : inputs) input->subReadCount();
 }
 
 /// `value` cut to an int, or `otherwise` where no int holds it.
@@ -88,11 +84,11 @@ void FastGuidedFilter::fastGuidedFilterEncode(std::shared_ptr<Image> guide,
     GLint largest = 0;
     glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
     if (h < 1 || w < 1 || h > largest || w > largest) {
-        Tarno::_LogError("Tarno",
-                         "%s: expected 1 to %d pixels a side after subsampling by %g, found a guide "
-                         "%d wide and %d high",
-                         operation, largest, static_cast<double>(subsampling), guide->width(),
-                         guide->height());
+        Tarno::_LogError(
+            "Tarno",
+            "%s: expected 1 to %d pixels a side after subsampling by %g, found a guide "
+            "%d wide and %d high",
+            operation, largest, static_cast<double>(subsampling), guide->width(), guide->height());
         return;
     }
     std::shared_ptr<ComputeProgram> programs[step_count];
@@ -124,6 +120,7 @@ void FastGuidedFilter::fastGuidedFilterEncode(std::shared_ptr<Image> guide,
     const Picture guide_and_mask = small();
     {
         ComputeProgram& program = begin(Merge);
+        holdTextures({guide.get(), input.get(), guide_and_mask.get()});
         program.setUniform1f("sampleRadio", subsampling);
         program.setUnifromTextureWithTexID("guidedImg", 0, guide->texture());
         program.setUnifromTextureWithTexID("filterImg", 1, input->texture());
@@ -162,11 +159,11 @@ void FastGuidedFilter::fastGuidedFilterEncode(std::shared_ptr<Image> guide,
     const Picture mean_coefficients = small();
     box.boxFilterWithElementWiseDivision(coefficients, fall_off, mean_coefficients);
 
-    const auto full =
-        std::make_shared<Image>(guide->height(), guide->width(), 3, GL_RGBA16F, pool);
+    const auto full = std::make_shared<Image>(guide->height(), guide->width(), 3, GL_RGBA16F, pool);
     {
         ComputeProgram& program = begin(Upsample);
         mean_coefficients->addReadCount();
+        holdTextures({mean_coefficients.get(), full.get()});
         program.setUniform1f("sampleRadio", inverse_subsampling);
         program.setUnifromTextureWithTexID("src", 0, mean_coefficients->texture());
         bindWrite(program, 1, full);

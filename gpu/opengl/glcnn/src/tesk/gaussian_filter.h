@@ -16,8 +16,8 @@ class TexturePool;
 /// are 2D, of the filter's format and of one size; all four components are filtered. A temporary
 /// picture comes from the pool and goes back to it.
 ///
-/// Read counts: the first pass adds one to src and takes it away again. A src that comes with a count
-/// of 0 loses its texture, so raise the count to read it again. dst is not touched.
+/// Read counts: the first pass adds one to src and takes it away again. A src that comes with a
+/// count of 0 loses its texture, so raise the count to read it again. dst is not touched.
 class TN_API GaussianFilter {
 public:
     /// There are programs for GL_RGBA16F alone; a filter of another format holds none. Pool and

@@ -50,8 +50,11 @@ void run(ComputeProgramManager* manager, const Transform& transform,
     const std::shared_ptr<ComputeProgram> program = registered(manager, transform);
     if (program == nullptr) return;
     program->use();
-    for (const Source& source : sources)
+    for (const Source& source : sources) {
         source.image->addReadCount();
+        holdTextures({source.image.get()});
+    }
+    holdTextures({dst.get()});
     int unit = 0;
     for (const Source& source : sources) {
         program->setUnifromTextureWithTexID(source.sampler, unit++, source.image->texture());
@@ -59,8 +62,7 @@ void run(ComputeProgramManager* manager, const Transform& transform,
     program->bindImageTexture(image_unit, dst->texture(), 0, 0, GL_WRITE_ONLY, GL_RGBA16F);
     set_uniforms(*program);
     computeOver(*program, grid->width(), grid->height());
-    for (const Source& source : sources)
-        source.image->subReadCount();
+    for (const Source& source : sources) source.image->subReadCount();
 }
 
 void runOverTarget(ComputeProgramManager* manager, const Transform& transform,

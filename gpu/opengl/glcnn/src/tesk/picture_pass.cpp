@@ -13,15 +13,16 @@ bool isPicture(const char* operation, const char* role, const std::shared_ptr<Im
     }
     if (image->width() <= 0 || image->height() <= 0 || image->channels() < 1 ||
         image->channels() > 4) {
-        Tarno::_LogError("Tarno",
-                         "%s: %s: expected a picture of 1 to 4 channels, found width %d, height %d, "
-                         "channels %d",
-                         operation, role, image->width(), image->height(), image->channels());
+        Tarno::_LogError(
+            "Tarno",
+            "%s: %s: expected a picture of 1 to 4 channels, found width %d, height %d, "
+            "channels %d",
+            operation, role, image->width(), image->height(), image->channels());
         return false;
     }
     if (format != 0 && image->format() != format) {
-        Tarno::_LogError("Tarno", "%s: %s: expected the GL format 0x%x, found 0x%x", operation, role,
-                         format, image->format());
+        Tarno::_LogError("Tarno", "%s: %s: expected the GL format 0x%x, found 0x%x", operation,
+                         role, format, image->format());
         return false;
     }
     return true;

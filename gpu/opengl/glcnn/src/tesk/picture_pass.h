@@ -2,6 +2,7 @@
 // public header includes it.
 #pragma once
 
+#include <initializer_list>
 #include <memory>
 
 #include "compute_program_manager.h"
@@ -18,6 +19,12 @@ inline unsigned int groupsOfEight(int size) {
 /// One thread per texel of a picture of this size.
 inline void computeOver(ComputeProgram& program, int width, int height, int slices = 1) {
     program.compute(groupsOfEight(width), groupsOfEight(height), static_cast<unsigned int>(slices));
+}
+
+/// Gives every image that has none its texture. A new texture is bound to the active texture unit,
+/// so that making one between binding a sampler and the dispatch would take the sampler's place.
+inline void holdTextures(std::initializer_list<Image*> images) {
+    for (Image* image : images) image->texture();
 }
 
 /// Whether `image` is a picture that the operation can bind: there, plain 2D (up to four channels),

@@ -21,6 +21,7 @@ void Pyramid::buildPyramid(std::shared_ptr<Image> src) {
     if (!isPicture(operation, "src", src) || !isPicture(operation, "base", base_image)) return;
     const auto program = needProgram(operation, manager, "transform_rgb2y_program");
     if (program == nullptr) return;
+    holdTextures({src.get(), base_image.get()});
     program->use();
     program->setUnifromTextureWithTexID("src", 0, src->texture());
     program->bindImageTexture(1, base_image->texture(), 0, 0, GL_WRITE_ONLY, GL_RGBA16F);
