@@ -294,4 +294,14 @@ TEST_F(BoxFilter, WithoutProgramsOrImagesItIsAnErrorLineAndNothingIsDispatched) 
     EXPECT_TRUE(std::isnan(read_back(*to).at(0, 0, 0)));
 }
 
+TEST_F(BoxFilter, WithoutAPoolItIsAnErrorLine) {
+    const auto image = make_output(4, 8, 8);
+    LogRecorder log;
+    tesk::BoxFilter(1, GL_RGBA16F, nullptr, &manager).boxFilterEncode(image, image);
+    ASSERT_EQ(log.lines.size(), 1u);
+    for (const LogRecorder::Line& line : log.lines)
+        EXPECT_NE(line.text.find("expected a texture pool, found none"), std::string::npos);
+    EXPECT_TRUE(std::isnan(read_back(*image).at(0, 0, 0)));
+}
+
 }  // namespace

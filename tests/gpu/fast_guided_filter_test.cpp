@@ -736,4 +736,15 @@ TEST_F(FastGuidedFilter, ImagesOfTheWrongKindAreAnErrorLine) {
     EXPECT_TRUE(std::isnan(read_back(*to).at(0, 0, 0)));
 }
 
+TEST_F(FastGuidedFilter, WithoutAPoolItIsAnErrorLine) {
+    const auto image = make_output(4, 8, 8);
+    LogRecorder log;
+    tesk::FastGuidedFilter(2, 1.0f, 0.1f, nullptr, &manager)
+        .fastGuidedFilterEncode(image, image, image);
+    ASSERT_EQ(log.lines.size(), 1u);
+    for (const LogRecorder::Line& line : log.lines)
+        EXPECT_NE(line.text.find("expected a texture pool, found none"), std::string::npos);
+    EXPECT_TRUE(std::isnan(read_back(*image).at(0, 0, 0)));
+}
+
 }  // namespace

@@ -133,4 +133,14 @@ TEST_F(GaussianFilter, WithoutProgramsItIsAnErrorLineAndNothingIsDispatched) {
               "GaussianFilter: its programs were not registered when it was made");
 }
 
+TEST_F(GaussianFilter, WithoutAPoolItIsAnErrorLine) {
+    const auto image = make_output(4, 8, 8);
+    LogRecorder log;
+    tesk::GaussianFilter(GL_RGBA16F, nullptr, &manager).gaussianFliterEncode(image, image);
+    ASSERT_EQ(log.lines.size(), 1u);
+    for (const LogRecorder::Line& line : log.lines)
+        EXPECT_NE(line.text.find("expected a texture pool, found none"), std::string::npos);
+    EXPECT_TRUE(std::isnan(read_back(*image).at(0, 0, 0)));
+}
+
 }  // namespace

@@ -74,8 +74,8 @@ TEST_F(MatrixColor, FlipsAndTurnsMoveEveryPixelToItsPlace) {
 }
 
 TEST_F(MatrixColor, QuarterTurnsRunOverTheSourceAndTheOthersOverTheDestination) {
-    // Of a destination that is larger than its source, the quarter turns write what comes from
-    // groups over the source, and flips every column that lies that far from the right edge.
+    // A destination larger than its source: the quarter turns leave alone what no group over the
+    // source reaches, and a flip brings the source's columns to the far edge.
     const Tensor src = random_halves(4, 8, 16, 6050);
     const Tensor turned = applied(&tesk::MatrixColor::Rotate90, src, {40, 8});
     for (int y = 16; y < 40; ++y) {
@@ -87,7 +87,7 @@ TEST_F(MatrixColor, QuarterTurnsRunOverTheSourceAndTheOthersOverTheDestination) 
     }
 }
 
-TEST_F(MatrixColor, TurningBySquareAndBackGivesTheSource) {
+TEST_F(MatrixColor, AQuarterTurnOfASquareAndBackGivesTheSource) {
     const Tensor src = random_halves(4, 21, 21, 6060);
     const Tensor there = applied(&tesk::MatrixColor::Rotate90, src, {21, 21});
     expect_same(src, applied(&tesk::MatrixColor::Rotate270, there, {21, 21}));

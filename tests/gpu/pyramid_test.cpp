@@ -249,4 +249,16 @@ TEST_F(Pyramid, MergePreTakesTheFirstComponentAndClearsTheOthers) {
     }
 }
 
+TEST_F(Pyramid, WithoutAPoolItIsAnErrorLine) {
+    const auto image = make_output(4, 8, 8);
+    LogRecorder log;
+    tesk::Pyramid pyramid(8, 8, 1, nullptr, &manager);
+    pyramid.buildPyramid(image);
+    pyramid.GaussianPyramid_sampler(image, image);
+    ASSERT_EQ(log.lines.size(), 2u);
+    for (const LogRecorder::Line& line : log.lines)
+        EXPECT_NE(line.text.find("expected a texture pool, found none"), std::string::npos);
+    EXPECT_TRUE(std::isnan(read_back(*image).at(0, 0, 0)));
+}
+
 }  // namespace

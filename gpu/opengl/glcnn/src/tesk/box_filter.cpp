@@ -39,7 +39,7 @@ bool BoxFilter::accepts(const std::shared_ptr<Image>& src,
         return false;
     }
     const unsigned int gl_format = static_cast<unsigned int>(format);
-    return isPicture(operation, "src", src, gl_format) &&
+    return hasPool(operation, pool) && isPicture(operation, "src", src, gl_format) &&
            isPicture(operation, "dst", dst, gl_format);
 }
 

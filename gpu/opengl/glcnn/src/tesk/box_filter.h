@@ -22,8 +22,8 @@ class TexturePool;
 /// Read counts: the first pass adds one to src and takes it away again. A src that comes with a
 /// count of 0 loses its texture, so raise the count to read it again. div and dst are not touched.
 ///
-/// A filter whose programs were not registered when it was made, a missing image or one of the
-/// wrong format is an error line; nothing is dispatched and no count touched. Needs the context
+/// A filter whose programs were not registered when it was made, a missing pool or image, or one of
+/// the wrong format is an error line; nothing is dispatched and no count touched. Needs the context
 /// current.
 class TN_API BoxFilter {
 public:

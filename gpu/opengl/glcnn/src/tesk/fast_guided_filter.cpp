@@ -69,7 +69,7 @@ FastGuidedFilter::FastGuidedFilter(int radius, float subsampling, float eps, Tex
 void FastGuidedFilter::fastGuidedFilterEncode(std::shared_ptr<Image> guide,
                                               std::shared_ptr<Image> input,
                                               std::shared_ptr<Image> output) {
-    if (!isPicture(operation, "guide", guide, GL_RGBA16F) ||
+    if (!hasPool(operation, pool) || !isPicture(operation, "guide", guide, GL_RGBA16F) ||
         !isPicture(operation, "input", input) ||
         !isPicture(operation, "output", output, GL_RGBA16F)) {
         return;

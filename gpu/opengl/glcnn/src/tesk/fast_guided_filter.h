@@ -35,7 +35,7 @@ public:
     /// count of 0 loses its texture; those of input and output are not touched. All intermediate
     /// textures are back in the pool at the end.
     ///
-    /// The catalogue's general group must be registered. A missing program, a missing image or one
+    /// The catalogue's general group must be registered. A missing program, pool or image, or one
     /// of the wrong kind, a subsampling that is not above 0 or leaves no pixel (or more than a
     /// texture holds) is an error line; nothing is dispatched and no count touched. Needs the
     /// context current.

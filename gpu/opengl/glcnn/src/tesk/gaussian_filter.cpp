@@ -42,7 +42,7 @@ void GaussianFilter::gaussianFliterEncode(std::shared_ptr<Image> src, std::share
                          operation);
         return;
     }
-    if (!isPicture(operation, "src", src, gl_format) ||
+    if (!hasPool(operation, pool) || !isPicture(operation, "src", src, gl_format) ||
         !isPicture(operation, "dst", dst, gl_format)) {
         return;
     }

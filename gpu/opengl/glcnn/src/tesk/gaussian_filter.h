@@ -28,8 +28,9 @@ public:
     /// Whether the filter holds its programs.
     bool isReady() const;
 
-    /// Blurs src into dst. A filter without programs, a missing image or one of the wrong format is
-    /// an error line; nothing is dispatched and no count touched. Needs the context current.
+    /// Blurs src into dst. A filter without programs or pool, a missing image or one of the wrong
+    /// format is an error line; nothing is dispatched and no count touched. Needs the context
+    /// current.
     void gaussianFliterEncode(std::shared_ptr<Image> src, std::shared_ptr<Image> dst);
 
 private:

@@ -28,6 +28,12 @@ bool isPicture(const char* operation, const char* role, const std::shared_ptr<Im
     return true;
 }
 
+bool hasPool(const char* operation, const TexturePool* pool) {
+    if (pool != nullptr) return true;
+    Tarno::_LogError("Tarno", "%s: expected a texture pool, found none", operation);
+    return false;
+}
+
 std::shared_ptr<ComputeProgram> findProgram(ComputeProgramManager* manager, const char* name) {
     if (manager == nullptr || !manager->IsExistComputeProgram(name)) return nullptr;
     return manager->getComputeProgram(name);

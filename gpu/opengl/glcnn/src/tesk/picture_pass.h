@@ -32,6 +32,9 @@ inline void holdTextures(std::initializer_list<Image*> images) {
 bool isPicture(const char* operation, const char* role, const std::shared_ptr<Image>& image,
                unsigned int format = 0);
 
+/// Whether there is a pool for temporary pictures; an error line names the operation otherwise.
+bool hasPool(const char* operation, const TexturePool* pool);
+
 /// The program registered under `name`, or null, without leaving an empty entry behind that would
 /// keep the name from being registered later.
 std::shared_ptr<ComputeProgram> findProgram(ComputeProgramManager* manager, const char* name);

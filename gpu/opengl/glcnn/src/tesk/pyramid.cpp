@@ -18,7 +18,10 @@ Pyramid::Pyramid(int width, int height, int number, TexturePool* pool,
 
 void Pyramid::buildPyramid(std::shared_ptr<Image> src) {
     const char* const operation = "buildPyramid";
-    if (!isPicture(operation, "src", src) || !isPicture(operation, "base", base_image)) return;
+    if (!hasPool(operation, pool) || !isPicture(operation, "src", src) ||
+        !isPicture(operation, "base", base_image)) {
+        return;
+    }
     const auto program = needProgram(operation, manager, "transform_rgb2y_program");
     if (program == nullptr) return;
     holdTextures({src.get(), base_image.get()});
@@ -31,7 +34,7 @@ void Pyramid::buildPyramid(std::shared_ptr<Image> src) {
 
 void Pyramid::GaussianPyramid_sampler(std::shared_ptr<Image> src, std::shared_ptr<Image> dst) {
     const char* const operation = "GaussianPyramid_sampler";
-    if (!isPicture(operation, "src", src, GL_RGBA16F) ||
+    if (!hasPool(operation, pool) || !isPicture(operation, "src", src, GL_RGBA16F) ||
         !isPicture(operation, "dst", dst, GL_RGBA16F)) {
         return;
     }

@@ -12,7 +12,7 @@ class Image;
 class TexturePool;
 
 /// Owns the base level; all other levels are the caller's. Needs the context current, in the
-/// destructor too, and the catalogue's general group registered. A missing program, a missing image
+/// destructor too, and the catalogue's general group registered. A missing program, pool or image,
 /// or one of the wrong kind is an error line, and nothing is dispatched.
 class TN_API Pyramid {
 public:
