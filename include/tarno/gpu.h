@@ -10,11 +10,16 @@
 // GL header.
 #pragma once
 
+#include "gpu/opengl/glcnn/src/tesk/box_filter.h"
 #include "gpu/opengl/glcnn/src/tesk/compute_program_manager.h"
+#include "gpu/opengl/glcnn/src/tesk/fast_guided_filter.h"
+#include "gpu/opengl/glcnn/src/tesk/gaussian_filter.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/buffer.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/buffer_pool.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/compute_program.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/image.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/pbo_downloader.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/texture_pool.h"
+#include "gpu/opengl/glcnn/src/tesk/matrix_color.h"
+#include "gpu/opengl/glcnn/src/tesk/pyramid.h"
 #include "gpu/opengl/glcnn/src/tesk/tesk.h"
