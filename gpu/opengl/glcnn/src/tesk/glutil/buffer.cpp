@@ -156,6 +156,12 @@ bool Buffer::mapForTransfer(int size, unsigned int target) {
     return mapped_data != nullptr;
 }
 
+/// The polls flush nothing, so that a fence left in the driver's queue might never be signalled.
+void Buffer::fence() {
+    sync = glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0);
+    glFlush();
+}
+
 bool Buffer::getBufferDataAsync(int size, void* dst, unsigned int target) {
     if (unmap_status != 1 || !entryPointsLoaded()) return false;
     const bool under_way = sync != nullptr;
@@ -169,7 +175,7 @@ bool Buffer::getBufferDataAsync(int size, void* dst, unsigned int target) {
         if (arrived && dst != nullptr) readCurrent(size, dst, target);
     }
     const bool mapped = mapForTransfer(size, target);
-    sync = glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0);
+    fence();
     if (mapped) glUnmapBuffer(target);
     return arrived;
 }
@@ -201,7 +207,7 @@ bool Buffer::asyncGpu2Cpu(int size) {
                          byte_size);
         return false;
     }
-    sync = glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0);
+    fence();
     unmap_status = 0;
     return true;
 }

@@ -65,6 +65,7 @@ private:
     void dispose();
     void endTransfer(unsigned int target);
     bool mapForTransfer(int size, unsigned int target);
+    void fence();
     void readCurrent(int size, void* dst, unsigned int target);
 
     unsigned int target_type;
