@@ -1,5 +1,5 @@
 // Stands in for a GL entry point for the length of a scope. GLEW keeps the entry points in variables
-// that the library shares with the tests.
+// that the library shares with the tests; the first context fills them, so make it first.
 #pragma once
 
 #include <GL/glew.h>
