@@ -292,6 +292,17 @@ TEST_F(Program, WarningsOfAProgramThatLinksAreKeptAtVerboseLevel) {
     EXPECT_THAT(texts(log, Tarno::LogLevel::Error), IsEmpty());
 }
 
+TEST_F(Program, KnowsWhetherItsLastBuildEndedWell) {
+    Tarno::SetLogLevel(Tarno::LogLevel::Silent);
+    tesk::ComputeProgram program;
+    EXPECT_FALSE(program.isLinked());
+    EXPECT_TRUE(program.createFromCharArray(writing("1").c_str(), true));
+    EXPECT_TRUE(program.isLinked());
+    EXPECT_FALSE(program.createFromCharArray(does_not_compile.c_str(), true));
+    EXPECT_FALSE(program.isLinked());
+    Tarno::SetLogLevel(Tarno::LogLevel::Info);
+}
+
 TEST_F(Program, ANullSourceIsTheEmptyText) {
     Tarno::SetLogLevel(Tarno::LogLevel::Silent);
     tesk::ComputeProgram program;

@@ -154,6 +154,24 @@ TEST_F(Images, AResizeGivesTheTextureBackEvenToTheSameSize) {
     EXPECT_EQ(pool.textureCount(), 2);
 }
 
+TEST_F(Images, AnAssignedImageNamesTheSameTextureAndTheFirstToBeDoneGivesItBack) {
+    tesk::Image source(2, 3, 7, GL_RGBA16F, &pool);
+    source.addReadCount();
+    const unsigned int id = source.texture();
+    tesk::Image image(&pool);
+    image = source;
+    EXPECT_EQ(image.textureId(), id);
+    EXPECT_EQ(image.readCount(), 1);
+    EXPECT_EQ(image.height(), 2);
+    EXPECT_EQ(image.width(), 3);
+    EXPECT_EQ(image.channels(), 7);
+    EXPECT_EQ(image.textureType(), GLenum{GL_TEXTURE_2D_ARRAY});
+    EXPECT_EQ(pool.texturesInUse(), 1);
+    image.subReadCount();
+    EXPECT_EQ(pool.texturesInUse(), 0);
+    EXPECT_EQ(source.textureId(), id);
+}
+
 TEST_F(Images, WithoutASizeTakeNothingUntilAResize) {
     tesk::Image image(&pool);
     EXPECT_EQ(image.format(), GLenum{GL_RGBA16F});

@@ -172,8 +172,8 @@ TEST_F(Registry, BeginsWithTheDocumentedNumbers) {
     EXPECT_EQ(fresh.tricksMode, 4);
     EXPECT_EQ(fresh.tuningWord6, 0);
     EXPECT_EQ(fresh.uboSliceLimit, 4);
-    EXPECT_EQ(fresh.tuningWord8, 256);
-    EXPECT_EQ(fresh.tuningWord9, 256);
+    EXPECT_EQ(fresh.netWidth, 256);
+    EXPECT_EQ(fresh.netHeight, 256);
     EXPECT_EQ(fresh.cacheName, "a client");
     EXPECT_EQ(fresh.cachePath, "");
     for (const uint32_t word : fresh.cacheInfo.words)

@@ -83,6 +83,7 @@ bool ComputeProgram::createFromCharArray(const char* source, bool) {
 }
 
 bool ComputeProgram::createFromString(const std::string& source, bool) {
+    linked = false;
     program = entryPointsLoaded() ? glCreateProgram() : 0;
     TN_ASSERT(program != 0);
     if (program == 0) return false;
