@@ -50,6 +50,9 @@ std::string hexadecimal(EGLint code) {
     return text;
 }
 
+/// Code of the step that ran last on this thread.
+thread_local EGLint last_error = EGL_SUCCESS;
+
 struct Window {
     EGLDisplay display;
     EGLConfig config;
@@ -77,6 +80,7 @@ public:
     int choosePixelFormat(void* device_context) override {
         Window* window = static_cast<Window*>(device_context);
         window->config = choose_config(window->display, surfaceless() ? 0 : EGL_PBUFFER_BIT);
+        last_error = eglGetError();
         return window->config != nullptr ? 1 : 0;
     }
     bool setPixelFormat(void* device_context, int) override {
@@ -84,25 +88,36 @@ public:
         if (surfaceless()) return true;
         const EGLint size[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
         window->surface = eglCreatePbufferSurface(window->display, window->config, size);
+        last_error = eglGetError();
         return window->surface != EGL_NO_SURFACE;
     }
 
     void* createContext(void* device_context) override {
         const Window* window = static_cast<Window*>(device_context);
         const BoundApi api;
-        return eglCreateContext(window->display, window->config, EGL_NO_CONTEXT, nullptr);
+        void* const context =
+            eglCreateContext(window->display, window->config, EGL_NO_CONTEXT, nullptr);
+        last_error = eglGetError();
+        return context;
     }
     void deleteContext(void* context) override { eglDestroyContext(display, context); }
+    /// What is current is kept for each API, so desktop GL is bound for the release, too.
     bool makeCurrent(void* device_context, void* context) override {
-        const Window* window = static_cast<Window*>(device_context);
-        if (context == nullptr) {
-            return display == EGL_NO_DISPLAY ||
-                   eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        const BoundApi api;
+        EGLBoolean done = EGL_TRUE;
+        if (context != nullptr) {
+            const Window* window = static_cast<Window*>(device_context);
+            done = eglMakeCurrent(window->display, window->surface, window->surface, context);
+        } else if (display != EGL_NO_DISPLAY) {
+            done = eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
         }
-        return eglMakeCurrent(window->display, window->surface, window->surface, context);
+        last_error = eglGetError();
+        return done == EGL_TRUE;
     }
 
-    unsigned int lastError() override { return static_cast<unsigned int>(eglGetError()); }
+    /// Kept by the steps themselves: every later call of EGL, the rebinding of the API among them,
+    /// clears the code.
+    unsigned int lastError() override { return static_cast<unsigned int>(last_error); }
 
     unsigned int loadFunctions() override {
         glewExperimental = GL_TRUE;
@@ -132,7 +147,12 @@ private:
     }
 
     bool find_display() {
-        if (display != EGL_NO_DISPLAY) return true;
+        // Displays are shared with the host, who may have terminated this one. Initialising it once
+        // more is free when nothing happened.
+        if (display != EGL_NO_DISPLAY && eglInitialize(display, nullptr, nullptr) == EGL_TRUE) {
+            return true;
+        }
+        display = EGL_NO_DISPLAY;
         trials.clear();
         const char* extensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
         if (try_hardware_devices(extensions)) return true;

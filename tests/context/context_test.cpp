@@ -287,8 +287,9 @@ TEST(Context, TheVersionIsReadFromTheCharactersAroundTheFirstPoint) {
     EXPECT_THAT(platform.calls, IsEmpty());
 }
 
-std::string probe(const std::string& environment) {
-    std::FILE* const output = popen(("env " + environment + " " TARNO_CONTEXT_PROBE).c_str(), "r");
+std::string probe(const std::string& environment, const std::string& argument = "") {
+    const std::string command = "env " + environment + " " TARNO_CONTEXT_PROBE " " + argument;
+    std::FILE* const output = popen(command.c_str(), "r");
     if (output == nullptr) return "";
     char line[256] = "";
     while (std::fgets(line, sizeof(line), output) != nullptr) continue;
@@ -308,6 +309,10 @@ TEST(Context, ADriverWithoutComputeShadersIsRefused) {
 TEST(Context, ADriverThatSays42IsRefused) {
     EXPECT_EQ(probe("LIBGL_ALWAYS_SOFTWARE=1 MESA_GL_VERSION_OVERRIDE=4.2"),
               "init 5 check 5 uninit 0 again 1\n");
+}
+
+TEST(Context, ADisplayThatTheHostTerminatedIsTakenAgain) {
+    EXPECT_EQ(probe("", "terminate"), "init 0 uninit 0 init 0 check 0 uninit 0\n");
 }
 
 TEST(Context, AMachineWithoutADriverIsAFailure) {

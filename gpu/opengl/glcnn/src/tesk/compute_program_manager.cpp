@@ -59,6 +59,12 @@ private:
     int64_t left = 0;
 };
 
+/// Behind the lines that say what is wrong with it: whose program it is.
+void report_without_code(const std::string& name) {
+    Tarno::_LogError("Tarno", "program %s: expected code that compiles and links, see above",
+                     name.c_str());
+}
+
 constexpr int entry_head_bytes = 12;
 
 bool read_entry(BoundedFile& file, BinFileEntry& entry) {
@@ -126,17 +132,17 @@ bool ComputeProgramManager::addComputeProgramFromString(const char* source,
         Tarno::_LogError("Tarno", "shader source error, %s", source);
         return false;
     }
-    if (!built) {
-        Tarno::_LogError("Tarno", "program %s: expected code that compiles and links, see above",
-                         name.c_str());
-    }
+    if (!built) report_without_code(name);
     return true;
 }
 
 bool ComputeProgramManager::addComputeProgramFromFile(const std::string& path,
                                                       const std::string& name) {
-    const std::shared_ptr<ComputeProgram> program = createComputeProgramFromFile(path, true);
+    bool built = false;
+    const std::shared_ptr<ComputeProgram> program =
+        createComputeProgramFromFile(path, true, &built);
     if (program == nullptr) return false;
+    if (!built) report_without_code(name);
     programs[name] = program;
     return true;
 }
@@ -159,9 +165,9 @@ std::shared_ptr<tesk::ComputeProgram> ComputeProgramManager::createComputeProgra
 }
 
 std::shared_ptr<tesk::ComputeProgram> ComputeProgramManager::createComputeProgramFromFile(
-    const std::string& path, bool flag) {
+    const std::string& path, bool flag, bool* built) {
     const auto program = std::make_shared<ComputeProgram>();
-    program->createFromFile(path, flag);
+    *built = program->createFromFile(path, flag);
     return program;
 }
 
@@ -179,11 +185,14 @@ bool ComputeProgramManager::binaryFileExist(const BinFileInfo&) {
 }
 
 bool ComputeProgramManager::loadProgramBinary() {
+    if (readCacheFile()) return true;
+    cacheUsable = false;
+    return false;
+}
+
+bool ComputeProgramManager::readCacheFile() {
     BoundedFile file(cachePath);
-    if (!file.is_open()) {
-        cacheUsable = false;
-        return false;
-    }
+    if (!file.is_open()) return false;
     for (uint32_t& word : cacheInfo.words) {
         if (!file.read_word(word)) return false;
     }

@@ -57,7 +57,7 @@ public:
 
     /// The groups of the built-in catalogue, registered with `manager`: everything but the special
     /// models' own (98 programs), audio (8), faces (22), segmentation (13). `info` is not read. The
-    /// result is false in every case and says nothing.
+    /// result is false in every case and says nothing. A null manager is logged, and no more.
     bool initProgramBinary(const BinFileInfo& info, tesk::ComputeProgramManager* manager);
     bool initProgramBinary_Audio(const BinFileInfo& info, tesk::ComputeProgramManager* manager);
     bool initProgramBinary_faceDetection(const BinFileInfo& info,
@@ -69,8 +69,11 @@ public:
     /// return false.
     bool binaryFileExist();
     bool binaryFileExist(const BinFileInfo& info);
-    /// Reads the file at `cachePath` into `cacheEntries`. False when it cannot be opened, or claims
-    /// more than it holds; the entries read so far stay. What was loaded is not handed to GL.
+    /// Reads the file at `cachePath` into `cacheEntries`: 32-bit little-endian words, four of
+    /// `cacheInfo`, the count, then for each entry first word, length, second word, data. False, and
+    /// the cache marked unusable, when it cannot be opened for reading and writing or claims more
+    /// than it holds; the entries read so far stay, the others are zero. `data` of each entry and
+    /// the array itself come from new[] and are the client's to free. Nothing is handed to GL.
     bool loadProgramBinary();
     /// "<folder prefix><name, or shaderBin>Offical<first><second>.bin"
     static std::string cacheFileName(const std::string& name, int first, int second);
@@ -123,7 +126,8 @@ private:
     std::shared_ptr<tesk::ComputeProgram> createComputeProgramFromString(const char* source,
                                                                          bool flag, bool* built);
     std::shared_ptr<tesk::ComputeProgram> createComputeProgramFromFile(const std::string& path,
-                                                                       bool flag);
+                                                                       bool flag, bool* built);
+    bool readCacheFile();
     void save2bin();
     void resetBinFileStatus();
 

@@ -1,5 +1,6 @@
 // The groups of the built-in catalogue.
 #include "compute_program_manager.h"
+#include "platform/tn_core.h"
 #include "program_sources.h"
 
 namespace tesk {
@@ -22,6 +23,10 @@ constexpr Registration registrations[] = {
 };
 
 bool register_group(Group group, ComputeProgramManager* manager) {
+    if (manager == nullptr) {
+        Tarno::_LogError("Tarno", "program group: expected a manager to register with, found none");
+        return false;
+    }
     for (const Registration& registration : registrations) {
         if (registration.group == group) {
             manager->addComputeProgramFromString(programSource(registration.name),

@@ -39,6 +39,11 @@ Buffer::Buffer(int size, long stamp, const void* data, unsigned int type) {
 }
 
 Buffer::~Buffer() {
+    dispose();
+}
+
+/// The pack buffers and the texture stay, as documented.
+void Buffer::dispose() {
     if (!entryPointsLoaded()) return;
     if (sync != nullptr) {
         if (unmap_status != 1) {
@@ -48,8 +53,10 @@ Buffer::~Buffer() {
         glDeleteSync(sync);
         sync = nullptr;
         mapped_data = nullptr;
+        mapped_size = 0;
     }
     if (buffer_id != 0) glDeleteBuffers(1, &buffer_id);
+    buffer_id = 0;
 }
 
 void Buffer::init() {
@@ -68,10 +75,10 @@ void Buffer::init() {
 }
 
 void Buffer::create(int size, const void* data, unsigned int type) {
+    dispose();
     byte_size = size;
     target_type = type;
-    sync = nullptr;
-    mapped_data = nullptr;
+    unmap_status = 1;
     if (!entryPointsLoaded()) return;
     glGenBuffers(1, &buffer_id);
     glBindBuffer(type, buffer_id);
@@ -83,11 +90,23 @@ void Buffer::reset() {}
 void Buffer::update(int size, const void* data, unsigned int target) {
     if (!entryPointsLoaded()) return;
     glBindBuffer(target, buffer_id);
+    if (unmap_status != 1) endTransfer(target);
     glBufferData(target, size, data, GL_STREAM_DRAW);
 }
 
+/// New storage takes the mapping of a transfer in flight with it: its pointer must not be read any
+/// more.
+void Buffer::endTransfer(unsigned int target) {
+    glUnmapBuffer(target);
+    if (sync != nullptr) glDeleteSync(sync);
+    sync = nullptr;
+    mapped_data = nullptr;
+    mapped_size = 0;
+    unmap_status = 1;
+}
+
 void Buffer::getBufferData(int size, char* dst, unsigned int target) {
-    if (!entryPointsLoaded()) return;
+    if (dst == nullptr || !entryPointsLoaded()) return;
     glBindBuffer(target, buffer_id);
     const void* const data = glMapBufferRange(target, 0, size, GL_MAP_READ_BIT);
     if (data == nullptr) return;
@@ -96,7 +115,7 @@ void Buffer::getBufferData(int size, char* dst, unsigned int target) {
 }
 
 void Buffer::getBufferData(int size, char* dst, unsigned int target, bool) {
-    if (!entryPointsLoaded()) return;
+    if (dst == nullptr || !entryPointsLoaded()) return;
     if (texture_id == 0) glGenTextures(1, &texture_id);
     if (pack_buffers[0] == 0) {
         glGenBuffers(2, pack_buffers);
@@ -131,49 +150,64 @@ void Buffer::sizePackBuffers(int size) {
     glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
 }
 
-void Buffer::mapForTransfer(int size, unsigned int target) {
+bool Buffer::mapForTransfer(int size, unsigned int target) {
     mapped_data = glMapBufferRange(target, 0, size, transfer_access);
     mapped_size = mapped_data != nullptr ? size : 0;
+    return mapped_data != nullptr;
+}
+
+/// The polls flush nothing, so that a fence left in the driver's queue might never be signalled.
+void Buffer::fence() {
     sync = glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0);
+    glFlush();
 }
 
 bool Buffer::getBufferDataAsync(int size, void* dst, unsigned int target) {
-    if (!entryPointsLoaded()) return false;
-    if (sync == nullptr) {
-        mapForTransfer(size, target);
-        glUnmapBuffer(target);
-        return false;
+    if (unmap_status != 1 || !entryPointsLoaded()) return false;
+    const bool under_way = sync != nullptr;
+    bool arrived = false;
+    if (under_way) {
+        if (!IsReadOk()) return false;
+        glDeleteSync(sync);
+        glBindBuffer(target, buffer_id);
+        TN_ASSERT(mapped_data != nullptr);
+        arrived = mapped_data != nullptr;
+        if (arrived && dst != nullptr) readCurrent(size, dst, target);
     }
-    if (!IsReadOk()) return false;
-    glDeleteSync(sync);
-    sync = nullptr;
-    glBindBuffer(target, buffer_id);
-    TN_ASSERT(mapped_data != nullptr);
-    if (mapped_data != nullptr) {
-        // The pointer of the last call was unmapped and only tells that there was a mapping; what
-        // stands behind it is read through a mapping of this call.
-        const int available = std::min(size, mapped_size);
-        const void* const data = glMapBufferRange(target, 0, available, GL_MAP_READ_BIT);
-        if (data != nullptr) {
-            copy_bytes(dst, data, size, available);
-            glUnmapBuffer(target);
-        }
-    }
-    mapForTransfer(size, target);
-    glUnmapBuffer(target);
-    return true;
+    const bool mapped = mapForTransfer(size, target);
+    fence();
+    if (mapped) glUnmapBuffer(target);
+    return arrived;
+}
+
+/// The pointer of the last call was unmapped and only tells that there was a mapping; what stands
+/// behind it is read through a mapping of this call.
+void Buffer::readCurrent(int size, void* dst, unsigned int target) {
+    // The storage may have been respecified since.
+    GLint stored = 0;
+    glGetBufferParameteriv(target, GL_BUFFER_SIZE, &stored);
+    const int available = std::min({size, mapped_size, static_cast<int>(stored)});
+    const void* const data =
+        available > 0 ? glMapBufferRange(target, 0, available, GL_MAP_READ_BIT) : nullptr;
+    copy_bytes(dst, data, size, data != nullptr ? available : 0);
+    if (data != nullptr) glUnmapBuffer(target);
 }
 
 bool Buffer::asyncGpu2Cpu(int size) {
     if (!entryPointsLoaded()) return false;
+    glBindBuffer(target_type, buffer_id);
     if (unmap_status != 1) {
-        glBindBuffer(target_type, buffer_id);
         unmap_status = glUnmapBuffer(target_type);
         if (unmap_status != 1) return false;
     }
     if (sync != nullptr) glDeleteSync(sync);
-    glBindBuffer(target_type, buffer_id);
-    mapForTransfer(size, target_type);
+    sync = nullptr;
+    if (!mapForTransfer(size, target_type)) {
+        Tarno::_LogError("Tarno", "buffer: expected %d bytes to read back, found %d", size,
+                         byte_size);
+        return false;
+    }
+    fence();
     unmap_status = 0;
     return true;
 }
@@ -181,7 +215,8 @@ bool Buffer::asyncGpu2Cpu(int size) {
 bool Buffer::getAsyncData(int size, void* dst) {
     if (!entryPointsLoaded()) return false;
     glBindBuffer(target_type, buffer_id);
-    if (sync == nullptr) return false;
+    // A fence of the rolling read has no mapping behind it.
+    if (sync == nullptr || unmap_status == 1) return false;
     if (!IsReadOk()) {
         Tarno::_LogVerbose("Tarno", "gpu2cpu do not transfer over.");
         return false;

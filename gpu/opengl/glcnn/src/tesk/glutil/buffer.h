@@ -20,11 +20,13 @@ public:
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
 
-    /// Makes the buffer object of a buffer constructed without arguments.
+    /// Makes the buffer object of a buffer constructed without arguments. One that there was goes
+    /// first.
     void create(int size, const void* data, unsigned int type);
     /// Does nothing.
     void reset();
-    /// Respecifies the storage. `size()` stays what it was.
+    /// Respecifies the storage. `size()` stays what it was. The data of a fenced transfer in flight
+    /// are lost: `getAsyncData` is then false.
     void update(int size, const void* data, unsigned int target);
 
     /// Blocking read of `size` bytes to `dst`; `dst` is left alone when the buffer cannot be mapped
@@ -35,11 +37,14 @@ public:
     /// has no effect.
     void getBufferData(int size, char* dst, unsigned int target, bool flag);
     /// Rolling read, one call behind: false while nothing has arrived. The caller has bound the
-    /// buffer to `target`.
+    /// buffer to `target`. What comes is the content at the time of the call; bytes beyond the
+    /// buffer, or beyond the size of the call before, come as 0. When the call before could not map
+    /// the buffer that is an assertion, and false. False, too, while a fenced transfer is in flight.
     bool getBufferDataAsync(int size, void* dst, unsigned int target);
 
     /// Starts a fenced transfer; the buffer stays mapped until `getAsyncData` has collected it.
-    /// False when an earlier mapping cannot be ended.
+    /// False when an earlier mapping cannot be ended, or when the buffer cannot be mapped (`size` not
+    /// above 0, or beyond it): nothing is in flight then, and a line is logged.
     bool asyncGpu2Cpu(int size);
     /// Collects it without waiting: false while it is on its way (ask again), or when none is. Bytes
     /// beyond those that the transfer was started with come as 0. `dst` may be null.
@@ -57,7 +62,11 @@ private:
     void init();
     bool IsReadOk();
     void sizePackBuffers(int size);
-    void mapForTransfer(int size, unsigned int target);
+    void dispose();
+    void endTransfer(unsigned int target);
+    bool mapForTransfer(int size, unsigned int target);
+    void fence();
+    void readCurrent(int size, void* dst, unsigned int target);
 
     unsigned int target_type;
     int byte_size;

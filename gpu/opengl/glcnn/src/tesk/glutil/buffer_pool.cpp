@@ -57,7 +57,14 @@ BufferPool::~BufferPool() {
 }
 
 unsigned int BufferPool::getBuffer(int size, long stamp) try {
-    if (!entryPointsLoaded()) return 0;
+    if (size < 1) {
+        Tarno::_LogError("Tarno", "buffer: expected a size above 0, found %d", size);
+        return 0;
+    }
+    if (!entryPointsLoaded()) {
+        Tarno::_LogError("Tarno", "buffer: expected a context of tesk_Init, found none");
+        return 0;
+    }
     BufferSizeGroup* group = tn_d()->find(size);
     if (group == nullptr) {
         tn_d()->groups.push_back(std::make_unique<BufferSizeGroup>());

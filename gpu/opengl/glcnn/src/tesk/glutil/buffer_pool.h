@@ -18,7 +18,8 @@ public:
     BufferPool& operator=(const BufferPool&) = delete;
 
     /// GL id of a storage buffer of exactly `size` bytes without a transfer in flight, queued with
-    /// `stamp`; it stays the pool's. 0 when none could be made.
+    /// `stamp`; it stays the pool's. 0 when none could be made; a size not above 0 and a missing
+    /// context are logged.
     unsigned int getBuffer(int size, long stamp);
     /// Starts the transfer of the buffer of that size that was handed out last.
     void startAysnBufferLoading(int size);

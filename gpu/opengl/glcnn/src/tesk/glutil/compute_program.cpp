@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "buffer.h"
@@ -22,7 +23,7 @@ void erase_all(std::string& text, const std::string& words) {
 /// From GLSL ES 3.10 to desktop 4.30. Precision qualifiers on declarations stay and vanish through
 /// the defines.
 std::string rewrite_for_desktop(const char* source) {
-    std::string text = source != nullptr ? source : "";
+    std::string text = source;
     erase_all(text, "#version 310 es");
     erase_all(text, "precision lowp float;");
     erase_all(text, "precision mediump float;");
@@ -46,14 +47,15 @@ std::string numbered(const std::string& source) {
     return text;
 }
 
+/// What the driver has to say; nothing when it says so.
 template <typename GetLength, typename GetText>
-std::string info_log(unsigned int object, GetLength get_length, GetText get_text) {
+std::optional<std::string> info_log(unsigned int object, GetLength get_length, GetText get_text) {
     GLint length = 0;
     get_length(object, GL_INFO_LOG_LENGTH, &length);
-    if (length <= 0) return "";
+    if (length <= 0) return std::nullopt;
     std::vector<char> text(static_cast<size_t>(length) + 1, '\0');
     get_text(object, length, nullptr, text.data());
-    return text.data();
+    return std::string(text.data());
 }
 
 }  // namespace
@@ -77,11 +79,13 @@ bool ComputeProgram::createProgram() {
 
 bool ComputeProgram::createFromCharArray(const char* source, bool) {
     if (!createProgram()) return false;
-    return buildFrom(source, "Failed to compile compute shader", true);
+    return buildFrom(source != nullptr ? source : "", "Failed to compile compute shader", true);
 }
 
 bool ComputeProgram::createFromString(const std::string& source, bool) {
+    linked = false;
     program = entryPointsLoaded() ? glCreateProgram() : 0;
+    TN_ASSERT(program != 0);
     if (program == 0) return false;
     // The words name another kind of shader; log filters know them.
     return buildFrom(source.c_str(), "Failed to compile fragment shader", false);
@@ -118,12 +122,13 @@ bool ComputeProgram::compileShader(unsigned int* shader, unsigned int type, cons
     glShaderSource(*shader, 1, strings, nullptr);
     glCompileShader(*shader);
 
-    const std::string log = info_log(*shader, glGetShaderiv, glGetShaderInfoLog);
-    if (!log.empty()) Tarno::_LogVerbose("Tarno", "Shader compile log:\n%s", log.c_str());
+    const std::optional<std::string> log = info_log(*shader, glGetShaderiv, glGetShaderInfoLog);
+    if (log) Tarno::_LogVerbose("Tarno", "Shader compile log:\n%s", log->c_str());
     GLint compiled = 0;
     glGetShaderiv(*shader, GL_COMPILE_STATUS, &compiled);
     if (compiled == 0) {
-        Tarno::_LogError("Tarno", "%s\n%s", log.c_str(), numbered(text).c_str());
+        Tarno::_LogError("Tarno", "%s\n%s", log.value_or("").c_str(),
+                         numbered(text).c_str());
         glDeleteShader(*shader);
         return false;
     }
@@ -135,7 +140,8 @@ int ComputeProgram::linkProgram() {
     GLint linked = 0;
     glGetProgramiv(program, GL_LINK_STATUS, &linked);
     if (linked == 0) {
-        const std::string log = info_log(program, glGetProgramiv, glGetProgramInfoLog);
+        const std::string log =
+            info_log(program, glGetProgramiv, glGetProgramInfoLog).value_or("");
         Tarno::_LogError("Tarno", "Program link log:\n%s", log.c_str());
     }
     return linked;
@@ -162,10 +168,12 @@ int ComputeProgram::getUniformLoc(const std::string& name) {
 }
 
 void ComputeProgram::use() {
+    if (!entryPointsLoaded()) return;
     glUseProgram(program);
 }
 
 void ComputeProgram::compute(unsigned int x, unsigned int y, unsigned int z) {
+    if (!entryPointsLoaded()) return;
     glDispatchCompute(x, y, z);
     glMemoryBarrier(GL_ALL_BARRIER_BITS);
 }
@@ -175,18 +183,22 @@ unsigned int ComputeProgram::status() {
 }
 
 void ComputeProgram::setUniform1i(const std::string& name, int value) {
+    if (!entryPointsLoaded()) return;
     glUniform1i(getUniformLoc(name), value);
 }
 
 void ComputeProgram::setUniform1f(const std::string& name, float value) {
+    if (!entryPointsLoaded()) return;
     glUniform1f(getUniformLoc(name), value);
 }
 
 void ComputeProgram::setUniform1fv(const std::string& name, float* values, int count) {
+    if (!entryPointsLoaded()) return;
     glUniform1fv(getUniformLoc(name), count, values);
 }
 
 void ComputeProgram::setUnifromTexture(const std::string& name, int unit, tesk::Image& image) {
+    if (!entryPointsLoaded()) return;
     glUniform1i(getUniformLoc(name), unit);
     glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
     glBindTexture(image.textureType(), image.texture());
@@ -194,12 +206,14 @@ void ComputeProgram::setUnifromTexture(const std::string& name, int unit, tesk::
 
 void ComputeProgram::setUnifromTextureWithTexID(const std::string& name, int unit,
                                                 unsigned int texture) {
+    if (!entryPointsLoaded()) return;
     glUniform1i(getUniformLoc(name), unit);
     glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
     glBindTexture(GL_TEXTURE_2D, texture);
 }
 
 void ComputeProgram::bindImage(unsigned int unit, unsigned int access, tesk::Image& image) {
+    if (!entryPointsLoaded()) return;
     const GLboolean layered = image.textureType() == GL_TEXTURE_2D_ARRAY ? GL_TRUE : GL_FALSE;
     glBindImageTexture(unit, image.texture(), 0, layered, 0, access, image.format());
 }
@@ -207,29 +221,35 @@ void ComputeProgram::bindImage(unsigned int unit, unsigned int access, tesk::Ima
 void ComputeProgram::bindImageTexture(unsigned int unit, unsigned int texture,
                                       unsigned char layered, int layer, unsigned int access,
                                       unsigned int format) {
+    if (!entryPointsLoaded()) return;
     glBindImageTexture(unit, texture, 0, layered, layer, access, format);
 }
 
 void ComputeProgram::bindBuffer(unsigned int unit, tesk::Buffer& buffer) {
+    if (!entryPointsLoaded()) return;
     glBindBufferBase(buffer.type(), unit, buffer.bufferId());
 }
 
 void ComputeProgram::bindBuffer(unsigned int unit, unsigned int buffer, unsigned int target) {
+    if (!entryPointsLoaded()) return;
     glBindBufferBase(target, unit, buffer);
 }
 
 void ComputeProgram::bindBufferRange(unsigned int unit, tesk::Buffer& buffer, unsigned int offset,
                                      unsigned int size) {
+    if (!entryPointsLoaded()) return;
     glBindBufferRange(buffer.type(), unit, buffer.bufferId(), offset, size);
 }
 
 void ComputeProgram::bindBufferRange_with_bufferID(unsigned int unit, unsigned int buffer,
                                                    unsigned int offset, unsigned int size) {
+    if (!entryPointsLoaded()) return;
     glBindBufferRange(GL_SHADER_STORAGE_BUFFER, unit, buffer, offset, size);
 }
 
 void ComputeProgram::bindUniformBlockIdx(const std::string&, tesk::Buffer& buffer,
                                          unsigned int index) {
+    if (!entryPointsLoaded()) return;
     glBindBufferBase(GL_UNIFORM_BUFFER, index, buffer.bufferId());
 }
 

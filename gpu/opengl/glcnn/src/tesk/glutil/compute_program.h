@@ -12,6 +12,7 @@ class Image;
 
 /// Sources are written in GLSL ES 3.10 and rewritten for desktop OpenGL 4.3 on their way to the
 /// driver. Everything here needs the context current; uniform setters act on the program in use.
+/// Before the first context nothing is done, and the creators are false.
 ///
 /// The order of a dispatch: `use`, then uniforms and bindings, then `compute`. Units and bindings
 /// are those of the source's `layout` qualifiers; nothing here checks them.
@@ -29,7 +30,8 @@ public:
     /// Compiles, attaches and links `source`. False when one of them failed; the reason is logged,
     /// and the program object stays. The flag has no effect.
     bool createFromCharArray(const char* source, bool flag);
-    /// The same with a new program object each time: an earlier one is left without an owner.
+    /// The same with a new program object each time: an earlier one is left without an owner. Log
+    /// lines of a failure speak of a fragment shader and do not hold the source.
     bool createFromString(const std::string& source, bool flag);
     /// The same from a text file; a file that cannot be read counts as the empty source.
     bool createFromFile(const std::string& path, bool flag);

@@ -84,6 +84,10 @@ void Image::subReadCount() {
 }
 
 void Image::acquireTexure() {
+    if (pool == nullptr) {
+        Tarno::_LogError("Tarno", "image: expected a texture pool, found none");
+        return;
+    }
     texture_id =
         pool->acquireTexture(image_height, image_width, image_channels, texture_type, image_format);
 }
@@ -113,7 +117,9 @@ void Image::update(const char* data, int half) {
 }
 
 void Image::copyTexToMemry(char* dst, int slice) {
+    if (dst == nullptr) return;
     bindFbo(slice);
+    const TightRows rows(GL_PACK_ALIGNMENT);
     glReadPixels(0, 0, image_width, image_height, GL_RGBA, GL_FLOAT, dst);
     unbindFbo();
 }
@@ -123,6 +129,7 @@ void Image::copyTexToMemry(float* dst, int slice) {
 }
 
 void Image::copyTexToMemry_c1(char* dst, int slice) {
+    if (dst == nullptr) return;
     bindFbo(slice);
     const TightRows rows(GL_PACK_ALIGNMENT);
     glReadPixels(0, 0, image_width, image_height, GL_RED, GL_UNSIGNED_BYTE, dst);

@@ -21,7 +21,7 @@ class TN_API Image {
 public:
     /// No texture yet. `format` is GL's internal format, GL_RGBA16F for all tensors of the engine.
     Image(int height, int width, int channels, unsigned int format, tesk::TexturePool* pool);
-    /// A size of 0 in GL_RGBA16F, until `resize`.
+    /// A size of 0 in GL_RGBA16F, until `resize`; an upload before it is logged and does nothing.
     explicit Image(tesk::TexturePool* pool);
     /// Gives the texture back.
     ~Image();
@@ -42,7 +42,8 @@ public:
     unsigned int textureType() const { return texture_type; }
     /// The texture as it stands: 0 when there is none.
     unsigned int textureId() const { return texture_id; }
-    /// The texture, taken from the pool when there is none.
+    /// The texture, taken from the pool when there is none. 0, and a log line, without a pool or
+    /// with a size that is not above 0.
     unsigned int texture();
 
     void addReadCount() { ++read_count; }
@@ -57,8 +58,9 @@ public:
     /// when `half` is not 0, four floats when it is. Null data does nothing.
     void update(const char* data, int half);
 
-    /// Reads a slice back: width * height texels of four floats, row by row. Blocks. The image must
-    /// hold a texture. Leaves framebuffer 0 bound.
+    /// Reads a slice back: width * height texels of four floats, row by row. Blocks. Without a
+    /// texture, or with a slice that there is not, `dst` is left alone and a GL error is pending.
+    /// Leaves framebuffer 0 bound.
     void copyTexToMemry(char* dst, int slice);
     void copyTexToMemry(float* dst, int slice);
     /// The first component as bytes 0 to 255, one a pixel.
@@ -82,7 +84,7 @@ private:
     void bindFbo(int slice);
     void unbindFbo();
     void readComponent(float* dst, int slice, int component);
-    int slices() const { return (image_channels + 3) / 4; }
+    int slices() const { return image_channels / 4 + (image_channels % 4 > 0 ? 1 : 0); }
 
     unsigned int texture_id = 0;
     unsigned int framebuffer = 0;

@@ -37,7 +37,7 @@ struct Plane {
 
 void write_row_ends(const Plane& plane, int y, const Write& write) {
     const int w = plane.width;
-    char line[256];
+    char line[384];  // the largest float has 39 digits before the point
     std::snprintf(line, sizeof(line), "%.4f %.4f %.4f | %.4f %.4f %.4f \n", plane.at(0, y),
                   plane.at(1, y), plane.at(2, y), plane.at(w - 3, y), plane.at(w - 2, y),
                   plane.at(w - 1, y));
@@ -165,6 +165,7 @@ void Image::saveToPng(const char*, int) {}
 /// GL counts the formats of single components up from GL_RED.
 void Image::readComponent(float* dst, int slice, int component) {
     bindFbo(slice);
+    const TightRows rows(GL_PACK_ALIGNMENT);
     glReadPixels(0, 0, image_width, image_height, GL_RED + static_cast<GLenum>(component), GL_FLOAT,
                  dst);
     unbindFbo();

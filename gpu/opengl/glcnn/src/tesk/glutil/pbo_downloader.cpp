@@ -21,6 +21,23 @@ int components_of(unsigned int format) {
     }
 }
 
+/// Rows padded to at most four bytes, for the length of a scope: the frame has room for no more.
+class PaddedRows {
+public:
+    PaddedRows() {
+        glGetIntegerv(GL_PACK_ALIGNMENT, &before);
+        if (before > 4) glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    }
+    ~PaddedRows() {
+        if (before > 4) glPixelStorei(GL_PACK_ALIGNMENT, before);
+    }
+    PaddedRows(const PaddedRows&) = delete;
+    PaddedRows& operator=(const PaddedRows&) = delete;
+
+private:
+    GLint before = 4;
+};
+
 }  // namespace
 
 PboDownloader::PboDownloader() : pixel_type(GL_UNSIGNED_BYTE) {}
@@ -50,8 +67,11 @@ int PboDownloader::init(unsigned int format, unsigned int type, int width, int h
     frame_height = height;
     pbo_count = count;
 
-    const long long frame_components = 1LL * width * height * components_of(format);
-    if (components_of(format) == 0) {
+    // An earlier call may have left a frame of another size.
+    delete[] pixels;
+    pixels = nullptr;
+    const int components = components_of(format);
+    if (components == 0) {
         Tarno::_LogError("Tarno", "Unhandled pixel format, use GL_R, GL_RG, GL_RGB or GL_RGBA.");
         return -3;
     }
@@ -59,11 +79,8 @@ int PboDownloader::init(unsigned int format, unsigned int type, int width, int h
         Tarno::_LogError("Tarno", "Invalid width or height given: %d x %d", width, height);
         return -4;
     }
-    // An earlier call may have stopped behind this allocation.
-    delete[] pixels;
-    pixels = nullptr;
-    if (frame_components <= INT_MAX / 4) {
-        byte_size = static_cast<int>(frame_components) * 4;
+    if (width <= INT_MAX / 4 / components / height) {
+        byte_size = width * height * components * 4;
         pixels = new (std::nothrow) unsigned char[static_cast<size_t>(byte_size)];
     }
     if (pixels == nullptr) {
@@ -94,6 +111,7 @@ int PboDownloader::init(unsigned int format, unsigned int type, int width, int h
 
 bool PboDownloader::download() {
     if (pixels == nullptr || !entryPointsLoaded()) return false;
+    const PaddedRows rows;
     if (!supported || pbo_count == 0) {
         glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
         glReadPixels(0, 0, frame_width, frame_height, pixel_format, pixel_type, pixels);

@@ -28,7 +28,8 @@ public:
     /// bound is bound again.
     bool download(unsigned int target, unsigned int texture, int layer);
 
-    /// The frame last fetched, rows padded by GL's pack alignment. Stays the downloader's.
+    /// The frame last fetched, rows padded to GL's pack alignment, at most to four bytes. Null before
+    /// `init` and when it refused the size or format. Stays the downloader's.
     unsigned char* data() { return pixels; }
 
 private:

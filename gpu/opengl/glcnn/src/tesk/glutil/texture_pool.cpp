@@ -18,6 +18,10 @@ int bytes_per_texel(unsigned int format) {
     }
 }
 
+int slice_count(int channels) {
+    return channels / 4 + (channels % 4 > 0 ? 1 : 0);
+}
+
 }  // namespace
 
 TexturePool::TexturePool(int value) : value(value) {}
@@ -34,7 +38,9 @@ unsigned int TexturePool::acquireTexture(int height, int width, int channels, un
         return textures[fit].id;
     }
     if (height < 1 || width < 1 || channels < 1) {
-        Tarno::_LogError("Tarno", "texture: expected a size above 0, found %d x %d x %d (height, width, channels)",
+        Tarno::_LogError("Tarno",
+                         "texture: expected a size above 0, found %d x %d x %d (height, width, "
+                         "channels)",
                          height, width, channels);
         return 0;
     }
@@ -44,7 +50,7 @@ unsigned int TexturePool::acquireTexture(int height, int width, int channels, un
     }
     _Texture entry;
     const unsigned int id = createTexture(entry, height, width, channels, format);
-    textures.push_back(entry);
+    if (id != 0) textures.push_back(entry);
     return id;
 }
 
@@ -69,7 +75,7 @@ int TexturePool::texturesInUse() const {
 long long TexturePool::textureBytes() const {
     long long bytes = 0;
     for (const _Texture& entry : textures) {
-        bytes += static_cast<long long>(entry.height) * entry.width * ((entry.channels + 3) / 4) *
+        bytes += static_cast<long long>(entry.height) * entry.width * slice_count(entry.channels) *
                  bytes_per_texel(entry.format);
     }
     return bytes;
@@ -93,15 +99,18 @@ size_t TexturePool::findTexture(unsigned int id) const {
 
 unsigned int TexturePool::createTexture(_Texture& entry, int height, int width, int channels,
                                         unsigned int format) {
-    const int slices = (channels + 3) / 4;
+    const int slices = slice_count(channels);
+    entry.type = slices == 1 ? GL_TEXTURE_2D : GL_TEXTURE_2D_ARRAY;
+    // A sampler may stand on the active unit already: an output is first taken when it is bound,
+    // behind the inputs.
+    GLint bound = 0;
+    glGetIntegerv(slices == 1 ? GL_TEXTURE_BINDING_2D : GL_TEXTURE_BINDING_2D_ARRAY, &bound);
     unsigned int id = 0;
     glGenTextures(1, &id);
     if (slices == 1) {
-        entry.type = GL_TEXTURE_2D;
         glBindTexture(GL_TEXTURE_2D, id);
         glTexStorage2D(GL_TEXTURE_2D, 1, format, width, height);
     } else {
-        entry.type = GL_TEXTURE_2D_ARRAY;
         glBindTexture(GL_TEXTURE_2D_ARRAY, id);
         glTexStorage3D(GL_TEXTURE_2D_ARRAY, 1, format, width, height, slices);
     }
@@ -111,6 +120,7 @@ unsigned int TexturePool::createTexture(_Texture& entry, int height, int width, 
     glTexParameteri(entry.type, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_BORDER);
     glTexParameteri(entry.type, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_BORDER);
     glTexParameterfv(entry.type, GL_TEXTURE_BORDER_COLOR, border);
+    glBindTexture(entry.type, static_cast<GLuint>(bound));
     entry.height = height;
     entry.width = width;
     entry.channels = channels;

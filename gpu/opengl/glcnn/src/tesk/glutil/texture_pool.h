@@ -55,7 +55,7 @@ private:
                                unsigned int format);
 
     std::vector<_Texture> textures;  ///< in order of creation
-    int value;
+    [[maybe_unused]] int value;
 };
 
 }  // namespace tesk
