@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 
 #include "crossplatform/src/common/src/zqlayerinfo.h"
 
@@ -12,17 +13,21 @@ namespace tesk {
 void reportLayer(const ZQLayerInfo& record, const char* expected, const char* found);
 void reportLayer(const ZQLayerInfo& record, const char* expected, long long found);
 
-/// Whether the record is of this kind. A null record is of none.
-bool isOfType(const ZQLayerInfo* record, ZQLayerType type);
+/// Whether the record is of this kind and, where it `scales`, has its two shapes; a log line when
+/// not. A null record is of no kind.
+bool isUsable(const ZQLayerInfo* record, ZQLayerType type, bool scales);
 
 /// The record as the class of its kind; null, with a log line, when it is of another kind.
 template <typename Record>
 Record* recordAs(ZQLayerInfo* record, ZQLayerType type) {
-    return isOfType(record, type) ? static_cast<Record*>(record) : nullptr;
+    constexpr bool scales = !std::is_base_of_v<ZQFreezedLayerInfo, Record>;
+    return isUsable(record, type, scales) ? static_cast<Record*>(record) : nullptr;
 }
 
-/// Whether an array of the record holds at least `expected` numbers. `what` names the array.
-bool holdsAtLeast(const ZQLayerInfo& record, const char* what, long long expected, size_t found);
+/// Whether an array of the record, of `count` numbers when it is there, holds at least `expected`;
+/// a log line when not. `what` names the array.
+bool holdsAtLeast(const ZQLayerInfo& record, const char* what, long long expected,
+                  const void* array, size_t count);
 
 /// Channels, height and width of an absolute shape, whose last three dims they are. A shape of two
 /// dims is batch and channels of one pixel.

@@ -29,20 +29,20 @@ public:
     void compute(tesk::Image* input, tesk::Image* output) override;
     using Tricks::compute;
 
-    /// Weights stand in uniform blocks when `uboWeightCount` is above 0, else in storage buffers.
-    virtual std::string generateSource(TricksParams& params) = 0;
+    /// One pixel of one slice for each invocation. Weights stand in uniform blocks when
+    /// `uboWeightCount` is above 0, else in storage buffers.
+    virtual std::string generateSource(TricksParams& params);
     /// The cache key; `prefix` has no effect. x, y, z are the local size.
-    virtual std::string programName(TricksParams& params, const char* prefix, int x, int y,
-                                    int z) = 0;
+    virtual std::string programName(TricksParams& params, const char* prefix, int x, int y, int z);
 
 protected:
     Tricks_Depthwise_Conv2d(tesk::ComputeProgramManager* manager, int kernel,
                             int pixelsPerInvocation)
         : Tricks(manager), kernel(kernel), pixelsPerInvocation(pixelsPerInvocation) {}
 
-    /// Fills the two buffers. The record holds all numbers that they need.
+    /// Fills the two buffers with float weights and biases. The record holds all that they need.
     virtual void makeBuffers(const ZQLayerInfo_DepthWiseConv2D& record);
-    /// GL's type of the buffers of weights.
+    /// GL's type of the two buffers.
     unsigned int bufferType() const;
 
     const int kernel;               ///< width and height

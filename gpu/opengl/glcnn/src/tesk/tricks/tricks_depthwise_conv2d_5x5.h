@@ -10,8 +10,6 @@ class TESK_TESTED Tricks_Depthwise_Conv2d_5x5 : public Tricks_Depthwise_Conv2d {
 public:
     explicit Tricks_Depthwise_Conv2d_5x5(tesk::ComputeProgramManager* manager)
         : Tricks_Depthwise_Conv2d(manager, 5, 1) {}
-    std::string generateSource(TricksParams& params) override;
-    std::string programName(TricksParams& params, const char* prefix, int x, int y, int z) override;
 };
 
 }  // namespace tesk
