@@ -14,6 +14,10 @@ void Tricks_Depthwise_Conv2d::setup(ZQLayerInfo* info) {
     const int channels = record->out_shape->channels;
     const int slices = sliceCount(channels);
     const int taps = kernel * kernel;
+    if (channels == 0) {
+        reportLayer(*record, "at least 1 channel", channels);
+        return;
+    }
     if (!holdsAtLeast(*record, "weights", taps * channels, record->weights, record->weights_count))
         return;
     if (record->has_bias != 0 &&

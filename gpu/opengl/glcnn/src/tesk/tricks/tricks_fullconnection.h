@@ -12,7 +12,8 @@
 
 namespace tesk {
 
-/// For records of ZQLayerInfo_FullConnection, on tensors of one pixel and more than four channels:
+/// For records of ZQLayerInfo_FullConnection, on tensors of one pixel. Up to four inputs are
+/// refused:
 ///
 ///   out[o] = bias[o] + sum over i of weights[o][i] * in[i]
 ///
