@@ -13,12 +13,12 @@ namespace tesk {
 /// For records of ZQLayerInfo_Conv2D with more than one group. A group is a slice:
 ///
 ///   out[o][y][x] = activation(bias[o] + sum over i, ky and kx of weights[o][ky][kx][i] *
-///                             in[4 * (o / 4) + i][y * strideY - padY + ky][x * strideX - padX +
-///                             kx])
+///                             in[4 * (o / 4) + i][top + ky][left + kx])
 ///
-/// with 0 outside the input. A dilation acts on the offset of the window, padding / dilation, and
-/// not on its taps, which stay side by side. Activations are ReLU and ReLU6, all others pass the
-/// sum on. Groups of another size are refused: their weights do not fill the 4 by 4 blocks.
+/// with top = y * strideY - padY, left = x * strideX - padX, and 0 outside the input. A dilation
+/// acts on the offset of the window, padding / dilation, and not on its taps, which stay side by
+/// side. Activations are ReLU and ReLU6, all others pass the sum on. Groups of another size are
+/// refused: their weights do not fill the 4 by 4 blocks.
 class TESK_TESTED Tricks_Group_Conv2d_3x3_Basic : public Tricks {
 public:
     explicit Tricks_Group_Conv2d_3x3_Basic(tesk::ComputeProgramManager* manager)
