@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/array_files.h"
-#include "tools/command.h"
+#include "tools/tuning.h"
 
 namespace {
 
@@ -31,7 +30,7 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-class Tune : public testing::Test {
+class Tune : public Tuning {
 protected:
     void SetUp() override {
         modelkit::ModelHeader header;
@@ -47,60 +46,16 @@ protected:
         const int twice = net.upsampling(half, 2.0);
         const int joined = net.concat({twice, first});
         net.conv(joined, 4, 1, 1, 0, ActivationType_Sigmoid);
-        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+        save(net, 4, 32, 32);
         layers = 14;
-
-        std::vector<float> values(4 * 32 * 32);
-        for (size_t i = 0; i < values.size(); ++i) {
-            values[i] = std::sin(static_cast<float>(i) * 0.37f);
-        }
-        write_file(input, npy_file("<f4", "(4, 32, 32)", raw(values)));
     }
 
-    std::string tuned() {
-        const Outcome outcome = run_tarno({"tune", "--model", model, "--output", table});
-        expect_success(outcome);
-        return read_file(table);
-    }
-
-    std::vector<float> output_of(const std::vector<std::string>& extra) {
-        const std::string out = folder / "out.npy";
-        std::vector<std::string> words = {"run",    "--model", model,      "--input", input,
-                                          "--norm", "1",       "--output", out};
-        words.insert(words.end(), extra.begin(), extra.end());
-        expect_success(run_tarno(words));
-        return read_array(out).values;
-    }
-
-    /// One line, status 1, and each of the words in it.
-    void expect_refusal(const std::string& text, const std::vector<std::string>& words) {
-        const std::string edited = folder / "edited.h";
-        write_file(edited, text);
-        const Outcome outcome = run_tarno({"run", "--model", model, "--table", edited, "--input",
-                                           input, "--output", folder / "none.npy"});
-        EXPECT_EQ(1, outcome.status) << outcome.err;
-        EXPECT_EQ(1u, outcome.error_lines()) << outcome.err;
-        for (const std::string& word : words) {
-            EXPECT_NE(std::string::npos, outcome.err.find(word)) << word << " in " << outcome.err;
-        }
-        EXPECT_FALSE(std::filesystem::exists(folder / "none.npy"));
-    }
-
-    Folder folder;
-    std::string model = folder / "net.zqnet";
-    std::string table = folder / "table.h";
-    std::string input = folder / "input.npy";
     size_t layers = 0;
 };
 
 TEST_F(Tune, ThePrintedTableGivesTheDefaultRulesOutputWithinRounding) {
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    // Sums of at most 144 products pass through five layers whose weights keep sizes near 1; the
-    // sigmoid at the end divides an error by four at least.
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, TheTableHasAMachineLineAndTheDocumentedColumns) {
@@ -146,15 +101,9 @@ TEST_F(Tune, LayersOfAllSortsRoundTrip) {
         net.conv(wide, 8, modelkit::Window{3, 1, 1, 0, 1, 1, 1, 1}, ActivationType_ReLU);
     const int up = net.upsampling(line, 2.0, 0);
     net.conv(up, 4, 1, 1, 0, ActivationType_Tanh);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-    std::vector<float> values(4 * 30 * 30);
-    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i) * 0.11f);
-    write_file(input, npy_file("<f4", "(4, 30, 30)", raw(values)));
+    save(net, 4, 30, 30);
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, DenseLayersRoundTrip) {
@@ -163,15 +112,9 @@ TEST_F(Tune, DenseLayersRoundTrip) {
     const int flat = net.reshape(features, {1, 32});
     const int dense = net.fully_connected(flat, 32, 10);
     net.lstm(dense, 10, 4);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-    std::vector<float> values(32);
-    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i));
-    write_file(input, npy_file("<f4", "(4, 1, 8)", raw(values)));
+    save(net, 4, 1, 8);
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-6) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, WithoutAnOutputFileTheTableGoesToStandardOutput) {
@@ -233,38 +176,13 @@ TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
 }
 
 TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
-    std::string text = "{\n";
-    const char* names[] = {"Input_Fallback",
-                           "Convolution_3x3s1_Float_SGEMM",
-                           "ReLU_Float_SSE_CHW_To_C4HW4",
-                           "Convolution_1x1s1_Float_SGEMM",
-                           "ReLU_Float_SSE",
-                           "ConvolutionDepthwise_Float_Fallback",
-                           "ReLU_Float_SSE",
-                           "Elementwise_Float_SSE",
-                           "ReLU_Float_SSE",
-                           "Pooling_Float_Fallback",
-                           "Upsampling_Float_Fallback",
-                           "nullptr",
-                           "Convolution_1x1s1_Float_SGEMM",
-                           "Sigmoid_Float_Fallback"};
-    for (const char* name : names) {
-        text += std::string(name) == "nullptr"
-                    ? "{nullptr, 0, 0},\n"
-                    : "{TarnoCPU::" + std::string(name) + "_operator_creator, 0, 0},\n";
-    }
-    text += "};\n";
+    const std::string text =
+        table_of({"Input_Fallback", "Convolution_3x3s1_Float_SGEMM", "ReLU_Float_SSE_CHW_To_C4HW4",
+                  "Convolution_1x1s1_Float_SGEMM", "ReLU_Float_SSE",
+                  "ConvolutionDepthwise_Float_Fallback", "ReLU_Float_SSE", "Elementwise_Float_SSE",
+                  "ReLU_Float_SSE", "Pooling_Float_Fallback", "Upsampling_Float_Fallback",
+                  "nullptr", "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"});
     expect_refusal(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
-}
-
-/// A table of these classes, in this order.
-std::string table_of(const std::vector<std::string>& names) {
-    std::string text = "{\n";
-    for (const std::string& name : names) {
-        text += name == "nullptr" ? "{nullptr, 0, 0},\n"
-                                  : "{TarnoCPU::" + name + "_operator_creator, 0, 0},\n";
-    }
-    return text + "};\n";
 }
 
 TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
@@ -275,10 +193,7 @@ TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
                                 "Elementwise_Float_SSE", "ReLU_Float_SSE_C4HW4_To_CHW",
                                 "Pooling_Float_Fallback", "Upsampling_Float_Fallback", "nullptr",
                                 "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"}));
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, AConcatJoinsBlocksOfFour) {
@@ -290,7 +205,7 @@ TEST_F(Tune, AConcatJoinsBlocksOfFour) {
     const int first = net.conv(image, 8, 3, 1, 1, ActivationType_ReLU);
     const int second = net.conv(first, 8, 1, 1, 0, ActivationType_ReLU);
     net.conv(net.concat({first, second}), 8, 1, 1, 0, ActivationType_ReLU);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+    save(net, 4, 32, 32);
     const std::vector<std::string> names = {"Input_Fallback",
                                             "Convolution_3x3s1_Float_SGEMM",
                                             "ReLU_Float_SSE_CHW_To_C4HW4",
@@ -300,10 +215,7 @@ TEST_F(Tune, AConcatJoinsBlocksOfFour) {
                                             "Convolution_1x1s1_Float_SSE_C4HW4_M3",
                                             "ReLU_Float_SSE_C4HW4_To_CHW"};
     write_file(table, table_of(names));
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 
     std::vector<std::string> unfinished = names;
     unfinished.back() = "ReLU_Float_SSE";
@@ -324,6 +236,10 @@ TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
         {Window::square(3, 1, 1), 6, true, "Convolution_3x3s1_Float_SSE_M7", "divisible by 4"},
         {Window::square(3, 1, 1), 8, false, "Convolution_3x3s1_Float_SSE_M1", "reads a bias"},
         {Window::square(3, 2, 1), 8, true, "Convolution_3x3s2_Float_SSE_M1", "even sizes"},
+        {Window::square(3, 1, 0), 8, true, "Convolution_Float_Fallback",
+         "makes 32x32 pixels of 32x32, the layer has 30x30"},
+        {Window::square(4, 1, 0), 8, true, "Convolution_4x4s1_Float_SGEMM",
+         "makes 29x29 pixels of 32x32, the layer has 32x32"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -333,13 +249,20 @@ TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
         NetBuilder net(header, 4);
         net.conv(net.input(4), c.channels, c.window);
         if (!c.bias) static_cast<ZQLayerInfo_Conv2D*>(net.record(1))->has_bias = 0;
-        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-        std::vector<float> values(static_cast<size_t>(4 * header.base_h * header.base_w), 0.5f);
-        write_file(input,
-                   npy_file("<f4", "(4, " + std::to_string(header.base_h) + ", 32)", raw(values)));
+        save(net, 4, static_cast<int>(header.base_h), 32);
         expect_refusal(table_of({"Input_Fallback", c.name}),
                        {"row 1", "layer 1 (Conv2D)", c.reason});
     }
+}
+
+TEST_F(Tune, ADeconvolutionOfAnotherSizeIsRefused) {
+    NetBuilder net;
+    const int image = net.input(4, 0.125, 0.125);
+    net.deconvolution(image, 4, 3, 2, 0);
+    save(net, 4, 32, 32);
+    expect_refusal(
+        table_of({"Input_Fallback", "Deconvolution_Float_Blas"}),
+        {"row 1", "layer 1 (Conv2DTranspose)", "makes 64x64 pixels of 32x32, the layer has 66x66"});
 }
 
 TEST_F(Tune, NonsenseIsRefusedWithItsLine) {
