@@ -267,6 +267,11 @@ ModelPlan make_plan(const ModelFile& model, const PlanOptions& options) {
     return plan;
 }
 
+int64_t weight_bytes(const ModelPlan& plan, WeightsOf nets) {
+    const int64_t copies = nets == WeightsOf::Rule ? 1 : nets == WeightsOf::Table ? 2 : 3;
+    return saturated_product({plan.weight_bytes, copies});
+}
+
 std::string refusal_text(const ModelFile& model, const PlanRefusal& refusal) {
     return refusal.names_layer ? layer_fault(model.path, refusal.id, refusal.type, refusal.text)
                                : model.path + ": " + refusal.text;

@@ -108,6 +108,13 @@ struct RunLimits {
     int64_t work = 10'000'000'000;      ///< inner steps of one run
 };
 
+/// Which nets of a plan hold weights.
+enum class WeightsOf { Rule, Table, RuleAndTable };
+
+/// Bytes of weights in the operators of these nets, at the most: an operator of a table may keep a
+/// packed form beside the weights as they came.
+int64_t weight_bytes(const ModelPlan& plan, WeightsOf nets);
+
 /// Throws CommandError when the plan has a refusal or is beyond the limits.
 void require_runnable(const ModelFile& model, const ModelPlan& plan, const RunLimits& limits);
 

@@ -224,14 +224,19 @@ void run(const RunCommand& command) {
     OutputFiles files;
     if (!command.all_layers.empty()) files.folder(command.all_layers);
     const int wanted = net.position_of(layer.id);
+    // The plan is that of the default operators; those of a table may take more.
+    MeteredHeap heap(
+        command.limits.memory,
+        weight_bytes(plan, command.table.empty() ? WeightsOf::Rule : WeightsOf::Table));
     TarnoCPU::Mat out;
     for (int i = 0; i < command.repeat; ++i) {
         // One walk serves the folder and the output: an LSTM would not give the same again.
         const bool into_folder = !command.all_layers.empty() && i + 1 == command.repeat;
         const int position = command.all_layers.empty() ? wanted : net.last_position();
+        out.release();
         RunObserver observer(position + 1, files, into_folder ? command.all_layers : std::string(),
                              wanted);
-        out = net.run_checked(inputs, position, {}, &observer);
+        out = net.run_checked(inputs, position, RunnableNet::on(heap), &observer);
         if (into_folder) out = observer.kept_copy();
     }
 

@@ -210,6 +210,10 @@ private:
             case ZQLayerType_ElementWiseOperator:
                 sum(static_cast<const ZQLayerInfo_ElementWiseOperator&>(record));
                 break;
+            case ZQLayerType_Activation:
+                finish(record, errors.at(record.bottoms[0]),
+                       static_cast<const ZQLayerInfo_Activation&>(record).activation_type);
+                break;
             case ZQLayerType_Pooling:
                 EXPECT_EQ(1, static_cast<const ZQLayerInfo_Pooling&>(record).pool_type);
                 mix(record, 0.0);

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -117,6 +118,53 @@ TEST_F(Tune, DenseLayersRoundTrip) {
     expect_the_same_within_rounding();
 }
 
+TEST_F(Tune, TheReportListsWhatWasTriedForEveryLayerWithItsTime) {
+    tuned();
+    const size_t start = report.find("Operators that were tried");
+    ASSERT_NE(std::string::npos, start) << report;
+    const std::string tried = report.substr(start, report.find("whole net") - start);
+    // id, layer, operator, layout, milliseconds, times as fast, marks
+    const std::regex row(R"( *(\d+) +(\S+) +(\w+) +(\w+(?: to \w+)?) +(\d+\.\d+) +(\S+) *(.*))");
+    std::vector<std::string> defaults, chosen;
+    std::map<std::string, int> trials;
+    for (const std::string& line : lines_of(tried)) {
+        std::smatch match;
+        if (!std::regex_match(line, match, row)) continue;
+        const std::string layer = match[1].str() + " " + match[2].str();
+        ++trials[layer];
+        const std::string marks = match[7];
+        if (marks.find("default") != std::string::npos) {
+            defaults.push_back(match[3]);
+            EXPECT_EQ("1.00", match[6]) << line;
+        }
+        if (marks.find("chosen") != std::string::npos) chosen.push_back(layer);
+    }
+    // One of each for every row of the table but the concat's.
+    EXPECT_EQ((std::vector<std::string>{"Input_Fallback", "Convolution_3x3s1_Float_SGEMM",
+                                        "ReLU_Float_SSE", "Convolution_1x1s1_Float_SGEMM",
+                                        "ReLU_Float_SSE", "ConvolutionDepthwise_Float_Fallback",
+                                        "ReLU_Float_SSE", "Elementwise_Float_SSE", "ReLU_Float_SSE",
+                                        "Pooling_Float_Fallback", "Upsampling_Float_Fallback",
+                                        "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"}),
+              defaults);
+    EXPECT_EQ(layers - 1, chosen.size());
+    // All that fit, whichever won.
+    EXPECT_GE(trials["1 Convolution3x3s1x1"], 12) << tried;
+    EXPECT_GE(trials["2 Convolution1x1s1x1"], 13) << tried;
+    EXPECT_GE(trials["3 ConvolutionDepthWise3x3s1x1"], 11) << tried;
+    EXPECT_EQ(2, trials["8 Sigmoid"]) << "one operator in two layouts\n" << tried;
+}
+
+TEST_F(Tune, ANetWithoutAChoiceGetsTheRulesTableAndSaysSo) {
+    NetBuilder net;
+    net.activation(net.input(4, 0.125, 0.125), ActivationType_Sigmoid);
+    save(net, 4, 32, 32);
+    tuned();
+    EXPECT_NE(std::string::npos, report.find("no operator beats those of the default rule"))
+        << report;
+    expect_the_same_within_rounding();
+}
+
 TEST_F(Tune, WithoutAnOutputFileTheTableGoesToStandardOutput) {
     const Outcome outcome = run_tarno({"tune", "--model", model});
     EXPECT_EQ(0, outcome.status);
@@ -141,8 +189,9 @@ TEST_F(Tune, ATableBenchesLikeAnyNet) {
 
 TEST_F(Tune, AnUnknownOperatorIsNamedWithItsLine) {
     const std::string text = tuned();
-    expect_refusal(replaced(text, "Input_Fallback_operator", "Inpet_Fallback_operator"),
-                   {"edited.h: line 4", "Inpet_Fallback", "expected an operator of the library"});
+    expect_table_refused(
+        replaced(text, "Input_Fallback_operator", "Inpet_Fallback_operator"),
+        {"edited.h: line 4", "Inpet_Fallback", "expected an operator of the library"});
 }
 
 TEST_F(Tune, ATableOfAnotherLengthIsRefusedWithBothNumbers) {
@@ -151,7 +200,7 @@ TEST_F(Tune, ATableOfAnotherLengthIsRefusedWithBothNumbers) {
     lines.erase(lines.begin() + 5);
     std::string shorter;
     for (const std::string& line : lines) shorter += line + "\n";
-    expect_refusal(shorter, {"expected 14 rows", "found 13", "net.zqnet"});
+    expect_table_refused(shorter, {"expected 14 rows", "found 13", "net.zqnet"});
 }
 
 TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
@@ -165,14 +214,14 @@ TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
         return text;
     };
     // Row 1 is the 3x3 convolution, row 2 its ReLU, row 11 the concat.
-    expect_refusal(with_row(1, "Convolution_1x1s1_Float_SGEMM"),
-                   {"line 5", "row 1", "layer 1 (Conv2D)", "kernels of 1x1", "3x3"});
-    expect_refusal(with_row(1, "Convolution_3x3s2_Float_SGEMM"), {"row 1", "stride of 2"});
-    expect_refusal(with_row(1, "ReLU_Float_SSE"), {"row 1", "kind Activation"});
-    expect_refusal(with_row(1, "nullptr"), {"row 1", "expected an operator, found nullptr"});
-    expect_refusal(with_row(2, "Sigmoid_Float_Fallback"),
-                   {"row 2", "its activation", "another activation"});
-    expect_refusal(with_row(11, "Eltwise_Float_Fallback"), {"row 11", "expected nullptr"});
+    expect_table_refused(with_row(1, "Convolution_1x1s1_Float_SGEMM"),
+                         {"line 5", "row 1", "layer 1 (Conv2D)", "kernels of 1x1", "3x3"});
+    expect_table_refused(with_row(1, "Convolution_3x3s2_Float_SGEMM"), {"row 1", "stride of 2"});
+    expect_table_refused(with_row(1, "ReLU_Float_SSE"), {"row 1", "kind Activation"});
+    expect_table_refused(with_row(1, "nullptr"), {"row 1", "expected an operator, found nullptr"});
+    expect_table_refused(with_row(2, "Sigmoid_Float_Fallback"),
+                         {"row 2", "its activation", "another activation"});
+    expect_table_refused(with_row(11, "Eltwise_Float_Fallback"), {"row 11", "expected nullptr"});
 }
 
 TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
@@ -182,7 +231,7 @@ TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
                   "ConvolutionDepthwise_Float_Fallback", "ReLU_Float_SSE", "Elementwise_Float_SSE",
                   "ReLU_Float_SSE", "Pooling_Float_Fallback", "Upsampling_Float_Fallback",
                   "nullptr", "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"});
-    expect_refusal(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
+    expect_table_refused(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
 }
 
 TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
@@ -219,7 +268,7 @@ TEST_F(Tune, AConcatJoinsBlocksOfFour) {
 
     std::vector<std::string> unfinished = names;
     unfinished.back() = "ReLU_Float_SSE";
-    expect_refusal(table_of(unfinished), {"row 7", "expected a result in CHW"});
+    expect_table_refused(table_of(unfinished), {"row 7", "expected a result in CHW"});
 }
 
 TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
@@ -250,8 +299,8 @@ TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
         net.conv(net.input(4), c.channels, c.window);
         if (!c.bias) static_cast<ZQLayerInfo_Conv2D*>(net.record(1))->has_bias = 0;
         save(net, 4, static_cast<int>(header.base_h), 32);
-        expect_refusal(table_of({"Input_Fallback", c.name}),
-                       {"row 1", "layer 1 (Conv2D)", c.reason});
+        expect_table_refused(table_of({"Input_Fallback", c.name}),
+                             {"row 1", "layer 1 (Conv2D)", c.reason});
     }
 }
 
@@ -260,18 +309,18 @@ TEST_F(Tune, ADeconvolutionOfAnotherSizeIsRefused) {
     const int image = net.input(4, 0.125, 0.125);
     net.deconvolution(image, 4, 3, 2, 0);
     save(net, 4, 32, 32);
-    expect_refusal(
+    expect_table_refused(
         table_of({"Input_Fallback", "Deconvolution_Float_Blas"}),
         {"row 1", "layer 1 (Conv2DTranspose)", "makes 64x64 pixels of 32x32, the layer has 66x66"});
 }
 
 TEST_F(Tune, NonsenseIsRefusedWithItsLine) {
     const std::string text = tuned();
-    expect_refusal(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
-    expect_refusal(replaced(text, "};\n", ""), {"expected a line \"};\""});
-    expect_refusal("", {"expected a line \"{\""});
-    expect_refusal(text + "int x;\n", {"nothing behind the table"});
-    expect_refusal("{\n" + std::string(5000, 'x') + "\n};\n", {"line 2", "5000"});
+    expect_table_refused(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
+    expect_table_refused(replaced(text, "};\n", ""), {"expected a line \"};\""});
+    expect_table_refused("", {"expected a line \"{\""});
+    expect_table_refused(text + "int x;\n", {"nothing behind the table"});
+    expect_table_refused("{\n" + std::string(5000, 'x') + "\n};\n", {"line 2", "5000"});
 }
 
 TEST_F(Tune, AMissingTableIsOneLine) {

@@ -106,19 +106,19 @@ TEST_F(TunedGroups, EveryOperatorThatATableMayNameComputesTheSame) {
 TEST_F(TunedGroups, AnOperatorForOneGroupIsRefusedWithTheReason) {
     save_grouped(Window::square(3, 1, 1));
     for (const char* name : {"Convolution_3x3s1_Float_SSE_M1", "Convolution_3x3s1_Float_SSE_M7"}) {
-        expect_refusal(table_of({"Input_Fallback", name}),
-                       {"edited.h: line 3", "row 1", "layer 1 (Conv2D)", name,
-                        "is for one group, the layer has 2"});
+        expect_table_refused(table_of({"Input_Fallback", name}),
+                             {"edited.h: line 3", "row 1", "layer 1 (Conv2D)", name,
+                              "is for one group, the layer has 2"});
     }
     save_grouped(Window::square(1, 1, 0));
     for (const char* name :
          {"Convolution_1x1s1_Float_SSE_M1", "Convolution_1x1s1_Float_C8HW8_AVX2_M1"}) {
-        expect_refusal(table_of({"Input_Fallback", name}),
-                       {"row 1", name, "is for one group, the layer has 2"});
+        expect_table_refused(table_of({"Input_Fallback", name}),
+                             {"row 1", name, "is for one group, the layer has 2"});
     }
     // The classes of another kind of layer do apply groups, and are refused all the same.
-    expect_refusal(table_of({"Input_Fallback", "ConvolutionDepthwise_Float_Fallback"}),
-                   {"row 1", "kind ConvolutionDepthWise", "kind Convolution"});
+    expect_table_refused(table_of({"Input_Fallback", "ConvolutionDepthwise_Float_Fallback"}),
+                         {"row 1", "kind ConvolutionDepthWise", "kind Convolution"});
 }
 
 }  // namespace

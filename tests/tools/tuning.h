@@ -103,13 +103,13 @@ protected:
     }
 
     /// One line, status 1, and each of the words in it.
-    void expect_refusal(const std::string& text, const std::vector<std::string>& words) {
+    void expect_table_refused(const std::string& text, const std::vector<std::string>& words) {
         const std::string edited = folder / "edited.h";
         write_file(edited, text);
         const std::string none = folder / "none.npy";
-        command_test::expect_refusal(run_tarno({"run", "--model", model, "--table", edited,
-                                                "--input", input, "--output", none}),
-                                     1, words);
+        expect_refusal(run_tarno({"run", "--model", model, "--table", edited, "--input", input,
+                                  "--output", none}),
+                       1, words);
         EXPECT_FALSE(std::filesystem::exists(none));
     }
 
