@@ -124,9 +124,10 @@ void add_verbose(CLI::App* app, bool& verbose) {
 }
 
 void add_limits(CLI::App* app, Texts& texts) {
-    app->add_option("--memory-limit", texts.memory_limit,
-                    "Refuse a model that needs more bytes than this for weights, tensors and "
-                    "scratch. 2G unless told otherwise.")
+    app->add_option(
+           "--memory-limit", texts.memory_limit,
+           "Refuse what needs more bytes than this for weights, tensors and scratch, with all "
+           "that the command keeps of them. 2G unless told otherwise.")
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
@@ -262,9 +263,11 @@ CLI::App* add_tune(CLI::App& app, TuneCommand& command, Texts& texts) {
         "one\n"
         "whose output rounding does not explain is rejected. The table is the cheapest path "
         "through\n"
-        "the whole net, changes of layout included. Times are of one run with the machine as it "
-        "is:\n"
-        "tune on the machine that the table is for, with nothing else running.");
+        "the whole net, changes of layout included; all that was tried is listed with its time. "
+        "Times\n"
+        "are the fastest of several runs with the machine as it is: tune on the machine that the "
+        "table\n"
+        "is for, with nothing else running.");
     return tune;
 }
 

@@ -80,11 +80,10 @@ std::string trials(const std::vector<TunedRow>& rows) {
 }  // namespace
 
 std::string report_of(const std::vector<TunedRow>& rows) {
-    std::string report = choices(rows);
-    report +=
-        "\nOperators that were tried, the fastest of a layer first; times as fast as the "
+    std::string report =
+        "Operators that were tried, the fastest of a layer first; times as fast as the "
         "default\n\n" +
-        trials(rows) + "\n";
+        trials(rows) + "\nChosen on the cheapest way through the net\n\n" + choices(rows) + "\n";
     for (const TunedRow& row : rows) {
         for (const Trial& trial : row.candidates->rejected) {
             report += "rejected: " + slot_text(*row.slot) + ": " + trial.info->name + " " +

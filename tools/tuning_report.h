@@ -22,8 +22,8 @@ struct TunedRow {
     const Trial* chosen = nullptr;  ///< null where no operator was chosen
 };
 
-/// Row by row the default operator beside the chosen one; then all operators that were tried for
-/// the row, with their times; then those that were rejected, and why.
+/// All operators that were tried, row by row, with their times; the default operator of each row
+/// beside the chosen one; those that were rejected, and why.
 std::string report_of(const std::vector<TunedRow>& rows);
 
 }  // namespace tool
