@@ -27,7 +27,7 @@ struct MemoryMeter {
     MemoryMeter(int64_t memory_limit, int64_t taken)
         : limit(memory_limit - taken),
           refusal("expected at most " + bytes_text(memory_limit) +
-                  " in weights and memory pools, found a need of more (see --memory-limit)") {}
+                  " for weights, tensors and scratch, found a need of more (see --memory-limit)") {}
 
     /// Whether a block from the heap is beyond the limit.
     bool take(int64_t size) {
@@ -101,8 +101,8 @@ public:
         runs_without_growth = meter.held == held_before ? runs_without_growth + 1 : 0;
         held_before = meter.held;
     }
-    /// Whether the last runs took nothing from the heap. They still may: a run is as the other only
-    /// as long as its tensors are the same.
+    /// Whether the last ten runs took nothing from the heap: further runs of the same tensors
+    /// won't.
     bool settled() const { return runs_without_growth >= runs_to_settle; }
 
     MemoryMeter meter;
