@@ -1,8 +1,6 @@
 #include "conv2d_1x1.h"
 
-#include "../tricks/tricks_conv2d_1x1_4points_2slice.h"
-#include "../tricks/tricks_conv2d_1x1_4pointsout.h"
-#include "../tricks/tricks_conv2d_1x1_basic.h"
+#include "../tricks/tricks_conv2d_1x1.h"
 #include "crossplatform/src/common/src/zqlayerinfo.h"
 
 namespace tesk {

@@ -1,7 +1,6 @@
 #include "conv2d_1x3.h"
 
-#include "../tricks/tricks_conv2d_1x3_basic.h"
-#include "../tricks/tricks_conv2d_1x3_ci.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 
 namespace tesk {
 

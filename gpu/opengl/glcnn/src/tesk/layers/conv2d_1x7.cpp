@@ -1,7 +1,6 @@
 #include "conv2d_1x7.h"
 
-#include "../tricks/tricks_conv2d_1x7_basic.h"
-#include "../tricks/tricks_conv2d_1x7_ci.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 
 namespace tesk {
 

@@ -1,7 +1,6 @@
 #include "conv2d_3x3.h"
 
-#include "../tricks/tricks_conv2d_3x3_basic.h"
-#include "../tricks/tricks_conv2d_3x3_ci.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 #include "crossplatform/src/common/src/zqlayerinfo.h"
 
 namespace tesk {

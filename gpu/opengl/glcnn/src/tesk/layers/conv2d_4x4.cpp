@@ -1,6 +1,6 @@
 #include "conv2d_4x4.h"
 
-#include "../tricks/tricks_conv2d_4x4_basic.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 
 namespace tesk {
 

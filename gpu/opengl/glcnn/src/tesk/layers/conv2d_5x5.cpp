@@ -1,7 +1,6 @@
 #include "conv2d_5x5.h"
 
-#include "../tricks/tricks_conv2d_5x5_basic.h"
-#include "../tricks/tricks_conv2d_5x5_ci.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 
 namespace tesk {
 

@@ -1,7 +1,6 @@
 #include "conv2d_7x1.h"
 
-#include "../tricks/tricks_conv2d_7x1_basic.h"
-#include "../tricks/tricks_conv2d_7x1_ci.h"
+#include "../tricks/tricks_conv2d_kxk.h"
 
 namespace tesk {
 

@@ -1,6 +1,6 @@
 #include "transpose_conv2d_1x7.h"
 
-#include "../tricks/tricks_transpose_conv2d_1x7_basic.h"
+#include "../tricks/tricks_transpose_conv2d.h"
 
 namespace tesk {
 

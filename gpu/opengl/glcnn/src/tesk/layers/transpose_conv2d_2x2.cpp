@@ -1,6 +1,6 @@
 #include "transpose_conv2d_2x2.h"
 
-#include "../tricks/tricks_transpose_conv2d_2x2_basic.h"
+#include "../tricks/tricks_transpose_conv2d.h"
 
 namespace tesk {
 

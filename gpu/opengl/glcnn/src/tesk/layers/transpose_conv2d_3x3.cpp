@@ -1,6 +1,6 @@
 #include "transpose_conv2d_3x3.h"
 
-#include "../tricks/tricks_transpose_conv2d_3x3_basic.h"
+#include "../tricks/tricks_transpose_conv2d.h"
 
 namespace tesk {
 
