@@ -463,6 +463,7 @@ void compare(const CompareCommand& command) {
         print_text(command, gpu_plan, comparison);
     }
     if (const LayerDifference* beyond = first_beyond(comparison)) {
+        std::fflush(stdout);
         const PlannedLayer& layer = gpu_plan.layers[beyond->position];
         throw CommandError(layer_fault(command.model, layer.id, layer.type, beyond_text(*beyond)));
     }
