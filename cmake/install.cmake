@@ -24,7 +24,7 @@ install(FILES crossplatform/src/version/version.h
 set(TESK_SOURCE gpu/opengl/glcnn/src/tesk)
 file(GLOB TARNO_GPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${TESK_SOURCE}/*.h")
 list(FILTER TARNO_GPU_HEADERS EXCLUDE
-     REGEX "/(operator|picture_pass|program_sources)\\.h$")  # internal
+     REGEX "/(operator|operator_rows|picture_pass|program_sources)\\.h$")  # internal
 install(FILES ${TARNO_GPU_HEADERS} DESTINATION "${TARNO_INCLUDE_DESTINATION}/${TESK_SOURCE}")
 file(GLOB TARNO_GPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${TESK_SOURCE}/glutil/*.h")
 list(FILTER TARNO_GPU_HEADERS EXCLUDE REGEX "/gl\\.h$")  # internal

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "errors.h"
+#include "gpu_bench.h"
 #include "heap_calls.h"
 #include "host_system.h"
 #include "layer_timer.h"
@@ -427,6 +428,10 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
 }  // namespace
 
 void bench(const BenchCommand& command) {
+    if (command.on_gpu) {
+        bench_gpu(command);
+        return;
+    }
     LibraryReports reports(command.verbose);
     BenchReport report;
     ModelFile model;

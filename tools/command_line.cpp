@@ -108,6 +108,7 @@ struct Texts {
     std::string work_limit;
     std::string mean;
     std::string norm;
+    std::string engine = "cpu";
 };
 
 void add_size(CLI::App* app, Texts& texts) {
@@ -121,6 +122,56 @@ void add_size(CLI::App* app, Texts& texts) {
 
 void add_verbose(CLI::App* app, bool& verbose) {
     app->add_flag("--verbose", verbose, "Show the library's log lines on standard error.");
+}
+
+void add_gpu_options(CLI::App* app, GpuOptions& gpu) {
+    app->add_option("--tricks-mode", gpu.tricks_mode,
+                    "Forms of the GPU engine's shaders: 0 the four-point and constant-index forms, "
+                    "any other number the basic ones. 4 unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("MODE");
+    app->add_option("--ubo-slice-limit", gpu.ubo_slice_limit,
+                    "Weights of the GPU engine in at most so many uniform blocks a layer, in a "
+                    "storage buffer where that is not enough. 0, storage buffers alone, unless "
+                    "told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("COUNT");
+}
+
+void add_engine(CLI::App* app, Texts& texts, GpuOptions& gpu) {
+    app->add_option("--engine", texts.engine,
+                    "cpu or gpu, which takes OpenGL 4.3. cpu unless told otherwise.")
+        ->type_name("ENGINE");
+    add_gpu_options(app, gpu);
+}
+
+void add_preparation(CLI::App* app, InputRules& rules, Texts& texts) {
+    app->add_option(
+           "--pixel-type", rules.pixel_type,
+           "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
+           "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
+           "where it is not wanted.")
+        ->type_name("TYPE");
+    app->add_option(
+           "--mean", texts.mean,
+           "Subtracted from the values 0 to 255 of each channel; one number for all or one "
+           "for each, in the order of --pixel-type. 0 unless told otherwise.")
+        ->type_name("NUMBERS");
+    app->add_option("--norm", texts.norm,
+                    "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
+        ->type_name("NUMBERS");
+}
+
+void add_inputs(CLI::App* app, std::vector<std::string>& inputs) {
+    app->add_option(
+           "--input", inputs,
+           "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
+           "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
+           "order of their indices.")
+        ->type_name("FILE")
+        ->required()
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
 void add_limits(CLI::App* app, Texts& texts) {
@@ -175,15 +226,8 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     CLI::App* run = app.add_subcommand("run", "Run a model over a picture or an array.");
     run->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
     add_table(run, command.table);
-    run->add_option(
-           "--input", command.inputs,
-           "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
-           "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
-           "order of their indices.")
-        ->type_name("FILE")
-        ->required()
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    add_engine(run, texts, command.gpu);
+    add_inputs(run, command.inputs);
     run->add_option("--output", command.output,
                     "Where the result goes. An .npy file gets the numbers, as float32 of channels, "
                     "rows, columns. A .png file gets 0 to 1 as 0 to 255, what is outside clamped: "
@@ -208,20 +252,7 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
                     "Background of the composite: R,G,B from 0 to 255, or a picture, which is "
                     "stretched. White unless told otherwise.")
         ->type_name("COLOUR|FILE");
-    run->add_option(
-           "--pixel-type", command.rules.pixel_type,
-           "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
-           "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
-           "where it is not wanted.")
-        ->type_name("TYPE");
-    run->add_option(
-           "--mean", texts.mean,
-           "Subtracted from the values 0 to 255 of each channel; one number for all or one "
-           "for each, in the order of --pixel-type. 0 unless told otherwise.")
-        ->type_name("NUMBERS");
-    run->add_option("--norm", texts.norm,
-                    "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
-        ->type_name("NUMBERS");
+    add_preparation(run, command.rules, texts);
     add_size(run, texts);
     run->add_option("--repeat", command.repeat,
                     "Feed the input this many times; an LSTM keeps its state from one time to the "
@@ -274,6 +305,7 @@ CLI::App* add_tune(CLI::App& app, TuneCommand& command, Texts& texts) {
 CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_engine(bench, texts, command.gpu);
     add_table(bench, command.table);
     bench
         ->add_option(
@@ -318,18 +350,79 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
         "all\n"
         "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same "
         "in\n"
-        "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.");
+        "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.\n"
+        "\n"
+        "With --engine gpu a run is an upload, the layers, and the last output read back, each of "
+        "them\n"
+        "waited for. The layers are timed by the GPU's own clock.");
     return bench;
+}
+
+CLI::App* add_compare(CLI::App& app, CompareCommand& command, Texts& texts) {
+    CLI::App* compare =
+        app.add_subcommand("compare", "Run both engines on one input and compare layer by layer.");
+    compare->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_inputs(compare, command.inputs);
+    add_preparation(compare, command.rules, texts);
+    add_gpu_options(compare, command.gpu);
+    compare->add_flag("--json", command.json, "Write JSON.");
+    add_size(compare, texts);
+    add_limits(compare, texts);
+    add_verbose(compare, command.verbose);
+    compare->footer(
+        "The GPU engine stores every tensor as halves. How far the engines may lie apart for that\n"
+        "reason is carried along the net: what reached a layer's inputs goes through the layer at "
+        "its\n"
+        "worst, with the rounding of its sums and of its output. The exit status is 1 when a layer "
+        "is\n"
+        "beyond it; the first such layer is named.\n"
+        "\n"
+        "A layer that one engine does not have is left out, with all that read it. One that the "
+        "engines\n"
+        "do not mean alike is measured and not judged.");
+    return compare;
 }
 
 void require(bool holds, const std::string& text) {
     if (!holds) throw UsageError(text);
 }
 
+void check_gpu(const GpuOptions& gpu) {
+    require(gpu.tricks_mode >= 0,
+            "--tricks-mode: expected at least 0, found " + std::to_string(gpu.tricks_mode));
+    require(gpu.ubo_slice_limit >= 0,
+            "--ubo-slice-limit: expected at least 0, found " + std::to_string(gpu.ubo_slice_limit));
+}
+
+/// Whether the engine is the GPU's.
+bool check_engine(const Texts& texts, const GpuOptions& gpu, const std::string& table) {
+    require(texts.engine == "cpu" || texts.engine == "gpu",
+            "--engine: expected cpu or gpu, found \"" + texts.engine + "\"");
+    const bool on_gpu = texts.engine == "gpu";
+    require(!on_gpu || table.empty(), "--table: expected --engine cpu with it, found gpu");
+    check_gpu(gpu);
+    return on_gpu;
+}
+
+void check_preparation(const Texts& texts, InputRules& rules) {
+    if (!texts.mean.empty()) rules.mean = parse_numbers("--mean", texts.mean);
+    if (!texts.norm.empty()) rules.norm = parse_numbers("--norm", texts.norm);
+    std::string& type = rules.pixel_type;
+    if (type == "grey") type = "gray";
+    require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
+            "--pixel-type: expected rgb, bgr, gray or rgba, found \"" + type + "\"");
+}
+
+void check(CompareCommand& command, const Texts& texts) {
+    apply(texts, command.plan, command.limits);
+    check_preparation(texts, command.rules);
+    check_gpu(command.gpu);
+}
+
 void check(RunCommand& command, const Texts& texts) {
     apply(texts, command.plan, command.limits);
-    if (!texts.mean.empty()) command.rules.mean = parse_numbers("--mean", texts.mean);
-    if (!texts.norm.empty()) command.rules.norm = parse_numbers("--norm", texts.norm);
+    command.on_gpu = check_engine(texts, command.gpu, command.table);
+    check_preparation(texts, command.rules);
     require(!command.output.empty() || !command.all_layers.empty() || !command.composite.empty(),
             "run: expected --output, --composite or --all-layers, found none of them");
     const std::string extension = extension_of(command.output);
@@ -348,14 +441,12 @@ void check(RunCommand& command, const Texts& texts) {
     require(!numbers || parse_colour(command.background, colour),
             "--background: expected R,G,B from 0 to 255 or a picture, found \"" +
                 command.background + "\"");
-    std::string& type = command.rules.pixel_type;
-    if (type == "grey") type = "gray";
-    require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
-            "--pixel-type: expected rgb, bgr, gray or rgba, found \"" + type + "\"");
 }
 
 void check(BenchCommand& command, const Texts& texts) {
     apply(texts, command.plan, command.limits);
+    command.on_gpu = check_engine(texts, command.gpu, command.table);
+    require(!command.on_gpu || !command.fps, "--fps: expected --engine cpu with it, found gpu");
     require(command.warmup >= 0 && command.warmup <= 1000000,
             "--warmup: expected 0 to 1000000, found " + std::to_string(command.warmup));
     if (command.runs) {
@@ -391,21 +482,23 @@ Command parse_command_line(int argc, char** argv) {
     RunCommand run_command;
     BenchCommand bench_command;
     TuneCommand tune_command;
+    CompareCommand compare_command;
     Texts texts;
     CLI::App* info = add_info(app, info_command, texts);
     CLI::App* run = add_run(app, run_command, texts);
     add_bench(app, bench_command, texts);
     CLI::App* tune = add_tune(app, tune_command, texts);
+    CLI::App* compare = add_compare(app, compare_command, texts);
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->set_help_flag("-h,--help", "Show this help.");
         sub->group("Commands");
     }
 
-    const char* expected = "expected a command: info, run, bench or tune";
+    const char* expected = "expected a command: info, run, bench, tune or compare";
     if (argc < 2) throw UsageError(std::string(expected) + " (see tarno --help)");
     const std::string first = argv[1];
     if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench" &&
-        first != "tune") {
+        first != "tune" && first != "compare") {
         throw UsageError(std::string(expected) + ", found \"" + first + "\" (see tarno --help)");
     }
     try {
@@ -436,6 +529,10 @@ Command parse_command_line(int argc, char** argv) {
     if (tune->parsed()) {
         apply(texts, tune_command.plan, tune_command.limits);
         return tune_command;
+    }
+    if (compare->parsed()) {
+        check(compare_command, texts);
+        return compare_command;
     }
     check(bench_command, texts);
     return bench_command;

@@ -64,8 +64,8 @@ private:
 };
 
 void Planner::refuse(const PlannedLayer& layer, const std::string& text) {
-    if (plan.refusal) return;
-    plan.refusal = PlanRefusal{true, layer.id, layer.type, text};
+    plan.refusals.push_back(PlanRefusal{true, layer.id, layer.type, text});
+    if (!plan.refusal) plan.refusal = plan.refusals.back();
 }
 
 void Planner::run() {

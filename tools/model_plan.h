@@ -87,7 +87,8 @@ struct ModelPlan {
     int64_t base_h = 0;
     std::vector<PlannedLayer> layers;  ///< in execution order
     std::vector<ModelInput> inputs;    ///< by ascending index
-    std::optional<PlanRefusal> refusal;
+    std::optional<PlanRefusal> refusal;  ///< the first of them
+    std::vector<PlanRefusal> refusals;   ///< of single layers, all
 
     int64_t parameters = 0;
     int64_t multiply_adds = 0;

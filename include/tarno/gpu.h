@@ -10,6 +10,7 @@
 // GL header.
 #pragma once
 
+#include "gpu/opengl/glcnn/src/tesk/benchmark_net.h"
 #include "gpu/opengl/glcnn/src/tesk/box_filter.h"
 #include "gpu/opengl/glcnn/src/tesk/compute_program_manager.h"
 #include "gpu/opengl/glcnn/src/tesk/fast_guided_filter.h"
@@ -21,5 +22,6 @@
 #include "gpu/opengl/glcnn/src/tesk/glutil/pbo_downloader.h"
 #include "gpu/opengl/glcnn/src/tesk/glutil/texture_pool.h"
 #include "gpu/opengl/glcnn/src/tesk/matrix_color.h"
+#include "gpu/opengl/glcnn/src/tesk/net.h"
 #include "gpu/opengl/glcnn/src/tesk/pyramid.h"
 #include "gpu/opengl/glcnn/src/tesk/tesk.h"

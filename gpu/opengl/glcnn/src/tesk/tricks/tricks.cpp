@@ -33,17 +33,22 @@ bool Tricks::useProgram(const std::shared_ptr<tesk::ComputeProgram>& program) {
     return false;
 }
 
+/// A factor of a damaged file may be no number, or beyond what an int holds: no size then.
+static int pixels(double size) {
+    return size > -1e9 && size < 1e9 ? static_cast<int>(size) : 0;
+}
+
 Extent roundedExtent(const shape3& shape, const ComputeProgramManager& manager) {
     const auto rounded = [](int net, unsigned short factor) {
         const float product = static_cast<float>(net) * Tarno::half_to_float(factor);
-        return static_cast<int>(static_cast<double>(product) + 0.5);
+        return pixels(static_cast<double>(product) + 0.5);
     };
     return {rounded(manager.netWidth, shape.scale_x), rounded(manager.netHeight, shape.scale_y)};
 }
 
 Extent truncatedExtent(const shape3& shape, const ComputeProgramManager& manager) {
     const auto truncated = [](int net, unsigned short factor) {
-        return static_cast<int>(static_cast<float>(net) * Tarno::half_to_float(factor));
+        return pixels(static_cast<float>(net) * Tarno::half_to_float(factor));
     };
     return {truncated(manager.netWidth, shape.scale_x), truncated(manager.netHeight, shape.scale_y)};
 }
