@@ -454,6 +454,15 @@ Tensor rough_mask(int height, int width, unsigned int seed) {
     return mask;
 }
 
+/// One pixel block that a subsampling of 4 does not miss.
+Tensor impulse_mask(int height, int width) {
+    Tensor mask(4, height, width);
+    for (int y = 0; y < 4; ++y) {
+        for (int x = 0; x < 4; ++x) mask.at(0, height / 2 + y, width / 2 + x) = 1.0;
+    }
+    return mask;
+}
+
 const std::vector<std::string> guided_programs = {"setOnes_program",
                                                   "mergeGuidedWithFilter_program",
                                                   "2in_dot_product_program",
@@ -537,15 +546,18 @@ TEST_F(FastGuidedFilter, AtSmallerSizesItIsItsOwnStepsWithEveryPictureInHalves) 
         int radius;
         float subsampling;
         int small_radius;
+        bool impulse;
     };
     const Store store = store_of_driver();
     unsigned int seed = 11100;
-    for (const Case& c : {Case{{45, 62}, 8, 4.0f, 2}, Case{{64, 48}, 15, 4.0f, 3},
-                          Case{{33, 41}, 5, 2.0f, 2}, Case{{35, 50}, 6, 2.5f, 2}}) {
+    for (const Case& c : {Case{{45, 62}, 8, 4.0f, 2, false}, Case{{64, 48}, 15, 4.0f, 3, false},
+                          Case{{33, 41}, 5, 2.0f, 2, false}, Case{{35, 50}, 6, 2.5f, 2, false},
+                          Case{{45, 62}, 8, 4.0f, 2, true}, Case{{33, 41}, 5, 2.0f, 2, true}}) {
         SCOPED_TRACE(++seed);
         const float eps = 0.02f;
         const Tensor guide = scene(c.size.height, c.size.width, seed);
-        const Tensor mask = rough_mask(c.size.height, c.size.width, seed + 1000);
+        const Tensor mask = c.impulse ? impulse_mask(c.size.height, c.size.width)
+                                      : rough_mask(c.size.height, c.size.width, seed + 1000);
         const Setting setting{c.small_radius, double{c.subsampling}, double{eps}};
         const Tensor expected = by_steps(guide, mask, setting, store);
 
