@@ -11,8 +11,8 @@
 namespace tesk {
 
 /// For records of ZQLayerInfo_Upsampling with mode 0: one invocation for each input pixel, which it
-/// stores 4 by 4 times when the scale is 4, 2 by 2 times with any other scale. Shapes that are four
-/// times as wide and as high as before take a program of the catalogue that repeats along x alone.
+/// stores 4 by 4 times when the scale is 4, 2 by 2 times with any other scale. Where the shapes
+/// say four times the width at the same height, a program of the catalogue repeats along x alone.
 class TESK_TESTED Tricks_UpSampling_Nearest : public Tricks {
 public:
     explicit Tricks_UpSampling_Nearest(tesk::ComputeProgramManager* manager) : Tricks(manager) {}
