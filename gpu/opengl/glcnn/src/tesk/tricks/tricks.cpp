@@ -29,7 +29,8 @@ bool Tricks::useProgram(const std::shared_ptr<tesk::ComputeProgram>& program) {
         program->use();
         return true;
     }
-    Tarno::_LogError("Tarno", "layer: expected a program that links, found none; not dispatched");
+    // Why was an error line when the layer was set up; this comes with each frame.
+    Tarno::_LogVerbose("Tarno", "layer: expected a program that links, found none; not dispatched");
     return false;
 }
 

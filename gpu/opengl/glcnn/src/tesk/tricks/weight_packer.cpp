@@ -175,12 +175,16 @@ void BiasPacker::packHalf(const void* b) {
 
 void BiasPacker::packHalfPlain(const void* b) {
     packed.assign(to_size(whole_slices(outputChannels)) * 2, 0);
-    if (b != nullptr) std::memcpy(packed.data(), b, to_size(outputChannels) * 2);
+    if (b != nullptr && outputChannels > 0) {
+        std::memcpy(packed.data(), b, to_size(outputChannels) * 2);
+    }
 }
 
 void BiasPacker::packFloat(const void* b) {
     packed.assign(to_size(whole_slices(outputChannels)) * 4, 0);
-    if (b != nullptr) std::memcpy(packed.data(), b, to_size(outputChannels) * 4);
+    if (b != nullptr && outputChannels > 0) {
+        std::memcpy(packed.data(), b, to_size(outputChannels) * 4);
+    }
 }
 
 }  // namespace tesk
