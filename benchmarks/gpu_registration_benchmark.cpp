@@ -58,7 +58,9 @@ int register_all() {
         }
         const auto start = std::chrono::steady_clock::now();
         manager->addComputeProgramFromString(tesk::programSource(row.name), row.name);
-        std::printf("%.6f\n", milliseconds_since(start));
+        const double milliseconds = milliseconds_since(start);
+        if (!manager->getComputeProgram(row.name)->isLinked()) return 1;
+        std::printf("%.6f\n", milliseconds);
     }
     manager->release();
     tesk_UnInit(id);
@@ -111,7 +113,8 @@ int main(int argc, char** argv) {
     const std::vector<double> cached = least_of(3, with_cache, driver);
     std::filesystem::remove_all(folder);
     if (cold.empty() || !filled || cached.empty()) {
-        std::fprintf(stderr, "gpu_registration: expected a context with OpenGL 4.3, found none\n");
+        std::fprintf(stderr, "gpu_registration: expected a context with OpenGL 4.3 and programs that "
+                             "link, see above\n");
         return 1;
     }
 
