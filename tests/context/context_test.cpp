@@ -315,6 +315,10 @@ TEST(Context, ADisplayThatTheHostTerminatedIsTakenAgain) {
     EXPECT_EQ(probe("", "terminate"), "init 0 uninit 0 init 0 check 0 uninit 0\n");
 }
 
+TEST(Context, ObjectsThatOutliveTheirContextDoNothing) {
+    EXPECT_EQ(probe("", "outlive"), "outlived\n");
+}
+
 TEST(Context, AMachineWithoutADriverIsAFailure) {
     EXPECT_EQ(probe("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent"),
               "init 1 check 5 uninit 0 again 1\n");
