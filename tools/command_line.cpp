@@ -464,6 +464,90 @@ void check(BenchCommand& command, const Texts& texts) {
     }
 }
 
+CLI::App* add_image(CLI::App& app, ImageCommand& command, Texts& texts) {
+    CLI::App* image = app.add_subcommand("image", "Run one of the GPU operations on a picture.");
+    image->add_option("--op", command.op, std::string("What to do: ") + image_operations + ".")
+        ->type_name("NAME")
+        ->required();
+    image
+        ->add_option("--input", command.input,
+                     "A PNG or JPEG picture; for yuv2rgb a raw 4:2:0 frame of bytes, plane Y, then "
+                     "U, then V; for guided the mask.")
+        ->type_name("FILE")
+        ->required();
+    image->add_option("--guide", command.guide, "The picture along whose edges guided refines.")
+        ->type_name("FILE");
+    image->add_option("--output", command.output, "A .png file for the result.")
+        ->type_name("FILE")
+        ->required();
+    image
+        ->add_option("--size", texts.size,
+                     "Size of the result of resize, size of the frame of yuv2rgb.")
+        ->type_name("WxH");
+    image
+        ->add_option("--radius", command.radius,
+                     "Reach of the window of box and guided in pixels, 0 to 1024; 8 unless told "
+                     "otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("PIXELS");
+    image
+        ->add_option("--subsampling", command.subsampling,
+                     "guided works on a picture smaller by this factor, 1 to 64; 4 unless told "
+                     "otherwise.")
+        ->check(CLI::Validator(number_fault_of, ""))
+        ->type_name("FACTOR");
+    image
+        ->add_option("--eps", command.eps,
+                     "guided: what is added to the variances of the guide (components 0 to 1); "
+                     "the larger, the smoother. 0.001 unless told otherwise.")
+        ->check(CLI::Validator(number_fault_of, ""))
+        ->type_name("NUMBER");
+    image
+        ->add_option("--levels", command.levels,
+                     "Levels of pyramid, the base included, 1 to 16; 4 unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("COUNT");
+    add_verbose(image, command.verbose);
+    image->footer(
+        "resize lays the corner pixels of both pictures upon each other. box counts what lies\n"
+        "outside the picture as black, so borders darken. guided writes the refined mask in grey,\n"
+        "pyramid the grey levels side by side.");
+    return image;
+}
+
+void check(ImageCommand& command, const Texts& texts) {
+    if (!is_image_operation(command.op)) {
+        throw UsageError(std::string("--op: expected ") + image_operations + ", found \"" +
+                         command.op + "\"");
+    }
+    if (!texts.size.empty()) command.size = parse_size("--size", texts.size);
+    if ((command.op == "resize" || command.op == "yuv2rgb") && !command.size) {
+        throw UsageError("--op " + command.op + ": expected --size WxH, found none");
+    }
+    if (command.op == "guided" && command.guide.empty()) {
+        throw UsageError("--op guided: expected --guide FILE, found none");
+    }
+    if (command.radius < 0 || command.radius > 1024) {
+        throw UsageError("--radius: expected 0 to 1024, found " + std::to_string(command.radius));
+    }
+    if (command.levels < 1 || command.levels > 16) {
+        throw UsageError("--levels: expected 1 to 16, found " + std::to_string(command.levels));
+    }
+    if (!(command.subsampling >= 1.0 && command.subsampling <= 64.0)) {
+        throw UsageError("--subsampling: expected 1 to 64, found another number");
+    }
+    if (!(command.eps >= 0.0 && command.eps <= 1.0e4)) {
+        throw UsageError("--eps: expected 0 to 10000, found another number");
+    }
+}
+
+CLI::App* add_gpu_info(CLI::App& app, GpuInfoCommand& command) {
+    CLI::App* info = app.add_subcommand(
+        "gpu-info", "Show driver, limits, and which ways to a display were tried.");
+    add_verbose(info, command.verbose);
+    return info;
+}
+
 }  // namespace
 
 Command parse_command_line(int argc, char** argv) {
@@ -483,22 +567,28 @@ Command parse_command_line(int argc, char** argv) {
     BenchCommand bench_command;
     TuneCommand tune_command;
     CompareCommand compare_command;
+    ImageCommand image_command;
+    GpuInfoCommand gpu_info_command;
     Texts texts;
     CLI::App* info = add_info(app, info_command, texts);
     CLI::App* run = add_run(app, run_command, texts);
     add_bench(app, bench_command, texts);
     CLI::App* tune = add_tune(app, tune_command, texts);
     CLI::App* compare = add_compare(app, compare_command, texts);
+    CLI::App* image = add_image(app, image_command, texts);
+    CLI::App* gpu_info = add_gpu_info(app, gpu_info_command);
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->set_help_flag("-h,--help", "Show this help.");
         sub->group("Commands");
     }
 
-    const char* expected = "expected a command: info, run, bench, tune or compare";
+    const char* expected = "expected a command: info, run, bench, tune, compare, image or gpu-info";
     if (argc < 2) throw UsageError(std::string(expected) + " (see tarno --help)");
     const std::string first = argv[1];
-    if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench" &&
-        first != "tune" && first != "compare") {
+    const auto commands = app.get_subcommands({});
+    const auto is_named = [&](const CLI::App* sub) { return sub->get_name() == first; };
+    if (first.compare(0, 1, "-") != 0 &&
+        std::none_of(commands.begin(), commands.end(), is_named)) {
         throw UsageError(std::string(expected) + ", found \"" + first + "\" (see tarno --help)");
     }
     try {
@@ -534,6 +624,11 @@ Command parse_command_line(int argc, char** argv) {
         check(compare_command, texts);
         return compare_command;
     }
+    if (image->parsed()) {
+        check(image_command, texts);
+        return image_command;
+    }
+    if (gpu_info->parsed()) return gpu_info_command;
     check(bench_command, texts);
     return bench_command;
 }
