@@ -507,6 +507,17 @@ CLI::App* add_image(CLI::App& app, ImageCommand& command, Texts& texts) {
                      "Levels of pyramid, the base included, 1 to 16; 4 unless told otherwise.")
         ->check(CLI::Validator(whole_number_fault, ""))
         ->type_name("COUNT");
+    CLI::Option* composite =
+        image
+            ->add_option("--composite", command.composite,
+                         "guided: a .png file for the guide over a new background, by the refined "
+                         "mask.")
+            ->type_name("FILE");
+    image
+        ->add_option("--background", command.background,
+                     "What the composite lies over: a colour R,G,B of 0 to 255, or a picture.")
+        ->type_name("R,G,B|FILE")
+        ->needs(composite);
     add_verbose(image, command.verbose);
     image->footer(
         "resize lays the corner pixels of both pictures upon each other. box counts what lies\n"
@@ -526,6 +537,12 @@ void check(ImageCommand& command, const Texts& texts) {
     }
     if (command.op == "guided" && command.guide.empty()) {
         throw UsageError("--op guided: expected --guide FILE, found none");
+    }
+    if (command.op != "guided" && !command.composite.empty()) {
+        throw UsageError("--composite: expected --op guided, found " + command.op);
+    }
+    if (!command.composite.empty() && command.background.empty()) {
+        throw UsageError("--composite: expected --background, found none");
     }
     if (command.radius < 0 || command.radius > 1024) {
         throw UsageError("--radius: expected 0 to 1024, found " + std::to_string(command.radius));

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "composite.h"
 #include "errors.h"
 #include "files.h"
 #include "gpu_session.h"
@@ -213,9 +214,11 @@ FloatMap worked(const ImageCommand& command, GpuSession& session) {
 }  // namespace
 
 void image(const ImageCommand& command) {
-    if (extension_of(command.output) != ".png") {
-        throw CommandError(command.output + ": expected a .png file for the result, found \"" +
-                           extension_of(command.output) + "\"");
+    for (const std::string& output : {command.output, command.composite}) {
+        if (!output.empty() && extension_of(output) != ".png") {
+            throw CommandError(output + ": expected a .png file for the result, found \"" +
+                               extension_of(output) + "\"");
+        }
     }
     LibraryReports reports(command.verbose);
     GpuSession session(GpuOptions(), reports);
@@ -226,7 +229,15 @@ void image(const ImageCommand& command) {
     }
     OutputFiles files;
     files.write(command.output, png_bytes(picture_of(result)));
+    if (!command.composite.empty()) {
+        const Picture guide = read_picture(command.guide, 3);
+        const Picture background = background_of(command.background, guide.w, guide.h);
+        files.write(command.composite, png_bytes(composite_of(guide, background, result)));
+    }
     files.commit();
+    if (!command.composite.empty()) {
+        std::printf("wrote %s: %d x %d pixels\n", command.composite.c_str(), result.w, result.h);
+    }
     std::printf("wrote %s: %d x %d pixels, %s\n", command.output.c_str(), result.w, result.h,
                 session.device().c_str());
 }

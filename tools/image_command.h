@@ -13,6 +13,8 @@ struct ImageCommand {
     std::string input;
     std::string guide;
     std::string output;
+    std::string composite;   ///< guided: .png; empty for none
+    std::string background;  ///< "R,G,B" or a picture
     std::optional<Size> size;  ///< of the output of "resize", of the input of "yuv2rgb"
     int radius = 8;
     double subsampling = 4.0;
