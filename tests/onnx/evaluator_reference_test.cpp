@@ -109,8 +109,9 @@ TEST(ReferenceFiles, CoverEveryOperatorSet) {
 
 TEST(FillRule, GivesTheNumbersOfTheScripts) {
     // fill.uniform(1, -2, 2, (4,)) and fill.uniform(7, 0.5, 0.75, (3,))
-    EXPECT_EQ(testing_support::uniform_fill(1, -2, 2, 4),
-              (std::vector<float>{-0x1.3855b8p-1f, 0x1.496dccp+0f, 0x1.2bff8cp+0f, 0x1.918158p+0f}));
+    EXPECT_EQ(
+        testing_support::uniform_fill(1, -2, 2, 4),
+        (std::vector<float>{-0x1.3855b8p-1f, 0x1.496dccp+0f, 0x1.2bff8cp+0f, 0x1.918158p+0f}));
     EXPECT_EQ(testing_support::uniform_fill(7, 0.5, 0.75, 3),
               (std::vector<float>{0x1.2a5674p-1f, 0x1.426ff2p-1f, 0x1.70e9p-1f}));
 }
