@@ -310,17 +310,18 @@ Blob Emitter::depthwise_deconvolution(const Blob& bottom, const Window& w,
 
 Blob Emitter::pooling(const Blob& bottom, bool maximum, const Window& w) {
     ZQLayerInfo_Pooling record;
-    // The engine takes pad_w for the left and the top and pad_h for the right and the bottom.
-    require(w.pad_w == w.pad_h, "a pooling of one padding on all sides");
-    const int64_t room_w = bottom.size.w + 2 * w.pad_w - w.kernel_w;
-    const int64_t room_h = bottom.size.h + 2 * w.pad_h - w.kernel_h;
+    // The CPU engine takes pad_w for the left and the top and pad_h for the right and the bottom.
+    require(w.pad_w == w.pad_h || !for_gpu(), "a pooling of one padding on all sides");
+    const int64_t room_w = int64_t{bottom.size.w} + w.pad_w + w.pad_h - w.kernel_w;
+    const int64_t room_h = int64_t{bottom.size.h} + w.pad_w + w.pad_h - w.kernel_h;
     require(room_w >= 0 && room_h >= 0, "a window larger than its padded input");
     const Extent size = {bottom.size.c, static_cast<int>(room_h / w.stride_h + 1),
                          static_cast<int>(room_w / w.stride_w + 1)};
     read(record, bottom, size);
     set_window(record, w);
     record.pool_type = maximum ? 1 : 0;
-    return finish(record, size, w.pad_w > 0 && maximum ? bottom.range.with(0.0) : bottom.range);
+    const bool border = w.pad_w > 0 || w.pad_h > 0;
+    return finish(record, size, border && maximum ? bottom.range.with(0.0) : bottom.range);
 }
 
 Blob Emitter::eltwise(const std::vector<Blob>& bottoms, bool product, int activation) {

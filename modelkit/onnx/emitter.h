@@ -93,8 +93,9 @@ public:
     Blob depthwise_deconvolution(const Blob& bottom, const Window& window,
                                  const std::vector<float>& weights, const std::vector<float>& bias,
                                  int activation = 0);
-    /// The border counts as 0 for a maximum. For an average it is left out where the engine's
-    /// correction of the margins is right, which the caller sees to.
+    /// `pad_w` at the left and the top, `pad_h` at the right and the bottom, as the CPU engine
+    /// takes them. The border counts as 0 for a maximum. For an average it is left out where the
+    /// engine's correction of the margins is right, which the caller sees to.
     Blob pooling(const Blob& bottom, bool maximum, const Window& window);
     Blob eltwise(const std::vector<Blob>& bottoms, bool product, int activation = 0);
     /// `axis` as the engine counts it for the first bottom's dimensions.

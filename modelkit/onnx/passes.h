@@ -26,6 +26,9 @@ public:
     /// The node that makes a value; nothing for inputs and initializers.
     std::optional<size_t> maker(const std::string& value) const;
     bool is_output(const std::string& value) const { return outputs.count(value) != 0; }
+    bool is_used(const std::string& value) const {
+        return is_output(value) || readers.count(value) != 0;
+    }
 
 private:
     std::unordered_map<std::string, size_t> makers;
