@@ -32,13 +32,11 @@ struct Form {
     const char* attributes;
 };
 
-constexpr char CONVOLUTION[] =
-    "auto_pad:s dilations:is group:i kernel_shape:is pads:is strides:is";
+constexpr char CONVOLUTION[] = "auto_pad:s dilations:is group:i kernel_shape:is pads:is strides:is";
 constexpr char TRANSPOSED[] =
     "auto_pad:s dilations:is group:i kernel_shape:is output_padding:is output_shape:is pads:is "
     "strides:is";
-constexpr char CONSTANT[] =
-    "value:t value_float:f value_floats:fs value_int:i value_ints:is";
+constexpr char CONSTANT[] = "value:t value_float:f value_floats:fs value_int:i value_ints:is";
 constexpr char LSTM[] =
     "activation_alpha:fs activation_beta:fs activations:ss clip:f direction:s hidden_size:i "
     "input_forget:i";
@@ -185,7 +183,8 @@ const char* kind_of(const Attribute& attribute) {
 void check_attributes(const Node& node, const Form& form) {
     const std::string allowed = std::string(" ") + form.attributes + " ";
     for (const auto& [name, attribute] : node.attributes) {
-        if (allowed.find(" " + name + ":" + kind_of(attribute) + " ") != std::string::npos) continue;
+        if (allowed.find(" " + name + ":" + kind_of(attribute) + " ") != std::string::npos)
+            continue;
         const bool known = allowed.find(" " + name + ":") != std::string::npos;
         throw Refusal{"attribute " + in_quotes(name) +
                       (known ? " is of another kind than expected" : " is not supported")};
@@ -249,9 +248,8 @@ void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& va
         throw Refusal{"has " + std::to_string(inputs.size()) + " inputs, expected " +
                       std::to_string(form.least_inputs) +
                       (form.most_inputs == form.least_inputs ? ""
-                       : form.most_inputs == ANY
-                           ? " or more"
-                           : " to " + std::to_string(form.most_inputs))};
+                       : form.most_inputs == ANY             ? " or more"
+                                                 : " to " + std::to_string(form.most_inputs))};
     }
     if (node.outputs.empty()) throw Refusal{"has no outputs"};
     Call call(node, graph.opset, std::move(inputs), left);

@@ -14,11 +14,11 @@ namespace modelkit::onnx {
 /// runs for days. A node that would go beyond is refused before it starts.
 struct EvaluationLimits {
     int64_t elements = int64_t(1) << 28;  ///< of all computed tensors together, 8 bytes each
-    int64_t steps = int64_t(1) << 38;     ///< products, comparisons or copies, of all nodes together
+    int64_t steps = int64_t(1) << 38;  ///< products, comparisons or copies, of all nodes together
 };
 
-/// Computes every value of a graph: the judge of converted models, independent of the engines and of
-/// the converter. All floating-point arithmetic is in double, integer arithmetic in 64 bits that
+/// Computes every value of a graph: the judge of converted models, independent of the engines and
+/// of the converter. All floating-point arithmetic is in double, integer arithmetic in 64 bits that
 /// wrap around; a cast to a narrower floating-point type rounds nothing.
 ///
 /// `inputs` has a tensor for each of `graph.inputs`, of the declared shape where the graph gives

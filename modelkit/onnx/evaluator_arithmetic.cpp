@@ -41,11 +41,10 @@ Tensor arithmetic(Call& call, const Tensor& a, const Tensor& b, Reals reals, Who
     call.require(a.type != ElementType::Bool, "the inputs are of bool, expected numbers");
     const Dims dims = broadcast(call, a.dims, b.dims);
     if (is_integral(a.type)) {
-        return Tensor::of_integers(
-            dims,
-            combined<int64_t>(call, dims, a, std::get<Integers>(a.values), b,
-                              std::get<Integers>(b.values), whole),
-            a.type);
+        return Tensor::of_integers(dims,
+                                   combined<int64_t>(call, dims, a, std::get<Integers>(a.values), b,
+                                                     std::get<Integers>(b.values), whole),
+                                   a.type);
     }
     const Numbers from_a(a);
     const Numbers from_b(b);
@@ -61,8 +60,8 @@ Tensor compared(Call& call, Function function) {
     const Dims dims = broadcast(call, a.dims, b.dims);
     if (is_integral(a.type)) {
         return Tensor::of_integers(dims,
-                                   combined<int64_t>(call, dims, a, std::get<Integers>(a.values),
-                                                     b, std::get<Integers>(b.values), function),
+                                   combined<int64_t>(call, dims, a, std::get<Integers>(a.values), b,
+                                                     std::get<Integers>(b.values), function),
                                    ElementType::Bool);
     }
     const Numbers from_a(a);
@@ -124,13 +123,12 @@ void mul(Call& call) {
 
 // Integers are divided toward zero.
 void div(Call& call) {
-    call.give(arithmetic(call, call.input(0), call.input(1), std::divides<double>(),
-                         [&call](int64_t a, int64_t b) {
-                             call.require(b != 0, "an integer is divided by 0");
-                             const bool overflows =
-                                 b == -1 && a == std::numeric_limits<int64_t>::min();
-                             return overflows ? a : a / b;
-                         }));
+    call.give(arithmetic(
+        call, call.input(0), call.input(1), std::divides<double>(), [&call](int64_t a, int64_t b) {
+            call.require(b != 0, "an integer is divided by 0");
+            const bool overflows = b == -1 && a == std::numeric_limits<int64_t>::min();
+            return overflows ? a : a / b;
+        }));
 }
 
 void pow(Call& call) {
@@ -138,9 +136,9 @@ void pow(Call& call) {
     const Numbers base(call.input(0));
     const Numbers exponent(call.input(1));
     const Dims dims = broadcast(call, call.input(0).dims, call.input(1).dims);
-    call.give(dims, combined<double>(call, dims, call.input(0), base.list(), call.input(1),
-                                     exponent.list(),
-                                     [](double a, double b) { return std::pow(a, b); }));
+    call.give(dims,
+              combined<double>(call, dims, call.input(0), base.list(), call.input(1),
+                               exponent.list(), [](double a, double b) { return std::pow(a, b); }));
 }
 
 void min(Call& call) {
@@ -158,9 +156,9 @@ void sum(Call& call) {
 void prelu(Call& call) {
     const Tensor& x = call.real(0);
     const Tensor& slope = call.real(1);
-    call.require(broadcast(call, x.dims, slope.dims) == x.dims,
-                 "the slope of shape " + text_of(slope.dims) + " is larger than " +
-                     text_of(x.dims));
+    call.require(
+        broadcast(call, x.dims, slope.dims) == x.dims,
+        "the slope of shape " + text_of(slope.dims) + " is larger than " + text_of(x.dims));
     const Numbers values(x);
     const Numbers slopes(slope);
     call.give(x.dims, combined<double>(call, x.dims, x, values.list(), slope, slopes.list(),
@@ -206,8 +204,7 @@ void where(Call& call) {
     const Tensor& yes = call.input(1);
     const Tensor& no = call.input(2);
     call.require(condition.type == ElementType::Bool,
-                 std::string("the condition is of ") + name_of(condition.type) +
-                     ", expected bool");
+                 std::string("the condition is of ") + name_of(condition.type) + ", expected bool");
     require_numbers_alike(call, yes, no);
     const Dims dims = broadcast(call, broadcast(call, condition.dims, yes.dims), no.dims);
     const auto& conditions = std::get<Integers>(condition.values);

@@ -55,8 +55,8 @@ void Call::spend(int64_t steps) {
 size_t Call::take(const Dims& dims) {
     const int64_t count = element_count(dims);
     if (count < 0 || count > left.elements) {
-        refuse("a tensor of shape " + text_of(dims) + " is too large: " +
-               std::to_string(left.elements) + " elements are left for all");
+        refuse("a tensor of shape " + text_of(dims) +
+               " is too large: " + std::to_string(left.elements) + " elements are left for all");
     }
     spend(count);
     left.elements -= count;

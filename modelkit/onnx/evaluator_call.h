@@ -48,7 +48,10 @@ class Call {
 public:
     /// `inputs` has null for an optional input left out.
     Call(const Node& node, int opset, std::vector<const Tensor*> inputs, EvaluationLimits& left)
-        : node(node), opset(opset), outputs(node.outputs.size()), inputs(std::move(inputs)),
+        : node(node),
+          opset(opset),
+          outputs(node.outputs.size()),
+          inputs(std::move(inputs)),
           left(left) {}
 
     const Node& node;

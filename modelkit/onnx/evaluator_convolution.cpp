@@ -34,8 +34,8 @@ int64_t group_of(const Call& call) {
 std::vector<double> bias_of(Call& call, int64_t channels) {
     if (!call.has(2)) return call.room<double>({channels});
     const Tensor& bias = call.real(2);
-    call.require(bias.dims == Dims{channels}, "the bias has shape " + text_of(bias.dims) +
-                                                  ", expected " + text_of({channels}));
+    call.require(bias.dims == Dims{channels},
+                 "the bias has shape " + text_of(bias.dims) + ", expected " + text_of({channels}));
     return bias.numbers();
 }
 
@@ -126,9 +126,9 @@ namespace {
 void place_transposed(const Call& call, Windows& windows, size_t axes) {
     const Node& node = call.node;
     const std::string mode = node.text("auto_pad", "NOTSET");
-    call.require(mode == "NOTSET" || mode == "VALID" || mode == "SAME_UPPER" ||
-                     mode == "SAME_LOWER",
-                 "attribute \"auto_pad\" is " + in_quotes(mode));
+    call.require(
+        mode == "NOTSET" || mode == "VALID" || mode == "SAME_UPPER" || mode == "SAME_LOWER",
+        "attribute \"auto_pad\" is " + in_quotes(mode));
     const Dims extra = node.integers("output_padding", Dims(axes, 0));
     call.require(extra.size() == axes, "attribute \"output_padding\" is " + text_of(extra));
     const Attribute* shape = node.find("output_shape", Attribute::Kind::Ints);
@@ -156,10 +156,19 @@ void place_transposed(const Call& call, Windows& windows, size_t axes) {
             continue;
         }
         axis.in = shape != nullptr ? wanted[i] : axis.out * axis.stride;
-        call.require(axis.in >= 1 && axis.in <= whole,
-                     "an output of " + std::to_string(axis.in) + " pixels cannot be cut from " +
-                         std::to_string(whole));
+        call.require(axis.in >= 1 && axis.in <= MOST_PIXELS,
+                     "an output of " + std::to_string(axis.in) + " pixels is not possible");
         const int64_t total = whole - axis.in;
+        if (total < 0) {
+            // Pixels that no window reaches. The definition's division of a negative number says
+            // nothing of where; its own example has them at the end.
+            call.require(mode == "NOTSET", "an output of " + std::to_string(axis.in) +
+                                               " pixels cannot be cut from " +
+                                               std::to_string(whole));
+            axis.pad_begin = 0;
+            axis.pad_end = total;
+            continue;
+        }
         // Before set 11 the text says both that SAME_UPPER pads more at the end and that it pads
         // more at the beginning.
         call.require(total % 2 == 0 || call.opset >= 11,

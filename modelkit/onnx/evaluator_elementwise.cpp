@@ -185,16 +185,15 @@ Bounds bounds_of(ElementType type) {
 // The numbers that files use for element types.
 ElementType type_of_number(const Call& call, int64_t number) {
     constexpr ElementType TYPES[] = {
-        ElementType::Undefined, ElementType::Float,   ElementType::Uint8,  ElementType::Int8,
-        ElementType::Uint16,    ElementType::Int16,   ElementType::Int32,  ElementType::Int64,
-        ElementType::Undefined, ElementType::Bool,    ElementType::Float16, ElementType::Double,
+        ElementType::Undefined, ElementType::Float,  ElementType::Uint8,   ElementType::Int8,
+        ElementType::Uint16,    ElementType::Int16,  ElementType::Int32,   ElementType::Int64,
+        ElementType::Undefined, ElementType::Bool,   ElementType::Float16, ElementType::Double,
         ElementType::Uint32,    ElementType::Uint64,
     };
     constexpr int64_t COUNT = sizeof(TYPES) / sizeof(TYPES[0]);
     constexpr int64_t BFLOAT16 = 16;
     if (number == BFLOAT16) return ElementType::BFloat16;
-    const ElementType type =
-        number >= 0 && number < COUNT ? TYPES[number] : ElementType::Undefined;
+    const ElementType type = number >= 0 && number < COUNT ? TYPES[number] : ElementType::Undefined;
     call.require(type != ElementType::Undefined,
                  "a cast to element type " + std::to_string(number) + " is not supported");
     return type;

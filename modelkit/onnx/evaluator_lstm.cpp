@@ -52,10 +52,10 @@ struct Sizes {
 
 /// One direction's weights; gates in the order input, output, forget, cell.
 struct Cell {
-    const double* w = nullptr;        ///< [4 * units][inputs]
-    const double* r = nullptr;        ///< [4 * units][units]
-    const double* b = nullptr;        ///< [8 * units], of the inputs and of the state; may be null
-    const double* p = nullptr;        ///< [3 * units], input, output, forget; may be null
+    const double* w = nullptr;  ///< [4 * units][inputs]
+    const double* r = nullptr;  ///< [4 * units][units]
+    const double* b = nullptr;  ///< [8 * units], of the inputs and of the state; may be null
+    const double* p = nullptr;  ///< [3 * units], input, output, forget; may be null
     Activations functions = {};
     double limit = std::numeric_limits<double>::infinity();
     bool coupled = false;
@@ -79,8 +79,7 @@ struct Cell {
         enum { INPUT, OUTPUT, FORGET, CELL };
         constexpr int64_t FORGET_PEEPHOLE = 2;
         for (int64_t u = 0; u < units; ++u) {
-            const double i =
-                functions.gate(clip(sum(INPUT, u, x, h) + peephole(INPUT, u, c[u])));
+            const double i = functions.gate(clip(sum(INPUT, u, x, h) + peephole(INPUT, u, c[u])));
             const double f = coupled ? 1 - i
                                      : functions.gate(clip(sum(FORGET, u, x, h) +
                                                            peephole(FORGET_PEEPHOLE, u, c[u])));
@@ -143,8 +142,8 @@ Sizes sizes_of(const Call& call, bool batch_first) {
     sizes.inputs = x.dims[2];
     sizes.directions = direction == "bidirectional" ? 2 : 1;
     sizes.units = r.dims.size() == 3 ? r.dims[2] : 0;
-    call.require(sizes.units >= 1 && sizes.units <= 65535 && sizes.steps >= 1 &&
-                     sizes.batch >= 1 && sizes.inputs >= 1,
+    call.require(sizes.units >= 1 && sizes.units <= 65535 && sizes.steps >= 1 && sizes.batch >= 1 &&
+                     sizes.inputs >= 1,
                  "input " + text_of(x.dims) + " and recurrence weights " + text_of(r.dims) +
                      " are not possible");
     call.require(call.node.integer("hidden_size", sizes.units) == sizes.units,
@@ -190,8 +189,8 @@ void lstm(Call& call) {
     const Sizes sizes = sizes_of(call, batch_first);
     const int64_t units = sizes.units;
     const int64_t directions = sizes.directions;
-    const Dims state_dims = batch_first ? Dims{sizes.batch, directions, units}
-                                        : Dims{directions, sizes.batch, units};
+    const Dims state_dims =
+        batch_first ? Dims{sizes.batch, directions, units} : Dims{directions, sizes.batch, units};
     const Dims y_dims = batch_first ? Dims{sizes.batch, sizes.steps, directions, units}
                                     : Dims{sizes.steps, directions, sizes.batch, units};
     const Numbers x(call.input(0));
@@ -232,9 +231,8 @@ void lstm(Call& call) {
                 const int64_t frame = batch_first ? n * sizes.steps + t : t * sizes.batch + n;
                 cell.step(x.data() + frame * sizes.inputs, h.data() + state, c.data() + state,
                           next);
-                const int64_t place = batch_first
-                                          ? (n * sizes.steps + t) * directions + d
-                                          : (t * directions + d) * sizes.batch + n;
+                const int64_t place = batch_first ? (n * sizes.steps + t) * directions + d
+                                                  : (t * directions + d) * sizes.batch + n;
                 std::copy(next.begin(), next.end(), y.begin() + place * units);
             }
         }

@@ -44,10 +44,8 @@ Matrix matrix_of(const Call& call, size_t index, const double* data, bool transp
 void gemm(Call& call) {
     const Numbers numbers_a(call.real(0));
     const Numbers numbers_b(call.real(1));
-    const Matrix a =
-        matrix_of(call, 0, numbers_a.data(), call.node.integer("transA", 0) != 0);
-    const Matrix b =
-        matrix_of(call, 1, numbers_b.data(), call.node.integer("transB", 0) != 0);
+    const Matrix a = matrix_of(call, 0, numbers_a.data(), call.node.integer("transA", 0) != 0);
+    const Matrix b = matrix_of(call, 1, numbers_b.data(), call.node.integer("transB", 0) != 0);
     if (a.columns != b.rows) {
         call.refuse("shapes " + text_of(call.input(0).dims) + " and " +
                     text_of(call.input(1).dims) + " do not multiply");
@@ -106,10 +104,10 @@ void matmul(Call& call) {
     if (!y.empty()) {
         walk<2>(stack, {broadcast_strides(stack_a, stack), broadcast_strides(stack_b, stack)},
                 [&](const std::array<int64_t, 2>& at) {
-                    add_product({numbers_a.data() + at[0] * rows * shared, rows, shared, shared, 1},
-                                {numbers_b.data() + at[1] * shared * columns, shared, columns,
-                                 columns, 1},
-                                to);
+                    add_product(
+                        {numbers_a.data() + at[0] * rows * shared, rows, shared, shared, 1},
+                        {numbers_b.data() + at[1] * shared * columns, shared, columns, columns, 1},
+                        to);
                     to += rows * columns;
                 });
     }

@@ -10,6 +10,11 @@ namespace modelkit::onnx::evaluation {
 
 namespace {
 
+// NaN wins, whichever side it is on.
+double larger(double most, double value) {
+    return value > most || value != value ? value : most;
+}
+
 // Calls `window(first row, last row, first column, last column)` for each output pixel of a plane,
 // in order; the bounds are in input pixels and may lie outside.
 template <typename Window>
@@ -17,13 +22,13 @@ void for_each_window(const Windows& windows, Window window) {
     const WindowAxis& rows = windows[0];
     const WindowAxis& columns = windows[1];
     for (int64_t oy = 0; oy < rows.out; ++oy)
-        for (int64_t ox = 0; ox < columns.out; ++ox)
-            window(rows.first(oy), columns.first(ox));
+        for (int64_t ox = 0; ox < columns.out; ++ox) window(rows.first(oy), columns.first(ox));
 }
 
 // The first of `axis`'s taps from `first` on that is not before the input.
 int64_t first_inside(const WindowAxis& axis, int64_t first) {
-    return first >= 0 ? first : first + (-first + axis.dilation - 1) / axis.dilation * axis.dilation;
+    return first >= 0 ? first
+                      : first + (-first + axis.dilation - 1) / axis.dilation * axis.dilation;
 }
 
 // One behind the last pixel inside the input that the window may touch.
@@ -38,16 +43,16 @@ void pool_planes(Call& call, const Windows& windows, const Planes& from, Pool po
     const Dims dims = dims_of(from.batch, from.channels, windows, axes);
     std::vector<double> y = call.room<double>(dims);
     // Only what is inside the input is visited, whatever the kernel.
-    call.spend(product(call, {static_cast<int64_t>(y.size()),
-                              std::min(windows[0].kernel, windows[0].in),
-                              std::min(windows[1].kernel, windows[1].in)}));
+    call.spend(
+        product(call, {static_cast<int64_t>(y.size()), std::min(windows[0].kernel, windows[0].in),
+                       std::min(windows[1].kernel, windows[1].in)}));
     const Numbers input(call.input(0));
     const int64_t plane = windows[0].in * windows[1].in;
     size_t next = 0;
     for (int64_t q = 0; q < from.batch * from.channels; ++q) {
         const double* pixels = input.data() + q * plane;
-        for_each_window(windows,
-                        [&](int64_t row, int64_t column) { y[next++] = pool(pixels, row, column); });
+        for_each_window(
+            windows, [&](int64_t row, int64_t column) { y[next++] = pool(pixels, row, column); });
     }
     call.give(dims, std::move(y));
 }
@@ -67,8 +72,7 @@ void max_pool(Call& call) {
             for (int64_t x = first_inside(windows[1], column); x < end_inside(windows[1], column);
                  x += windows[1].dilation) {
                 const double value = pixels[y * windows[1].in + x];
-                // A NaN stays.
-                if (!(value <= most)) most = value;
+                most = larger(most, value);
                 any = true;
             }
         }
@@ -151,10 +155,8 @@ std::set<size_t> spatial_axes(const Call& call) {
 }  // namespace
 
 void global_max_pool(Call& call) {
-    reduce(
-        call, spatial_axes(call), true, -std::numeric_limits<double>::infinity(),
-        [](double most, double value) { return value <= most ? most : value; },
-        [](double most, double) { return most; });
+    reduce(call, spatial_axes(call), true, -std::numeric_limits<double>::infinity(), larger,
+           [](double most, double) { return most; });
 }
 
 void global_average_pool(Call& call) {

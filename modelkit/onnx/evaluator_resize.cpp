@@ -97,8 +97,8 @@ std::vector<Stretch> by_scales(const Call& call, const std::vector<double>& scal
         call.require(scales[i] > 0, "a scale is not above 0");
         const float size = static_cast<float>(dims[i]) * static_cast<float>(scales[i]);
         call.require(size < 0x1p40f, "a scale of " + std::to_string(scales[i]) + " is too large");
-        axes.push_back({dims[i], static_cast<int64_t>(std::floor(static_cast<double>(size))),
-                        scales[i]});
+        axes.push_back(
+            {dims[i], static_cast<int64_t>(std::floor(static_cast<double>(size))), scales[i]});
     }
     return axes;
 }
@@ -126,8 +126,7 @@ double tf_half_pixel_for_nn(const Stretch& axis, int64_t o) {
 }
 
 Coordinate coordinate_of(const Call& call) {
-    const std::string mode =
-        call.node.text("coordinate_transformation_mode", "half_pixel");
+    const std::string mode = call.node.text("coordinate_transformation_mode", "half_pixel");
     if (mode == "half_pixel") return half_pixel;
     if (mode == "pytorch_half_pixel") return pytorch_half_pixel;
     if (mode == "align_corners") return align_corners;
@@ -158,12 +157,11 @@ bool is_linear(const Call& call) {
 void old_upsample(Call& call, const std::vector<double>& scales) {
     if (is_linear(call)) return stretch_all(call, by_scales(call, scales), asymmetric, nullptr);
     for (const double scale : scales) {
-        call.require(scale >= 1 || 1 / scale == std::floor(1 / scale),
-                     "a scale of " + std::to_string(scale) +
-                         " leaves open which pixels are the nearest");
+        call.require(
+            scale >= 1 || 1 / scale == std::floor(1 / scale),
+            "a scale of " + std::to_string(scale) + " leaves open which pixels are the nearest");
     }
-    stretch_all(call, by_scales(call, scales), asymmetric,
-                [](double x) { return std::floor(x); });
+    stretch_all(call, by_scales(call, scales), asymmetric, [](double x) { return std::floor(x); });
 }
 
 std::vector<double> scales_of(const Call& call, size_t index) {
@@ -202,12 +200,12 @@ void resize(Call& call) {
         axes = by_scales(call, scales_of(call, 2));
     } else {
         const Dims sizes = call.list(3);
-        call.require(sizes.size() == dims.size(), "the sizes " + text_of(sizes) +
-                                                      " do not fit the input " + text_of(dims));
+        call.require(sizes.size() == dims.size(),
+                     "the sizes " + text_of(sizes) + " do not fit the input " + text_of(dims));
         for (size_t i = 0; i < dims.size(); ++i) {
             call.require(sizes[i] >= 1 && dims[i] >= 1, "a size of the input or output is below 1");
-            axes.push_back({dims[i], sizes[i],
-                            static_cast<double>(sizes[i]) / static_cast<double>(dims[i])});
+            axes.push_back(
+                {dims[i], sizes[i], static_cast<double>(sizes[i]) / static_cast<double>(dims[i])});
         }
     }
     stretch_all(call, axes, coordinate_of(call), is_linear(call) ? Nearest() : nearest_of(call));
@@ -234,9 +232,9 @@ void depth_to_space(Call& call) {
     const int64_t r = block_of(call);
     const std::string mode = call.node.text("mode", "DCR");
     call.require(mode == "DCR" || mode == "CRD", "attribute \"mode\" is " + in_quotes(mode));
-    call.require(x.dims[1] % (r * r) == 0, std::to_string(x.dims[1]) +
-                                               " channels do not divide by a block of " +
-                                               std::to_string(r));
+    call.require(
+        x.dims[1] % (r * r) == 0,
+        std::to_string(x.dims[1]) + " channels do not divide by a block of " + std::to_string(r));
     const int64_t channels = x.dims[1] / (r * r);
     const int64_t plane = x.dims[2] * x.dims[3];
     const int64_t over_c = mode == "DCR" ? plane : plane * r * r;
@@ -256,9 +254,9 @@ void depth_to_space(Call& call) {
 void space_to_depth(Call& call) {
     const Tensor& x = call.input(0);
     const int64_t r = block_of(call);
-    call.require(x.dims[2] % r == 0 && x.dims[3] % r == 0,
-                 "the input " + text_of(x.dims) + " does not divide by a block of " +
-                     std::to_string(r));
+    call.require(
+        x.dims[2] % r == 0 && x.dims[3] % r == 0,
+        "the input " + text_of(x.dims) + " does not divide by a block of " + std::to_string(r));
     const int64_t width = x.dims[3];
     const Dims shape = {x.dims[0], r, r, x.dims[1], x.dims[2] / r, width / r};
     const Dims strides = {x.dims[1] * x.dims[2] * width, width, 1, x.dims[2] * width, width * r, r};

@@ -52,8 +52,7 @@ void dropout(Call& call) {
     identity(call);
     if (call.outputs.size() > 1) {
         const Dims& dims = call.input(0).dims;
-        call.outputs[1] =
-            Tensor::of_integers(dims, call.room<int64_t>(dims, 1), ElementType::Bool);
+        call.outputs[1] = Tensor::of_integers(dims, call.room<int64_t>(dims, 1), ElementType::Bool);
     }
 }
 
@@ -88,9 +87,9 @@ void constant_of_shape(Call& call) {
     const Dims dims = call.list(0);
     const Attribute* value = call.node.find("value", Attribute::Kind::Tensor);
     if (value == nullptr) return call.give(dims, call.room<double>(dims));
-    call.require(value->tensor.size() == 1, "attribute \"value\" has shape " +
-                                                text_of(value->tensor.dims) +
-                                                ", expected one element");
+    call.require(
+        value->tensor.size() == 1,
+        "attribute \"value\" has shape " + text_of(value->tensor.dims) + ", expected one element");
     call.give(call.moved(value->tensor, dims, [](const auto& from, auto& to) {
         std::fill(to.begin(), to.end(), from[0]);
     }));
@@ -132,9 +131,9 @@ void reshape(Call& call) {
         dims[open] = 1;
         const int64_t known = element_count(dims);
         const auto all = static_cast<int64_t>(x.size());
-        call.require(known > 0 && all % known == 0, "the input " + text_of(x.dims) +
-                                                        " does not fit the shape " +
-                                                        text_of(call.list(1)));
+        call.require(
+            known > 0 && all % known == 0,
+            "the input " + text_of(x.dims) + " does not fit the shape " + text_of(call.list(1)));
         dims[open] = all / known;
     }
     reshaped(call, std::move(dims));
@@ -163,8 +162,8 @@ void squeeze_axes(Call& call, const std::set<size_t>& axes) {
         if (axes.count(i) == 0) {
             kept.push_back(dims[i]);
         } else {
-            call.require(dims[i] == 1, "axis " + std::to_string(i) + " of " + text_of(dims) +
-                                           " is not 1");
+            call.require(dims[i] == 1,
+                         "axis " + std::to_string(i) + " of " + text_of(dims) + " is not 1");
         }
     }
     reshaped(call, kept);
@@ -216,9 +215,9 @@ void transpose(Call& call) {
     if (call.node.find("perm", Attribute::Kind::Ints) == nullptr) {
         for (size_t i = rank; i-- > 0;) order.push_back(static_cast<int64_t>(i));
     }
-    call.require(order.size() == rank && axes_of(call, order, rank).size() == rank,
-                 "attribute \"perm\" is " + text_of(order) + ", the input has shape " +
-                     text_of(dims));
+    call.require(
+        order.size() == rank && axes_of(call, order, rank).size() == rank,
+        "attribute \"perm\" is " + text_of(order) + ", the input has shape " + text_of(dims));
     const Dims from = strides_of(dims);
     Dims result;
     Dims strides;
@@ -395,8 +394,8 @@ void gather(Call& call) {
         for (int64_t outer = 0; outer < at.outer; ++outer)
             for (const int64_t place : places)
                 for (int64_t inner = 0; inner < at.inner; ++inner)
-                    to[next++] = from[static_cast<size_t>((outer * at.size + place) * at.inner +
-                                                          inner)];
+                    to[next++] =
+                        from[static_cast<size_t>((outer * at.size + place) * at.inner + inner)];
     }));
 }
 
@@ -433,10 +432,10 @@ void padded(Call& call, const Dims& pads, const Tensor& value) {
         call.require(std::max(begin, end) <= MOST && std::min(begin, end) >= -MOST,
                      "pads " + text_of(pads) + " are not possible");
         dims[i] = x.dims[i] + begin + end;
-        call.require(dims[i] >= 0, "pads " + text_of(pads) + " remove more than there is of " +
-                                       text_of(x.dims));
+        call.require(dims[i] >= 0,
+                     "pads " + text_of(pads) + " remove more than there is of " + text_of(x.dims));
         // Reflections of reflections, and edges of nothing, are not defined.
-        const int64_t most = mode == "reflect" ? x.dims[i] - 1
+        const int64_t most = mode == "reflect"                  ? x.dims[i] - 1
                              : mode == "edge" && x.dims[i] == 0 ? 0
                                                                 : MOST;
         call.require(begin <= std::max<int64_t>(most, 0) && end <= std::max<int64_t>(most, 0),
@@ -449,8 +448,7 @@ void padded(Call& call, const Dims& pads, const Tensor& value) {
         for (size_t i = 0; i < rank; ++i) {
             sources[i] = call.room<int64_t>({dims[i]});
             for (int64_t place = 0; place < dims[i]; ++place) {
-                sources[i][static_cast<size_t>(place)] =
-                    source(mode, place - pads[i], x.dims[i]);
+                sources[i][static_cast<size_t>(place)] = source(mode, place - pads[i], x.dims[i]);
             }
         }
         Dims index(rank, 0);

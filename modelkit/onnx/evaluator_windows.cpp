@@ -94,9 +94,8 @@ void place_windows(const Call& call, Windows& windows, size_t axes, bool may_cei
         const int64_t room = axis.in + axis.pad_begin + axis.pad_end - axis.extent();
         if (room < 0) {
             call.refuse("a window of " + std::to_string(axis.extent()) +
-                        " pixels does not fit into " + std::to_string(axis.in) +
-                        " with padding " + std::to_string(axis.pad_begin) + " and " +
-                        std::to_string(axis.pad_end));
+                        " pixels does not fit into " + std::to_string(axis.in) + " with padding " +
+                        std::to_string(axis.pad_begin) + " and " + std::to_string(axis.pad_end));
         }
         axis.out = room / axis.stride + 1;
         if (may_ceil && call.node.integer("ceil_mode", 0) != 0 && room % axis.stride != 0) {

@@ -131,7 +131,7 @@ def make(name):
     kept = exact[..., ::every, ::every] if every > 1 else exact
     FOLDER.mkdir(exist_ok=True)
     (FOLDER / f"{name}.onnx").write_bytes(model.SerializeToString())
-    np.save(FOLDER / f"{name}.npy", kept)
+    np.save(FOLDER / f"{name}.0.npy", kept)
     count = sum(value.size for value in weights.values())
     print(f"{name}: {count} weights, {(FOLDER / f'{name}.onnx').stat().st_size} bytes, output "
           f"{exact.min():.4f} to {exact.max():.4f}, standard deviation {exact.std():.4f}, float "

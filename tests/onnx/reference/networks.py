@@ -3,14 +3,15 @@
 import torch
 from torch import nn
 
-# Attributes of ONNX are floats; the slope must be one, for the same numbers in double.
+# Attributes of ONNX are floats; these must be such, for the same numbers in double.
 LEAKY_SLOPE = torch.tensor(0.1).item()
+EPSILON = torch.tensor(1e-5).item()
 
 
 def conv_bn(inputs, outputs, kernel, stride=1, groups=1, activation=None):
     layers = [
         nn.Conv2d(inputs, outputs, kernel, stride, kernel // 2, groups=groups, bias=False),
-        nn.BatchNorm2d(outputs),
+        nn.BatchNorm2d(outputs, EPSILON),
     ]
     return nn.Sequential(*layers, *([activation] if activation else []))
 
