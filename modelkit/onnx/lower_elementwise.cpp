@@ -38,6 +38,11 @@ Blob Lowering::leaked(const Blob& blob, const std::vector<double>& slopes,
     return emitter.eltwise({above, part}, false);
 }
 
+void Lowering::absolute() {
+    std::vector<double> used;
+    give(value(0).dims, leaked(value(0).blob, {-1.0}, used));
+}
+
 void Lowering::leaky_relu() {
     const Value& data = value(0);
     if (node().op_type == "LeakyRelu") {
@@ -156,7 +161,7 @@ void Lowering::softmax() {
 }
 
 void Lowering::affine_node() {
-    const size_t rank = value(0).dims.size();
+    const size_t rank = value(constant(0) != nullptr ? 1 : 0).dims.size();
     const std::optional<AffineNode> found = affine_of(graph, node(), rank);
     require(found.has_value(), node().op_type == "BatchNormalization"
                                    ? "a batch normalisation of constants, not in training, expected"
@@ -226,6 +231,68 @@ Dims broadcast_dims(const Dims& a, const Dims& b) {
 
 }  // namespace
 
+// A constant for each pixel has no layer of its own: a transposed convolution paints it from a
+// single pixel that is always 1.
+void Lowering::with_constant_map(size_t side) {
+    const std::string& type = node().op_type;
+    const Value& data = value(side);
+    const Tensor& numbers = required(1 - side, "a constant");
+    const Dims dims = broadcast_dims(data.dims, numbers.dims);
+    require(dims == data.dims, "a constant that broadcasts to " + text_of(data.dims) +
+                                   " expected, found " + text_of(numbers.dims));
+    const Blob blob = map_of(data);
+    const Extent& size = blob.size;
+    std::vector<double> shown(numbers.size());
+    std::vector<double> used(numbers.size());
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        const double number = numbers.number(i);
+        const bool negative = type == "Sub" && side == 0;
+        used[i] = type == "Div" ? 1.0 / number : negative ? -number : number;
+        const double half = as_half(used[i]);
+        shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+    }
+    show_tensor(1 - side, Tensor::of_doubles(numbers.dims, shown));
+
+    // The engine's kernel begins one pixel ahead of what it leaves.
+    Window window;
+    window.stride_h = size.h;
+    window.stride_w = size.w;
+    window.kernel_h = size.h + 1;
+    window.kernel_w = size.w + 1;
+    window.pad_h = window.pad_w = 1;
+    const auto row = static_cast<size_t>(window.kernel_w);
+    const size_t plane = row * static_cast<size_t>(window.kernel_h);
+    std::vector<float> weights(static_cast<size_t>(size.c) * plane);
+    Dims steps(dims.size(), 0);
+    int64_t step = 1;
+    for (size_t i = 0; i < numbers.dims.size(); ++i) {
+        const int64_t own = numbers.dims[numbers.dims.size() - 1 - i];
+        steps[dims.size() - 1 - i] = own == 1 ? 0 : step;
+        step *= own;
+    }
+    for (int64_t i = 0; i < size.elements(); ++i) {
+        int64_t rest = i;
+        int64_t at = 0;
+        for (size_t axis = dims.size(); axis-- > 0;) {
+            at += rest % dims[axis] * steps[axis];
+            rest /= dims[axis];
+        }
+        const auto c = static_cast<size_t>(i / (int64_t{size.h} * size.w));
+        const auto y = static_cast<size_t>(i / size.w % size.h) + 1;
+        const auto x = static_cast<size_t>(i % size.w) + 1;
+        weights[c * plane + y * row + x] = static_cast<float>(used[static_cast<size_t>(at)]);
+    }
+    Affine exact;
+    const Blob one =
+        emitter.affine(pad_or_crop(blob, 0, 0, 1 - size.h, 1 - size.w), {{0.0}, {1.0}}, exact);
+    const Blob map = emitter.depthwise_deconvolution(one, window, weights, {});
+    Blob left = blob;
+    if (type == "Sub" && side == 1) left = emitter.affine(left, {{-1.0}, {0.0}}, exact);
+    const Fused fused = fuse(fusable({2, 8}));
+    give(fused.output, dims,
+         emitter.eltwise({left, map}, type == "Mul" || type == "Div", fused.activation));
+}
+
 void Lowering::binary() {
     const std::string& type = node().op_type;
     size_t constants = 0;
@@ -235,11 +302,17 @@ void Lowering::binary() {
                 "one constant and one tensor expected");
         const size_t side = constant(0) != nullptr ? 1 : 0;
         require(type != "Div" || side == 0, "a constant to divide by expected");
-        const size_t rank = value(side).dims.size();
-        const std::optional<AffineNode> found = affine_of(graph, node(), rank);
-        require(found.has_value(), "a constant for all or one for each channel expected, found " +
-                                       text_of(required(1 - side, "a constant").dims) + " with " +
-                                       text_of(value(side).dims));
+        const Value& data = value(side);
+        const std::optional<AffineNode> found = affine_of(graph, node(), data.dims.size());
+        const int64_t count = element_count(data.dims);
+        const auto channel = static_cast<int64_t>(data.dims.size()) - 2;
+        const bool along_channels =
+            found && (!found->per_channel || found->channel_from_end == channel ||
+                      count == static_cast<int64_t>(found->affine.scale.size()));
+        if (!along_channels) {
+            with_constant_map(side);
+            return;
+        }
         affine_node();
         return;
     }

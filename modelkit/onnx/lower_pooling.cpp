@@ -130,6 +130,38 @@ Margins margins_of(const AxisWindow& axis) {
 
 }  // namespace
 
+// An average over the whole kernel becomes one over the pixels in it, line by line: lines that see
+// as many pixels are scaled together.
+Blob Lowering::without_padding(Blob blob, const AxisWindow& axis, bool rows) {
+    const auto pixels = [&axis](int64_t place) {
+        const int64_t first = place * axis.stride - axis.begin;
+        return std::min<int64_t>(first + axis.kernel, axis.in) - std::max<int64_t>(first, 0);
+    };
+    const int64_t places = axis.places();
+    bool whole = true;
+    for (int64_t i = 0; i < places; ++i) whole = whole && pixels(i) == axis.kernel;
+    if (whole) return blob;
+    if (blob.size.c == 1) {
+        return pick_channels(without_padding(pick_channels(blob, {0, 0}), axis, rows), {0});
+    }
+    std::vector<Blob> parts;
+    for (int64_t i = 0; i < places;) {
+        int64_t end = i + 1;
+        while (end < places && pixels(end) == pixels(i)) ++end;
+        const int before = static_cast<int>(i);
+        const int behind = static_cast<int>(places - end);
+        Blob part = rows ? pad_or_crop(blob, -before, 0, -behind, 0)
+                         : pad_or_crop(blob, 0, -before, 0, -behind);
+        if (pixels(i) != axis.kernel) {
+            part = hidden_affine(
+                part, static_cast<double>(axis.kernel) / static_cast<double>(pixels(i)), 0.0);
+        }
+        parts.push_back(part);
+        i = end;
+    }
+    return join(parts, rows ? 1 : 2);
+}
+
 void Lowering::average_pool() {
     const Value& data = value(0);
     Window2D window = window_of(data.dims, node().integers("kernel_shape"));
@@ -155,12 +187,16 @@ void Lowering::average_pool() {
     } else {
         const Margins y = margins_of(window.y);
         const Margins x = margins_of(window.x);
-        require(y.fits && x.fits && y.begin == x.begin && y.end == x.end,
-                "padding that is left out of the average expected to be the same for rows and "
-                "columns, at most the stride, and seen by the outermost windows alone: the engine "
-                "corrects no others");
-        // Left and top take the one number of the record, right and bottom the other.
-        blob = emitter.pooling(blob, false, engine_window(window, y.begin, y.end));
+        const bool corrects = y.fits && x.fits && y.begin == x.begin && y.end == x.end;
+        if (corrects && (y.begin == y.end || !emitter.for_gpu())) {
+            // Left and top take the one number of the record, right and bottom the other.
+            blob = emitter.pooling(blob, false, engine_window(window, y.begin, y.end));
+        } else {
+            blob = pad_or_crop(blob, window.y.begin, window.x.begin, window.y.end, window.x.end);
+            blob = emitter.pooling(blob, false, engine_window(window, 0, 0));
+            blob = without_padding(blob, window.y, true);
+            blob = without_padding(blob, window.x, false);
+        }
     }
     give(pooled_dims(data.dims, blob), blob);
 }

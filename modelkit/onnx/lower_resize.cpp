@@ -68,12 +68,13 @@ Step nearest_step(const ResizedAxis& axis, const std::string& rounding, int& off
 }
 
 /// The weights with which a pixel, put `factor` pixels apart from its neighbours, adds to those
-/// around it; the first of them is `first` pixels from the output.
+/// around it, times `factor`, which halves hold; the first of them is `first` pixels from the
+/// output.
 std::vector<double> tent(int factor, double middle, int& first) {
     std::vector<double> taps;
     first = static_cast<int>(std::ceil(middle - factor));
     for (int i = first; i <= std::floor(middle + factor); ++i) {
-        taps.push_back(std::max(0.0, 1.0 - std::fabs(i - middle) / factor));
+        taps.push_back(std::max(0.0, factor - std::fabs(i - middle)));
     }
     return taps;
 }
@@ -87,13 +88,6 @@ std::vector<float> outer_product(const std::vector<double>& y, const std::vector
         }
     }
     return weights;
-}
-
-void require_halves(const std::vector<float>& weights) {
-    for (const float weight : weights) {
-        require(as_half(static_cast<double>(weight)) == static_cast<double>(weight),
-                "a scale expected whose weights halves hold, such as a power of two");
-    }
 }
 
 }  // namespace
@@ -251,8 +245,8 @@ void Lowering::resize() {
             across.in = rows ? blob.size.w : blob.size.h;
             const std::vector<float> weights =
                 outer_product(rows ? taps : one, rows ? one : taps, channels);
-            require_halves(weights);
             blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
+            blob = hidden_affine(blob, 1.0 / times, 0.0);
         } else {
             // Between two neighbours, the same in every block.
             const int stride = shrinkage(axis);

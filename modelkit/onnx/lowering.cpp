@@ -60,6 +60,7 @@ const std::unordered_map<std::string, Lowering::Handler>& Lowering::handlers() {
         {"Softmax", &Lowering::softmax},
         {"BatchNormalization", &Lowering::affine_node},
         {"Neg", &Lowering::affine_node},
+        {"Abs", &Lowering::absolute},
         {"Add", &Lowering::binary},
         {"Sub", &Lowering::binary},
         {"Mul", &Lowering::binary},
@@ -145,7 +146,7 @@ void Lowering::lower_node(size_t index) {
     if (fold_shape()) return;
     const auto handler = handlers().find(node().op_type);
     require(handler != handlers().end(), "the operator is not supported");
-    require(node().has_output(0), "an output expected");
+    require(node().has_output(0) || node().op_type == "LSTM", "an output expected");
     // What computes with constants alone is folded; where that failed, no layer can help.
     bool reads_value = false;
     for (const std::string& input : node().inputs) reads_value |= made.count(input) != 0;

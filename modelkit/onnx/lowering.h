@@ -115,6 +115,7 @@ private:
     Blob gather_lines(const Blob& blob, bool rows, const std::vector<int>& lines);
     Blob repeat(Blob blob, int times_y, int times_x);
     Blob broadcast(Blob blob, const Extent& size);
+    /// Along channels, rows or columns; one channel is no first tensor for it.
     Blob join(const std::vector<Blob>& blobs, int axis);
 
     // lower_convolution.cpp
@@ -142,6 +143,7 @@ private:
     void global_pool();
     void reduce_mean();
     Blob pool_all(const Blob& blob, bool maximum);
+    Blob without_padding(Blob blob, const AxisWindow& axis, bool rows);
 
     // lower_elementwise.cpp
     void unary();
@@ -152,6 +154,8 @@ private:
     void softmax();
     void affine_node();
     void binary();
+    void with_constant_map(size_t side);
+    void absolute();
     void concat();
     Blob clipped(const Blob& blob, double low, double high);
     Blob leaked(const Blob& blob, const std::vector<double>& slopes, std::vector<double>& used);

@@ -253,6 +253,8 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
             ValueProof each;
             status = prove_value(output.name, output.layer, each);
             if (!status) return status;
+            status = engine.values_of(output.layer, each.numbers);
+            if (!status) return status;
             proof.outputs.push_back(each);
         }
         if (all_layers) {

@@ -30,11 +30,12 @@ struct Difference {
 struct ValueProof {
     std::string name;
     int layer = 0;
-    double largest = 0;      ///< magnitude in the graph
-    Difference from_graph;   ///< between the engine and the graph
-    Difference by_halves;    ///< between the graph with the file's constants and the graph
-    double unexplained = 0;  ///< largest difference between the engine and that graph
-    double bound = 0;        ///< for `unexplained`
+    double largest = 0;           ///< magnitude in the graph
+    Difference from_graph;        ///< between the engine and the graph
+    Difference by_halves;         ///< between the graph with the file's constants and the graph
+    double unexplained = 0;       ///< largest difference between the engine and that graph
+    double bound = 0;             ///< for `unexplained`
+    std::vector<double> numbers;  ///< of the engine; for outputs only
     bool holds() const { return unexplained <= bound; }
 };
 
