@@ -5,13 +5,14 @@
 #include <variant>
 
 #include "bench_command.h"
+#include "convert_command.h"
 #include "info_command.h"
 #include "run_command.h"
 #include "tune_command.h"
 
 namespace tool {
 
-using Command = std::variant<InfoCommand, RunCommand, BenchCommand, TuneCommand>;
+using Command = std::variant<InfoCommand, RunCommand, BenchCommand, TuneCommand, ConvertCommand>;
 
 /// Throws UsageError for what makes no sense, and NothingToDo once help or the version is printed.
 Command parse_command_line(int argc, char** argv);
