@@ -224,12 +224,32 @@ Status take_inputs(const Graph& graph, const std::map<std::string, Tensor>& inpu
     return Status::success();
 }
 
+void check_inputs(const Node& node, const Form& form) {
+    size_t present = 0;
+    for (size_t i = 0; i < node.inputs.size(); ++i)
+        if (node.has_input(i)) present = i + 1;
+    if (present >= form.least_inputs && node.inputs.size() <= form.most_inputs) return;
+    std::string expected = std::to_string(form.least_inputs);
+    if (form.most_inputs == ANY) {
+        expected += " or more";
+    } else if (form.most_inputs != form.least_inputs) {
+        expected += " to " + std::to_string(form.most_inputs);
+    }
+    throw Refusal{"has " + std::to_string(node.inputs.size()) + " inputs, expected " + expected};
+}
+
+const Form& checked_form(const Node& node, int opset) {
+    const Form& form = form_of(node, opset);
+    check_attributes(node, form);
+    check_inputs(node, form);
+    if (node.outputs.empty()) throw Refusal{"has no outputs"};
+    return form;
+}
+
 void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& values,
          EvaluationLimits& left) {
-    const Form& form = form_of(node, graph.opset);
-    check_attributes(node, form);
+    const Form& form = checked_form(node, graph.opset);
     std::vector<const Tensor*> inputs;
-    size_t present = 0;
     for (const std::string& name : node.inputs) {
         const Tensor* tensor = nullptr;
         if (const auto value = values.find(name); value != values.end()) {
@@ -242,16 +262,7 @@ void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& va
             throw Refusal{"reads " + in_quotes(name) + ", which has no sound values"};
         }
         inputs.push_back(name.empty() ? nullptr : tensor);
-        if (!name.empty()) present = inputs.size();
     }
-    if (present < form.least_inputs || inputs.size() > form.most_inputs) {
-        throw Refusal{"has " + std::to_string(inputs.size()) + " inputs, expected " +
-                      std::to_string(form.least_inputs) +
-                      (form.most_inputs == form.least_inputs ? ""
-                       : form.most_inputs == ANY             ? " or more"
-                                                 : " to " + std::to_string(form.most_inputs))};
-    }
-    if (node.outputs.empty()) throw Refusal{"has no outputs"};
     Call call(node, graph.opset, std::move(inputs), left);
     form.operation(call);
     for (size_t i = 0; i < node.outputs.size(); ++i) {
@@ -263,6 +274,11 @@ void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& va
     }
 }
 
+Status failure_of(const Node& node, const std::string& reason) {
+    return Status::failure("node " + in_quotes(label_of(node)) + " (" + printable(node.op_type) +
+                           "): " + reason);
+}
+
 }  // namespace
 
 Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
@@ -272,16 +288,23 @@ Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
     const Status taken = take_inputs(graph, inputs, values);
     if (!taken) return taken;
     for (const Node& node : graph.nodes) {
-        const auto failure = [&node](const std::string& reason) {
-            return Status::failure("node " + in_quotes(label_of(node)) + " (" +
-                                   printable(node.op_type) + "): " + reason);
-        };
         try {
             run(graph, node, values, left);
         } catch (const Refusal& refusal) {
-            return failure(refusal.reason);
+            return failure_of(node, refusal.reason);
         } catch (const std::bad_alloc&) {
-            return failure("there is not enough memory");
+            return failure_of(node, "there is not enough memory");
+        }
+    }
+    return Status::success();
+}
+
+Status check_forms(const Graph& graph) {
+    for (const Node& node : graph.nodes) {
+        try {
+            checked_form(node, graph.opset);
+        } catch (const Refusal& refusal) {
+            return failure_of(node, refusal.reason);
         }
     }
     return Status::success();

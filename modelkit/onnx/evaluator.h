@@ -33,4 +33,8 @@ Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
                 std::map<std::string, Tensor>& values,
                 const EvaluationLimits& limits = EvaluationLimits());
 
+/// Whether every node is one that its operator set defines and the evaluator knows: the operator's
+/// name, how many inputs it has, its attributes and their kinds. Looks at no shapes and no values.
+Status check_forms(const Graph& graph);
+
 }  // namespace modelkit::onnx

@@ -90,7 +90,7 @@ void convert_and_compare(const std::string& folder, const std::string& name) {
         double worst = 0;
         for (size_t k = 0; k < kept.size(); ++k)
             worst = std::max(worst, std::abs(kept[k] - expected.values[k]));
-        RecordProperty("difference", std::to_string(worst));
+        testing::Test::RecordProperty("difference", std::to_string(worst));
         EXPECT_LE(worst, bound) << "of values up to " << largest(expected.values);
         // A bound that lets anything through would prove nothing.
         EXPECT_LE(bound, 0.05 * largest(expected.values));

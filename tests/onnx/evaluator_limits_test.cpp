@@ -41,6 +41,21 @@ TEST(Evaluator, CountsInputs) {
     OneNode("Relu").reals({1}, {1}).outputs({"y", "z"}).is_refused("output 1 is not supported");
 }
 
+TEST(Evaluator, ChecksFormsWithoutValues) {
+    const auto line = [](OneNode node) {
+        node.graph.nodes = {node.node};
+        return check_forms(node.graph).message();
+    };
+    EXPECT_EQ(line(OneNode("Add").reals({2}, {1, 2}).reals({3}, {1, 2, 3})), "");
+    EXPECT_EQ(line(OneNode("Add").reals({1}, {1})),
+              "node \"the node\" (Add): has 1 inputs, expected 2");
+    EXPECT_EQ(line(OneNode("Frobnicate")),
+              "node \"the node\" (Frobnicate): the operator is not supported");
+    EXPECT_EQ(line(OneNode("Relu").reals({1}, {1}).with("slope", 0.5)),
+              "node \"the node\" (Relu): attribute \"slope\" is not supported");
+    EXPECT_EQ(line(OneNode("Sum")), "node \"the node\" (Sum): has 0 inputs, expected 1 or more");
+}
+
 TEST(Evaluator, ComputesNodeAfterNode) {
     Graph graph;
     graph.opset = 13;
