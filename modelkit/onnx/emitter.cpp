@@ -183,6 +183,15 @@ Blob Emitter::finish(Record& record, const Extent& size, const Range& range) {
 Blob Emitter::input(const Extent& size) {
     ZQLayerInfo_Input record;
     *record.out_shape = shape(size);
+    // The size of an input is the product cut off, not rounded: a factor may not be too small.
+    const auto reach = [](unsigned short& factor, unsigned int base, int pixels) {
+        while (static_cast<float>(base) * Tarno::half_to_float(factor) <
+               static_cast<float>(pixels)) {
+            ++factor;
+        }
+    };
+    reach(record.out_shape->scale_x, header.base_w, size.w);
+    reach(record.out_shape->scale_y, header.base_h, size.h);
     record.input_index = word(inputs++, "inputs");
     return finish(record, size, Range());
 }

@@ -38,7 +38,6 @@ const std::map<std::string, std::string> REFUSED = {
     {"min", "(Min): the operator is not supported"},
     {"resize_linear_sizes", "a whole factor expected, found 3 to 5 pixels"},
     {"resize_linear_sizes_corners", "a whole factor expected, found 3 to 5 pixels"},
-    {"resize_nearest_sizes", "a whole factor expected, found 3 to 7 pixels"},
     {"slice_10", "steps forward expected"},
     {"slice_13", "steps forward expected"},
     {"softmax_channels_13", "the engine has none along the channels of 3x4x5"},
