@@ -120,10 +120,11 @@ std::vector<unsigned short> Emitter::halves(const char* what, const std::vector<
     double largest_error = 0;
     for (size_t i = 0; i < values.size(); ++i) {
         const double value = values[i];
-        require(std::isfinite(value), std::string(what) + " are expected to be finite");
-        require((patterns[i] & 0x7c00u) != 0x7c00u, std::string(what) + ": " +
-                                                        std::to_string(value) +
-                                                        " is beyond 65504, the largest half");
+        if (!std::isfinite(value)) refuse(std::string(what) + " are expected to be finite");
+        if ((patterns[i] & 0x7c00u) == 0x7c00u) {
+            refuse(std::string(what) + ": " + std::to_string(value) +
+                   " is beyond 65504, the largest half");
+        }
         const double error = value - static_cast<double>(Tarno::half_to_float(patterns[i]));
         squared_weights += value * value;
         squared_errors += error * error;

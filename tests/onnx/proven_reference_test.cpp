@@ -77,9 +77,9 @@ void expect_the_reference(const ReferenceGraph& reference, const ConvertOptions&
     }
 }
 
-class ConvertedCase : public testing::TestWithParam<std::string> {};
+class ProvenCase : public testing::TestWithParam<std::string> {};
 
-TEST_P(ConvertedCase, GivesWhatPyTorchGivesOrIsRefusedWithTheReason) {
+TEST_P(ProvenCase, GivesWhatPyTorchGivesOrIsRefusedWithTheReason) {
     ConvertOptions options;
     const auto open = OPEN_SHAPES.find(GetParam());
     if (open != OPEN_SHAPES.end()) options.shapes = open->second;
@@ -97,16 +97,16 @@ TEST_P(ConvertedCase, GivesWhatPyTorchGivesOrIsRefusedWithTheReason) {
     EXPECT_TRUE(result.conversion.file.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Small, ConvertedCase, testing::ValuesIn(names_in("cases")),
+INSTANTIATE_TEST_SUITE_P(Small, ProvenCase, testing::ValuesIn(names_in("cases")),
                          [](const auto& info) { return info.param; });
 
-class ConvertedNetwork : public testing::TestWithParam<std::string> {};
+class ProvenNetwork : public testing::TestWithParam<std::string> {};
 
-TEST_P(ConvertedNetwork, GivesWhatPyTorchGives) {
+TEST_P(ProvenNetwork, GivesWhatPyTorchGives) {
     expect_the_reference(read_reference("networks", GetParam()), {});
 }
 
-INSTANTIATE_TEST_SUITE_P(Whole, ConvertedNetwork, testing::ValuesIn(names_in("networks")),
+INSTANTIATE_TEST_SUITE_P(Whole, ProvenNetwork, testing::ValuesIn(names_in("networks")),
                          [](const auto& info) { return info.param; });
 
 }  // namespace
