@@ -61,6 +61,7 @@ std::string dims_text(const std::vector<int64_t>& dims) {
 bool parse_dims(const std::string& text, std::vector<int64_t>& dims) {
     dims.clear();
     if (text == "scalar") return true;
+    if (text.back() == 'x') return false;  // a part that getline would not see
     std::istringstream stream(text);
     std::string part;
     while (std::getline(stream, part, 'x')) {

@@ -120,10 +120,11 @@ std::vector<unsigned short> Emitter::halves(const char* what, const std::vector<
     double largest_error = 0;
     for (size_t i = 0; i < values.size(); ++i) {
         const double value = values[i];
-        require(std::isfinite(value), std::string(what) + " are expected to be finite");
-        require((patterns[i] & 0x7c00u) != 0x7c00u, std::string(what) + ": " +
-                                                        std::to_string(value) +
-                                                        " is beyond 65504, the largest half");
+        if (!std::isfinite(value)) refuse(std::string(what) + " are expected to be finite");
+        if ((patterns[i] & 0x7c00u) == 0x7c00u) {
+            refuse(std::string(what) + ": " + std::to_string(value) +
+                   " is beyond 65504, the largest half");
+        }
         const double error = value - static_cast<double>(Tarno::half_to_float(patterns[i]));
         squared_weights += value * value;
         squared_errors += error * error;
@@ -183,6 +184,15 @@ Blob Emitter::finish(Record& record, const Extent& size, const Range& range) {
 Blob Emitter::input(const Extent& size) {
     ZQLayerInfo_Input record;
     *record.out_shape = shape(size);
+    // The size of an input is the product cut off, not rounded: a factor may not be too small.
+    const auto reach = [](unsigned short& factor, unsigned int base, int pixels) {
+        while (static_cast<float>(base) * Tarno::half_to_float(factor) <
+               static_cast<float>(pixels)) {
+            ++factor;
+        }
+    };
+    reach(record.out_shape->scale_x, header.base_w, size.w);
+    reach(record.out_shape->scale_y, header.base_h, size.h);
     record.input_index = word(inputs++, "inputs");
     return finish(record, size, Range());
 }

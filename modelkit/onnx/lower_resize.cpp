@@ -152,24 +152,11 @@ void Lowering::resize() {
     const ResizedAxis& y = axes[0];
     const ResizedAxis& x = axes[1];
 
-    // Whole factors, and places that follow from them.
-    for (const ResizedAxis* axis : {&y, &x}) {
-        const int grows = growth(*axis);
-        const int shrinks = shrinkage(*axis);
-        require((grows > 0 && (axis->in == 1 || near(axis->scale, grows))) ||
-                    (shrinks > 0 && near(axis->scale * shrinks, 1.0)),
-                "a whole factor expected, found " + std::to_string(axis->in) + " to " +
-                    std::to_string(axis->out) + " pixels");
-    }
-
     if (mode == "nearest") {
         int from_y = 0;
         int from_x = 0;
         const Step step_y = nearest_step(y, rounding, from_y);
         const Step step_x = nearest_step(x, rounding, from_x);
-        require(step_y != Step::Other && step_x != Step::Other,
-                "neighbours that repeat or thin out evenly expected: " + corner + " with " +
-                    rounding + " gives others");
         Window thin;
         if (step_y == Step::Thin) thin.stride_h = shrinkage(y);
         if (step_x == Step::Thin) thin.stride_w = shrinkage(x);
@@ -179,11 +166,30 @@ void Lowering::resize() {
             const std::vector<float> ones(static_cast<size_t>(blob.size.c), 1.0f);
             blob = emitter.depthwise(blob, 1, thin, ones, {});
         }
+        for (const bool rows : {true, false}) {
+            // Uneven neighbours are put together line by line.
+            if ((rows ? step_y : step_x) != Step::Other) continue;
+            const ResizedAxis& axis = rows ? y : x;
+            require(axis.out <= 256, "an even factor, or at most 256 lines, expected");
+            std::vector<int> lines;
+            for (int i = 0; i < axis.out; ++i) lines.push_back(axis.nearest(i, rounding));
+            blob = gather_lines(blob, rows, lines);
+        }
         blob = repeat(blob, step_y == Step::Repeat ? growth(y) : 1,
                       step_x == Step::Repeat ? growth(x) : 1);
         blob.range = range;
         give(dims, blob);
         return;
+    }
+
+    // Whole factors, and places that follow from them.
+    for (const ResizedAxis* axis : {&y, &x}) {
+        const int grows = growth(*axis);
+        const int shrinks = shrinkage(*axis);
+        require((grows > 0 && (axis->in == 1 || near(axis->scale, grows))) ||
+                    (shrinks > 0 && near(axis->scale * shrinks, 1.0)),
+                "a whole factor expected, found " + std::to_string(axis->in) + " to " +
+                    std::to_string(axis->out) + " pixels");
     }
 
     const bool grows = growth(y) > 0 && growth(x) > 0;

@@ -127,7 +127,12 @@ public:
             }
             // As the record has it: channels, rows, columns.
             int c = 1, h = 1, w = 1;
-            const ZQLayerInfo& record = *records.at(static_cast<unsigned short>(input.layer));
+            const auto found = records.find(static_cast<unsigned short>(input.layer));
+            if (found == records.end() || net.layers.empty()) {
+                return Status::failure("the converted model has no layer " +
+                                       std::to_string(input.layer));
+            }
+            const ZQLayerInfo& record = *found->second;
             if (record.type == ZQLayerType_Input) {
                 c = record.out_shape->channels;
                 h = static_cast<int>(input.dims[2]);
@@ -157,6 +162,9 @@ public:
     }
 
     Status values_of(int layer, std::vector<double>& values) {
+        if (positions.count(layer) == 0) {
+            return Status::failure("the converted model has no layer " + std::to_string(layer));
+        }
         TarnoCPU::Mat blob;
         const int result = extractor->extract(positions[layer], blob);
         if (result != 0 || blob.empty()) {
