@@ -24,10 +24,51 @@ using modelkit::onnx::Graph;
 using modelkit::onnx::Node;
 using modelkit::onnx::Tensor;
 
-/// Runs a converted model by the default rule. Gives each output's numbers by name, in the order of
+using Inputs = std::map<std::string, Tensor>;
+
+/// One run of a net built from a converted model: the numbers of one output in the order of
 /// channels, rows and columns.
-inline std::map<std::string, std::vector<double>> run_on_cpu(
-    const Conversion& conversion, const std::map<std::string, Tensor>& inputs) {
+inline std::vector<double> run_net(const TarnoCPU::TarnoNet& net, const ZQNetLoader& loader,
+                                   const Conversion& conversion, const Inputs& inputs,
+                                   const modelkit::ModelNames::Tensor& output) {
+    const auto records = loader.getLayersInfo();
+    TarnoCPU::TarnoNetExtractor extractor = net.create_extractor();
+    for (size_t i = 0; i < conversion.names.inputs.size(); ++i) {
+        const auto& input = conversion.names.inputs[i];
+        const ZQLayerInfo& record = *records.at(static_cast<unsigned short>(input.layer));
+        int c = 1;
+        int h = 1;
+        int w = 1;
+        if (record.type == ZQLayerType_Input) {
+            c = record.out_shape->channels;
+            h = static_cast<int>(input.dims[2]);
+            w = static_cast<int>(input.dims[3]);
+        } else {
+            const auto& shape = static_cast<const ZQLayerInfo_TensorInput&>(record).out_tensor;
+            c = shape.dims[0];
+            w = shape.dims[1];
+        }
+        std::vector<float> values;
+        for (const double value : inputs.at(input.name).numbers())
+            values.push_back(static_cast<float>(value));
+        EXPECT_EQ(values.size(), static_cast<size_t>(c) * h * w) << input.name;
+        const TarnoCPU::Mat mat = TarnoCPU::Mat::from_float_array(
+            values.data(), w, h, c, TarnoCPU::TensorShape::CHW, nullptr);
+        EXPECT_EQ(extractor.input(static_cast<int>(i), mat), 0);
+    }
+    int position = -1;
+    for (size_t i = 0; i < net.layers.size(); ++i)
+        if (net.layers[i]->id == output.layer) position = static_cast<int>(i);
+    TarnoCPU::Mat blob;
+    EXPECT_EQ(extractor.extract(position, blob), 0) << output.name;
+    const float* from = blob.ptr<float>();
+    if (from == nullptr) return {};
+    return std::vector<double>(from, from + blob.shape.total());
+}
+
+/// Runs a converted model by the default rule, from a fresh state for each output.
+inline std::map<std::string, std::vector<double>> run_on_cpu(const Conversion& conversion,
+                                                             const Inputs& inputs) {
     std::map<std::string, std::vector<double>> outputs;
     const testing_support::TemporaryFile file(conversion.file);
     ZQNetLoader loader;
@@ -36,41 +77,9 @@ inline std::map<std::string, std::vector<double>> run_on_cpu(
     net.load_tarno_net_with_inference_config(loader, nullptr);
     net.setNetSize(static_cast<int>(loader.getModelBaseW()),
                    static_cast<int>(loader.getModelBaseH()));
-    const auto records = loader.getLayersInfo();
     for (const auto& output : conversion.names.outputs) {
-        // Anew for each: in light mode a blob goes when its readers have run.
-        TarnoCPU::TarnoNetExtractor extractor = net.create_extractor();
         net.reset_lstm_state();
-        for (size_t i = 0; i < conversion.names.inputs.size(); ++i) {
-            const auto& input = conversion.names.inputs[i];
-            const ZQLayerInfo& record = *records.at(static_cast<unsigned short>(input.layer));
-            int c = 1;
-            int h = 1;
-            int w = 1;
-            if (record.type == ZQLayerType_Input) {
-                c = record.out_shape->channels;
-                h = static_cast<int>(input.dims[2]);
-                w = static_cast<int>(input.dims[3]);
-            } else {
-                const auto& shape = static_cast<const ZQLayerInfo_TensorInput&>(record).out_tensor;
-                c = shape.dims[0];
-                w = shape.dims[1];
-            }
-            const Tensor& tensor = inputs.at(input.name);
-            std::vector<float> values;
-            for (const double value : tensor.numbers()) values.push_back(static_cast<float>(value));
-            EXPECT_EQ(values.size(), static_cast<size_t>(c) * h * w) << input.name;
-            const TarnoCPU::Mat mat = TarnoCPU::Mat::from_float_array(
-                values.data(), w, h, c, TarnoCPU::TensorShape::CHW, nullptr);
-            EXPECT_EQ(extractor.input(static_cast<int>(i), mat), 0);
-        }
-        int position = -1;
-        for (size_t i = 0; i < net.layers.size(); ++i)
-            if (net.layers[i]->id == output.layer) position = static_cast<int>(i);
-        TarnoCPU::Mat blob;
-        EXPECT_EQ(extractor.extract(position, blob), 0) << output.name;
-        const float* from = blob.ptr<float>();
-        if (from != nullptr) outputs[output.name].assign(from, from + blob.shape.total());
+        outputs[output.name] = run_net(net, loader, conversion, inputs, output);
     }
     return outputs;
 }

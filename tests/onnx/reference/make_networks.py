@@ -20,6 +20,7 @@ import fill
 from networks import NETWORKS
 
 FOLDER = pathlib.Path(__file__).parent / "networks"
+FRAMES = 8
 TORCH_GATES = (0, 3, 1, 2)  # where ONNX's gates (input, output, forget, cell) stand in PyTorch
 
 
@@ -115,6 +116,17 @@ def to_torch(module, model, weights):
     module.load_state_dict(state)
 
 
+def stream(module, shape, low, high):
+    """Frame after frame through the module in double, its recurrent layer going on from one to the
+    next; frame i has the seed i + 1."""
+    results, state = [], None
+    for i in range(FRAMES):
+        frame = torch.from_numpy(fill.uniform(i + 1, low, high, shape)).double()
+        hidden, state = module.cell(torch.tanh(module.before(frame)).unsqueeze(0), state)
+        results.append(torch.sigmoid(module.after(hidden.squeeze(0))).numpy())
+    return np.concatenate(results)
+
+
 def make(name):
     kind, shape, (low, high), opset, every = NETWORKS[name]
     module = kind().eval()
@@ -127,6 +139,8 @@ def make(name):
     with torch.no_grad():
         inputs = torch.from_numpy(fill.from_rule(rule, shape))
         exact = module.double()(inputs.double()).numpy()
+        if name == "one_frame_denoiser":
+            np.save(FOLDER / f"{name}.stream.npy", stream(module, shape, low, high))
         single = module.float()(inputs).numpy()
     kept = exact[..., ::every, ::every] if every > 1 else exact
     FOLDER.mkdir(exist_ok=True)
