@@ -163,6 +163,8 @@ template <typename Record>
 Blob Emitter::finish(Record& record, const Extent& size, const Range& range) {
     require(size.c > 0 && size.h > 0 && size.w > 0,
             "an output of at least 1x1x1 expected, found " + text_of(size));
+    require(size.elements() <= (int64_t{1} << 30),
+            "at most 2^30 numbers in a tensor expected, found " + text_of(size));
     const int id = bounded(static_cast<int64_t>(reports.size()), "the number of layers");
     record.id = static_cast<unsigned short>(id);
     if (for_gpu()) {

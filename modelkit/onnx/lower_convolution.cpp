@@ -130,7 +130,7 @@ std::vector<float> without_groups(const std::vector<float>& weights, int groups,
     const auto out_each = static_cast<size_t>(outputs / groups);
     const auto in_each = static_cast<size_t>(inputs / groups);
     const auto count = static_cast<size_t>(taps);
-    require(int64_t{outputs} * inputs * taps <= (int64_t{1} << 28),
+    require(int64_t{outputs} * inputs * taps <= (int64_t{1} << 27),
             "fewer weights once the groups are spread out");
     std::vector<float> dense(static_cast<size_t>(outputs) * static_cast<size_t>(inputs) * count);
     for (size_t o = 0; o < static_cast<size_t>(outputs); ++o) {

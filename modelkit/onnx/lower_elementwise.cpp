@@ -242,6 +242,8 @@ void Lowering::with_constant_map(size_t side) {
                                    " expected, found " + text_of(numbers.dims));
     const Blob blob = map_of(data);
     const Extent& size = blob.size;
+    require(size.elements() <= (int64_t{1} << 24),
+            "at most 16777216 pixels with constants of their own, found " + text_of(size));
     std::vector<double> shown(numbers.size());
     std::vector<double> used(numbers.size());
     for (size_t i = 0; i < numbers.size(); ++i) {

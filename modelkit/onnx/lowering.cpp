@@ -12,6 +12,7 @@ namespace {
 // A layer that only moves numbers may need a weight for each pair of its ends; beyond this a file
 // would be mostly zeros.
 constexpr int64_t MOST_MOVING_WEIGHTS = int64_t{1} << 24;
+constexpr int64_t MOST_INPUTS = int64_t{1} << 28;
 
 }  // namespace
 
@@ -123,6 +124,9 @@ void Lowering::lower_input(const ValueInfo& info, const Dims& dims) {
         require(size >= 1 && size <= 65535,
                 "dimensions of 1 to 65535 expected, found " + text_of(dims));
     }
+    const int64_t count = element_count(dims);
+    require(count >= 1 && count <= MOST_INPUTS,
+            "at most 268435456 numbers expected, found " + text_of(dims));
     if (dims.size() == 4) {
         require(dims[0] == 1, "a batch of 1 expected, found " + text_of(dims));
         give(info.name, dims, emitter.input(extent_of(dims)));
@@ -399,6 +403,8 @@ Blob Lowering::pad_or_crop(Blob blob, int top, int left, int bottom, int right) 
         return pad_or_crop(pad_or_crop(blob, top, 0, bottom, 0), 0, left, 0, right);
     }
     const size_t taps = static_cast<size_t>(kernel_h) * static_cast<size_t>(kernel_w);
+    require(static_cast<int64_t>(taps) * blob.size.c <= 4 * MOST_MOVING_WEIGHTS,
+            "fewer pixels to pad or to leave out of " + text_of(blob.size));
     const auto tap = static_cast<size_t>((pad_h - top) * kernel_w + (pad_w - left));
     std::vector<float> weights(static_cast<size_t>(blob.size.c) * taps);
     for (size_t c = 0; c < static_cast<size_t>(blob.size.c); ++c) weights[c * taps + tap] = 1.0f;

@@ -211,14 +211,15 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
         if (progress) progress(done);
     };
     try {
-        EngineRun engine;
+        // The evaluator has limits, so a graph of huge tensors ends here.
         step(0);
-        Status status = engine.run(model_path, conversion, inputs);
-        if (!status) return status;
-        step(1);
         Values exact;
-        status = evaluate(original, inputs, exact);
+        Status status = evaluate(original, inputs, exact);
         if (!status) return Status::failure("the graph cannot be evaluated: " + status.message());
+        step(1);
+        EngineRun engine;
+        status = engine.run(model_path, conversion, inputs);
+        if (!status) return status;
         step(2);
         Values halves;
         status = evaluate(conversion.rounded, inputs, halves);

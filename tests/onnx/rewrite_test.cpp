@@ -653,6 +653,21 @@ TEST(Inputs, OpenDimensionsNeedAShape) {
     expect_refusal(convert_and_prove(model.bytes(), {}, options), "\"z\"", "has no input");
 }
 
+TEST(Inputs, HugeShapesAreRefusedBeforeMemoryIsTaken) {
+    MadeModel huge = one_node("Relu", {1, 65535, 65535, 65535});
+    expect_refusal(convert_and_prove(huge.bytes()), "the input \"x\"", "at most 268435456 numbers");
+    MadeModel wide = one_node("Relu", {1, 1, 1, 65536});
+    expect_refusal(convert_and_prove(wide.bytes()), "the input \"x\"", "1 to 65535");
+    MadeModel grown;
+    grown.input("x", {1, 1, 1, 1}).output("y").floats("s", {4}, {1, 1, 65535, 65535});
+    grown.node("Resize", {"x", "", "s"}, {"y"}, {{"mode", "nearest"}});
+    expect_refusal(convert_and_prove(grown.bytes()), "node \"y\" (Resize)", "expected");
+    MadeModel padded;
+    padded.input("x", {1, 1, 4, 4}).output("y").integers("p", {0, 0, 60000, 60000, 0, 0, 5, 5});
+    padded.node("Pad", {"x", "p"}, {"y"});
+    expect_refusal(convert_and_prove(padded.bytes()), "node \"y\" (Pad)", "expected");
+}
+
 TEST(Inputs, AnOpenFirstDimensionIsABatchOfOne) {
     MadeModel model = one_node("Relu", {-1, 3, 4, 4});
     expect_proof(convert_and_prove(model.bytes()));
