@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "modelkit/onnx/evaluator.h"
 #include "modelkit/onnx/lowering.h"
 #include "modelkit/onnx/passes.h"
 
@@ -56,6 +57,9 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     std::vector<Dims> shapes;
     const Status resolved = resolve_shapes(graph, options, shapes);
     if (!resolved) return resolved;
+    // Attributes and inputs that an operator set does not define would be passed over in silence.
+    const Status forms = check_forms(graph);
+    if (!forms) return forms;
     try {
         simplify(graph);
         if (graph.nodes.size() > MOST_LAYERS) {
