@@ -358,6 +358,63 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     return bench;
 }
 
+CLI::App* add_convert(CLI::App& app, ConvertCommand& command) {
+    CLI::App* convert = app.add_subcommand("convert", "Make a model file of an ONNX file.");
+    convert
+        ->add_option("--input", command.input,
+                     "The ONNX file (IR 3 to 8, operator sets 7 to 17), with constant weights and "
+                     "a batch of one.")
+        ->type_name("FILE")
+        ->required();
+    convert
+        ->add_option("--output", command.output,
+                     "Where the model goes. The names of its nodes go beside it, to FILE.names, "
+                     "for tarno info.")
+        ->type_name("FILE")
+        ->required();
+    convert
+        ->add_option("--shape", command.shapes,
+                     "Shape of an input whose file leaves it open, once for each. An open first "
+                     "dimension is a batch of 1.")
+        ->type_name("NAME=1,3,H,W")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    convert
+        ->add_option("--engines", command.engines,
+                     "cpu, gpu or both: refuse what an engine that is named lacks. cpu unless told "
+                     "otherwise.")
+        ->type_name("ENGINES");
+    convert
+        ->add_option("--data", command.data,
+                     "An .npy array or a tensor file (.pb) for the proof, once for each input of "
+                     "the graph, in its order. Seeded numbers from -1 to 1 unless there is one.")
+        ->type_name("FILE")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    convert->add_option("--seed", command.seed, "Of the seeded numbers, 1 unless told otherwise.")
+        ->type_name("NUMBER");
+    convert->add_flag("--layers", command.layers, "Show the differences of all layers, too.");
+    convert->add_flag("--no-verify", command.no_verify, "Convert without proof.");
+    convert->add_option("--model-id", command.model_id, "Identity in the header, 0 by default.")
+        ->type_name("NUMBER");
+    convert
+        ->add_option("--application-type", command.application_type,
+                     "Application type in the header, 0 by default.")
+        ->type_name("NUMBER");
+    convert
+        ->add_option("--gesture-mode", command.gesture_mode,
+                     "Gesture mode in the header, 0 by default.")
+        ->type_name("NUMBER");
+    add_verbose(convert, command.verbose);
+    convert->footer(
+        "The proof runs the model on the CPU engine and the graph in double on the same input, "
+        "and\n"
+        "fails when they differ by more than half weights and float sums explain: exit status 1, "
+        "no\n"
+        "file. docs/converting.md has the table of operators.");
+    return convert;
+}
+
 CLI::App* add_compare(CLI::App& app, CompareCommand& command, Texts& texts) {
     CLI::App* compare =
         app.add_subcommand("compare", "Run both engines on one input and compare layer by layer.");
@@ -441,6 +498,18 @@ void check(RunCommand& command, const Texts& texts) {
     require(!numbers || parse_colour(command.background, colour),
             "--background: expected R,G,B from 0 to 255 or a picture, found \"" +
                 command.background + "\"");
+}
+
+void check(const ConvertCommand& command) {
+    require(command.engines == "cpu" || command.engines == "gpu" || command.engines == "both",
+            "--engines: expected cpu, gpu or both, found \"" + command.engines + "\"");
+    for (const std::string& shape : command.shapes) {
+        std::string name;
+        std::vector<int64_t> dims;
+        parse_shape(shape, name, dims);
+    }
+    require(!command.no_verify || (command.data.empty() && !command.layers),
+            "--no-verify: expected neither --data nor --layers with it, found one");
 }
 
 void check(BenchCommand& command, const Texts& texts) {
@@ -583,6 +652,7 @@ Command parse_command_line(int argc, char** argv) {
     RunCommand run_command;
     BenchCommand bench_command;
     TuneCommand tune_command;
+    ConvertCommand convert_command;
     CompareCommand compare_command;
     ImageCommand image_command;
     GpuInfoCommand gpu_info_command;
@@ -591,6 +661,7 @@ Command parse_command_line(int argc, char** argv) {
     CLI::App* run = add_run(app, run_command, texts);
     add_bench(app, bench_command, texts);
     CLI::App* tune = add_tune(app, tune_command, texts);
+    CLI::App* convert = add_convert(app, convert_command);
     CLI::App* compare = add_compare(app, compare_command, texts);
     CLI::App* image = add_image(app, image_command, texts);
     CLI::App* gpu_info = add_gpu_info(app, gpu_info_command);
@@ -599,13 +670,13 @@ Command parse_command_line(int argc, char** argv) {
         sub->group("Commands");
     }
 
-    const char* expected = "expected a command: info, run, bench, tune, compare, image or gpu-info";
+    const char* expected =
+        "expected a command: info, run, bench, tune, compare, convert, image or gpu-info";
     if (argc < 2) throw UsageError(std::string(expected) + " (see tarno --help)");
     const std::string first = argv[1];
     const auto commands = app.get_subcommands({});
     const auto is_named = [&](const CLI::App* sub) { return sub->get_name() == first; };
-    if (first.compare(0, 1, "-") != 0 &&
-        std::none_of(commands.begin(), commands.end(), is_named)) {
+    if (first.compare(0, 1, "-") != 0 && std::none_of(commands.begin(), commands.end(), is_named)) {
         throw UsageError(std::string(expected) + ", found \"" + first + "\" (see tarno --help)");
     }
     try {
@@ -636,6 +707,10 @@ Command parse_command_line(int argc, char** argv) {
     if (tune->parsed()) {
         apply(texts, tune_command.plan, tune_command.limits);
         return tune_command;
+    }
+    if (convert->parsed()) {
+        check(convert_command);
+        return convert_command;
     }
     if (compare->parsed()) {
         check(compare_command, texts);

@@ -6,6 +6,7 @@
 
 #include "bench_command.h"
 #include "compare_command.h"
+#include "convert_command.h"
 #include "gpu_info_command.h"
 #include "image_command.h"
 #include "info_command.h"
@@ -15,7 +16,7 @@
 namespace tool {
 
 using Command = std::variant<InfoCommand, RunCommand, BenchCommand, TuneCommand, CompareCommand,
-                             ImageCommand, GpuInfoCommand>;
+                             ConvertCommand, ImageCommand, GpuInfoCommand>;
 
 /// Throws UsageError for what makes no sense, and NothingToDo once help or the version is printed.
 Command parse_command_line(int argc, char** argv);

@@ -136,7 +136,7 @@ OutputFiles::~OutputFiles() {
     for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
 }
 
-void OutputFiles::write(const std::string& path, const std::string& contents) {
+std::string OutputFiles::write(const std::string& path, const std::string& contents) {
     const fs::path target = behind_links(path);
     std::error_code ignored;
     const fs::file_status status = fs::status(target, ignored);
@@ -148,6 +148,7 @@ void OutputFiles::write(const std::string& path, const std::string& contents) {
     const std::string temporary = temporary_name(target);
     write_new_file(temporary, path, contents);
     files.push_back({temporary, target.string()});
+    return temporary;
 }
 
 void OutputFiles::folder(const std::string& path) {

@@ -29,8 +29,9 @@ public:
     OutputFiles(const OutputFiles&) = delete;
     OutputFiles& operator=(const OutputFiles&) = delete;
 
-    /// Writes `contents` for `path`. An existing `path` must be a regular file.
-    void write(const std::string& path, const std::string& contents);
+    /// Writes `contents` for `path`. An existing `path` must be a regular file. Gives the place where
+    /// the file lies until `commit`.
+    std::string write(const std::string& path, const std::string& contents);
 
     /// Folder for files that are not `write`n: made when it is not there, by `commit`.
     void folder(const std::string& path);

@@ -1,5 +1,7 @@
 #include "info_command.h"
 
+#include <modelkit/names.h>
+
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -39,7 +41,18 @@ std::string options_text(const PlannedLayer& layer) {
     return text;
 }
 
-void print_text(const ModelFile& model, const ModelPlan& plan) {
+std::string name_of(const modelkit::ModelNames& names, unsigned short id) {
+    const auto found = names.layers.find(id);
+    return found == names.layers.end() ? std::string() : found->second;
+}
+
+std::string dims_text(const std::vector<int64_t>& dims) {
+    std::string text;
+    for (const int64_t size : dims) text += (text.empty() ? "" : "x") + std::to_string(size);
+    return text.empty() ? "scalar" : text;
+}
+
+void print_text(const ModelFile& model, const ModelPlan& plan, const modelkit::ModelNames& names) {
     const ZQNetLoader& loader = model.loader;
     std::string text;
     const auto line = [&](const std::string& name, const std::string& value) {
@@ -58,6 +71,15 @@ void print_text(const ModelFile& model, const ModelPlan& plan) {
                  ? ", taken as " + std::to_string(plan.base_w) + " x " + std::to_string(plan.base_h)
                  : ""));
 
+    for (const auto& input : names.inputs) {
+        line("input", "layer " + std::to_string(input.layer) + ", " + dims_text(input.dims) + ", " +
+                          input.name);
+    }
+    for (const auto& output : names.outputs) {
+        line("output", "layer " + std::to_string(output.layer) + ", " + dims_text(output.dims) +
+                           ", " + output.name);
+    }
+
     text += "\nLayers in execution order\n\n";
     TextTable table;
     table.column("id", TextTable::right);
@@ -72,20 +94,41 @@ void print_text(const ModelFile& model, const ModelPlan& plan) {
     table.column("multiply-adds", TextTable::right);
     table.column("read by", TextTable::right);
     table.column("more", TextTable::left);
+    const bool named = !names.layers.empty();
+    if (named) table.column("name", TextTable::left);
     for (const PlannedLayer& layer : plan.layers) {
         const Window window = layer.window.value_or(Window());
-        table.row({std::to_string(layer.id), layer.kind, joined(layer.bottoms),
-                   layer.size ? size_text(*layer.size) : "?",
-                   layer.window ? side_text(window.kernel_w, window.kernel_h) : "",
-                   layer.window ? side_text(window.stride_w, window.stride_h) : "",
-                   layer.window ? side_text(window.pad_w, window.pad_h) : "", layer.activation,
-                   layer.parameters != 0 ? grouped(layer.parameters) : "",
-                   layer.multiply_adds != 0 ? grouped(layer.multiply_adds) : "",
-                   std::to_string(layer.read_count), options_text(layer)});
+        std::vector<std::string> cells = {
+            std::to_string(layer.id),
+            layer.kind,
+            joined(layer.bottoms),
+            layer.size ? size_text(*layer.size) : "?",
+            layer.window ? side_text(window.kernel_w, window.kernel_h) : "",
+            layer.window ? side_text(window.stride_w, window.stride_h) : "",
+            layer.window ? side_text(window.pad_w, window.pad_h) : "",
+            layer.activation,
+            layer.parameters != 0 ? grouped(layer.parameters) : "",
+            layer.multiply_adds != 0 ? grouped(layer.multiply_adds) : "",
+            std::to_string(layer.read_count),
+            options_text(layer)};
+        if (named) cells.push_back(name_of(names, layer.id));
+        table.row(cells);
     }
     table.rule();
-    table.row({"", std::to_string(plan.layers.size()) + " layers", "", "", "", "", "", "",
-               grouped(plan.parameters), grouped(plan.multiply_adds), "", ""});
+    std::vector<std::string> totals = {"",
+                                       std::to_string(plan.layers.size()) + " layers",
+                                       "",
+                                       "",
+                                       "",
+                                       "",
+                                       "",
+                                       "",
+                                       grouped(plan.parameters),
+                                       grouped(plan.multiply_adds),
+                                       "",
+                                       ""};
+    if (named) totals.emplace_back();
+    table.row(totals);
     text += table.text();
 
     if (!plan.refusal) {
@@ -106,7 +149,7 @@ void print_text(const ModelFile& model, const ModelPlan& plan) {
     std::fputs(text.c_str(), stdout);
 }
 
-void print_json(const ModelFile& model, const ModelPlan& plan) {
+void print_json(const ModelFile& model, const ModelPlan& plan, const modelkit::ModelNames& names) {
     const ZQNetLoader& loader = model.loader;
     Json json;
     json["file"] = model.path;
@@ -119,12 +162,24 @@ void print_json(const ModelFile& model, const ModelPlan& plan) {
                       {"model_base_w", loader.getModelBaseW()},
                       {"model_base_h", loader.getModelBaseH()}};
     json["base_size"] = {{"w", plan.base_w}, {"h", plan.base_h}};
+    const auto tensors = [](const std::vector<modelkit::ModelNames::Tensor>& list) {
+        Json array = Json::array();
+        for (const auto& tensor : list) {
+            array.push_back(
+                {{"layer", tensor.layer}, {"dims", tensor.dims}, {"name", tensor.name}});
+        }
+        return array;
+    };
+    json["named_inputs"] = tensors(names.inputs);
+    json["named_outputs"] = tensors(names.outputs);
     json["layers"] = Json::array();
     for (const PlannedLayer& layer : plan.layers) {
         Json each;
         each["id"] = layer.id;
         each["type"] = layer.type;
         each["kind"] = layer.kind;
+        each["name"] = nullptr;
+        if (names.layers.count(layer.id) != 0) each["name"] = name_of(names, layer.id);
         each["bottoms"] = layer.bottoms;
         each["shape"] = nullptr;
         if (layer.size) each["shape"] = {layer.size->c, layer.size->h, layer.size->w};
@@ -161,12 +216,15 @@ void info(const InfoCommand& command) {
     ModelFile model;
     open_model(command.model, reports, model);
     const ModelPlan plan = make_plan(model, command.plan);
+    // Names are kept beside a model that was converted, and are no part of it.
+    modelkit::ModelNames names;
+    modelkit::load_names(command.model, names);
     if (command.json) {
-        print_json(model, plan);
+        print_json(model, plan, names);
     } else if (command.dot) {
         std::fputs(graph_text(model, plan).c_str(), stdout);
     } else {
-        print_text(model, plan);
+        print_text(model, plan, names);
     }
     if (plan.refusal) throw CommandError(refusal_text(model, *plan.refusal));
 }

@@ -1,9 +1,14 @@
 #!/usr/bin/python3
-"""Exports a trained checkpoint as a .zqnet file with BatchNorm folded in.
+"""Exports a trained checkpoint as an ONNX file with BatchNorm folded in and
+the Sigmoid behind the head; `tarno convert` makes the .zqnet file of it.
 
-With --check PICTURE it reads the file back with reference.py, runs it in
-double on the picture and prints the greatest difference from torch, which runs
-the same rounded weights in float32.
+With --from-model the weights are those of a model file, for when the
+checkpoint is gone: halves are floats, so that converting what comes out gives
+the same file again.
+
+With --check PICTURE a model file, already converted, is read with reference.py
+and run in double on the picture; the greatest difference from torch, which runs
+the rounded weights in float32, is printed.
 """
 
 import argparse
@@ -11,66 +16,102 @@ import sys
 
 import numpy as np
 import torch
+from torch import nn
 
 import reference
-from network import SIZE, fold, half_rounded, load
+from network import ConvNorm, SegmentationNet, SIZE, fold, half_rounded, load
 from train import network_input
-from zqnet_writer import RELU, SIGMOID, Writer
 
-BACKGROUND_SEGMENTATION = 3
-MODEL_ID = BACKGROUND_SEGMENTATION * 100_000_000 + 1_000_001      # version 1.0.1
+OPSET = 13
 
 
-def conv_norm(writer, bottom, block):
-    """Writes a ConvNorm; gives the id of its blob."""
-    weight, bias = (t.numpy() for t in fold(block))
-    write = writer.depthwise if block.conv.groups > 1 else writer.conv
-    return write(bottom, weight, bias, block.conv.stride[0], RELU if block.relu else 0)
+class Deployed(nn.Module):
+    """The network with a mask from 0 to 1 for its output."""
+
+    def __init__(self, network):
+        super().__init__()
+        self.network = network
+
+    def forward(self, x):
+        return torch.sigmoid(self.network(x))
 
 
-def residual(writer, bottom, block):
-    x = conv_norm(writer, conv_norm(writer, bottom, block.depthwise), block.pointwise)
-    return writer.add(bottom, x, RELU)
+def folded(network):
+    """Puts convolutions with a bias in the place of every ConvNorm's two
+    parts."""
+    for module in list(network.modules()):
+        if isinstance(module, ConvNorm):
+            weight, bias = fold(module)
+            replace(module, weight.float(), bias.float())
+    return network
+
+
+def replace(block, weight, bias):
+    old = block.conv
+    conv = nn.Conv2d(old.in_channels, old.out_channels, old.kernel_size, old.stride, old.padding,
+                     groups=old.groups)
+    conv.weight.data, conv.bias.data = weight, bias
+    block.conv, block.norm = conv, nn.Identity()
+
+
+def from_model(path):
+    """The network with the weights of a model file, whose records follow
+    SegmentationNet.forward."""
+    network = SegmentationNet().eval()
+    order = []
+    for module in network.modules():
+        if isinstance(module, ConvNorm) or module is network.head:
+            module.register_forward_hook(lambda block, *_: order.append(block))
+    with torch.no_grad():
+        network(torch.zeros(1, 3, SIZE, SIZE))
+    layers = [layer for layer in reference.read(path) if 'weight' in layer]
+    if len(layers) != len(order):
+        raise ValueError(f'{path}: {len(layers)} layers with weights, not {len(order)}')
+    for layer, block in zip(layers, order):
+        weight = layer['weight']        # (o, kh, kw, i), depthwise (kh, kw, o)
+        weight = (weight.transpose(2, 0, 1)[:, None] if layer['kind'] == 'depthwise'
+                  else weight.transpose(0, 3, 1, 2))
+        weight, bias = (torch.tensor(np.ascontiguousarray(a), dtype=torch.float32)
+                        for a in (weight, layer['bias']))
+        if block is network.head:
+            block.weight.data, block.bias.data = weight, bias
+        else:
+            replace(block, weight, bias)
+    for module in network.modules():
+        module._forward_hooks.clear()
+    return network
 
 
 def export(network, path):
-    """Writes the network; the order of records follows SegmentationNet.forward."""
-    writer = Writer(SIZE, SIZE, BACKGROUND_SEGMENTATION, MODEL_ID)
-    x = conv_norm(writer, writer.input(3), network.stem)
-    for block in network.stages[0]:
-        x = residual(writer, x, block)
-    skips = []
-    for down, stage in zip(network.downs, list(network.stages)[1:]):
-        skips.append(x)
-        x = conv_norm(writer, conv_norm(writer, x, down.depthwise), down.pointwise)
-        for block in stage:
-            x = residual(writer, x, block)
-    for up in reversed(network.ups):
-        x = writer.upsample(conv_norm(writer, x, up.reduce))
-        x = conv_norm(writer, writer.concat(x, skips.pop()), up.fuse)
-        x = residual(writer, x, up.block)
-    x = writer.upsample(x)
-    writer.conv(x, network.head.weight.detach().numpy(), network.head.bias.detach().numpy(),
-                activation=SIGMOID)
-    writer.save(path)
+    torch.onnx.export(Deployed(network).eval(), torch.zeros(1, 3, SIZE, SIZE), path,
+                      opset_version=OPSET, input_names=['picture'], output_names=['mask'])
+
+
+def check(network, model, picture):
+    picture = reference.read_picture(picture)
+    expected = reference.run(reference.read(model), picture)
+    with torch.no_grad():
+        x = network_input(torch.from_numpy(picture.copy())[None])
+        mask = torch.sigmoid(half_rounded(network)(x))[0, 0].numpy()
+    return np.abs(mask - expected).max()
 
 
 def main():
-    parser = argparse.ArgumentParser(description='Export a checkpoint as a .zqnet file.')
-    parser.add_argument('checkpoint')
-    parser.add_argument('output')
+    parser = argparse.ArgumentParser(description='Export a checkpoint as an ONNX file.')
+    parser.add_argument('weights', help='a checkpoint of train.py')
+    parser.add_argument('output', help='the ONNX file, or with --check the converted model')
+    parser.add_argument('--from-model', action='store_true',
+                        help='the weights are those of a model file')
     parser.add_argument('--check', metavar='PICTURE', help='a 256 x 256 picture')
     options = parser.parse_args()
     try:
-        network = load(options.checkpoint).eval()
-        export(network, options.output)
         if options.check:
-            picture = reference.read_picture(options.check)
-            expected = reference.run(reference.read(options.output), picture)
-            with torch.no_grad():
-                x = network_input(torch.from_numpy(picture.copy())[None])
-                mask = torch.sigmoid(half_rounded(network)(x))[0, 0].numpy()
-            print(f'greatest difference {np.abs(mask - expected).max():.3g}')
+            difference = check(load(options.weights).eval(), options.output, options.check)
+            print(f'greatest difference {difference:.3g}')
+        elif options.from_model:
+            export(from_model(options.weights), options.output)
+        else:
+            export(folded(load(options.weights).eval()), options.output)
     except (OSError, ValueError) as error:
         sys.exit(f'export: {error}')
 

@@ -1,0 +1,117 @@
+#include "modelkit/onnx/converter.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "modelkit/onnx/evaluator.h"
+#include "modelkit/onnx/lowering.h"
+#include "modelkit/onnx/passes.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+constexpr size_t MOST_LAYERS = 65536;
+
+Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::vector<Dims>& all) {
+    for (const auto& [name, dims] : options.shapes) {
+        const bool known =
+            std::any_of(graph.inputs.begin(), graph.inputs.end(),
+                        [&name = name](const ValueInfo& i) { return i.name == name; });
+        if (!known) return Status::failure("has no input " + in_quotes(name));
+    }
+    for (const ValueInfo& input : graph.inputs) {
+        Dims dims = input.dims;
+        const auto given = options.shapes.find(input.name);
+        if (given != options.shapes.end()) {
+            const Dims& wanted = given->second;
+            const bool fits = !input.has_shape ||
+                              (wanted.size() == dims.size() &&
+                               std::equal(wanted.begin(), wanted.end(), dims.begin(),
+                                          [](int64_t a, int64_t b) { return b == -1 || a == b; }));
+            if (!fits) {
+                return Status::failure("the input " + in_quotes(input.name) + " has the shape " +
+                                       text_of(dims) + ", asked for was " + text_of(wanted));
+            }
+            dims = wanted;
+        } else if (!input.has_shape) {
+            return Status::failure("the input " + in_quotes(input.name) +
+                                   " has no shape: give one with --shape");
+        }
+        if (dims.size() > 1 && dims[0] == -1) dims[0] = 1;
+        if (std::find(dims.begin(), dims.end(), -1) != dims.end()) {
+            return Status::failure("the input " + in_quotes(input.name) + " leaves open " +
+                                   text_of(dims) + ": give its shape with --shape");
+        }
+        all.push_back(dims);
+    }
+    return Status::success();
+}
+
+}  // namespace
+
+Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
+    result = Conversion();
+    if (graph.inputs.empty()) return Status::failure("has no inputs");
+    std::vector<Dims> shapes;
+    const Status resolved = resolve_shapes(graph, options, shapes);
+    if (!resolved) return resolved;
+    // Attributes and inputs that an operator set does not define would be passed over in silence.
+    const Status forms = check_forms(graph);
+    if (!forms) return forms;
+    try {
+        simplify(graph);
+        if (graph.nodes.size() > MOST_LAYERS) {
+            return Status::failure("has " + std::to_string(graph.nodes.size()) +
+                                   " nodes that compute, expected at most " +
+                                   std::to_string(MOST_LAYERS));
+        }
+        ModelHeader header = options.header;
+        for (const Dims& dims : shapes) {
+            if (dims.size() != 4 || dims[2] < 1 || dims[3] < 1) continue;
+            header.base_h = static_cast<unsigned int>(std::min<int64_t>(dims[2], 65535));
+            header.base_w = static_cast<unsigned int>(std::min<int64_t>(dims[3], 65535));
+            break;
+        }
+        if (options.keep_rounded) result.rounded = graph;
+        Emitter emitter(header, options.engines);
+        Lowering lowering(graph, emitter, options.keep_rounded ? &result.rounded : nullptr);
+        const Status lowered = lowering.run(shapes);
+        if (!lowered) return lowered;
+
+        result.file = emitter.model().bytes();
+        result.layers = emitter.layers();
+        result.notes = lowering.notes();
+        result.slack = lowering.slack();
+        for (const LayerReport& layer : result.layers) result.names.layers[layer.id] = layer.node;
+        const auto named = [&](const std::vector<ValueInfo>& infos) {
+            std::vector<ModelNames::Tensor> tensors;
+            for (const ValueInfo& info : infos) {
+                const Value& value = lowering.values().at(info.name);
+                tensors.push_back({value.blob.layer, value.dims, info.name});
+            }
+            return tensors;
+        };
+        result.names.inputs = named(graph.inputs);
+        result.names.outputs = named(graph.outputs);
+        for (const auto& [name, value] : lowering.values()) {
+            if (value.zero_border != 0) continue;
+            result.value_layers[name] = value.blob.layer;
+            result.value_dims[name] = value.dims;
+            result.value_order.push_back(name);
+        }
+        std::sort(result.value_order.begin(), result.value_order.end(),
+                  [&](const std::string& a, const std::string& b) {
+                      const int x = result.value_layers[a];
+                      const int y = result.value_layers[b];
+                      return x != y ? x < y : a < b;
+                  });
+    } catch (const std::bad_alloc&) {
+        result = Conversion();
+        return Status::failure("out of memory");
+    }
+    return Status::success();
+}
+
+}  // namespace modelkit::onnx

@@ -1,0 +1,417 @@
+// Activations, sums, products, constants, and what joins channels.
+#include <algorithm>
+#include <cmath>
+
+#include "modelkit/onnx/lowering.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+constexpr double INFINITE = std::numeric_limits<double>::infinity();
+constexpr double LARGEST_FLOAT = static_cast<double>(std::numeric_limits<float>::max());
+
+}  // namespace
+
+void Lowering::unary() {
+    const Value& data = value(0);
+    const int kind = activation_kind(graph, node());
+    if (kind == ActivationType_Tanh) {
+        note("the engine's Tanh gives NaN where its input is beyond 88.7");
+    }
+    give(data.dims, emitter.activation(data.blob, kind));
+}
+
+// relu(x) - slope * relu(-x): what is above 0 stays to the last bit.
+Blob Lowering::leaked(const Blob& blob, const std::vector<double>& slopes,
+                      std::vector<double>& used) {
+    const Blob above = emitter.activation(blob, ActivationType_ReLU);
+    Affine exact;
+    const Blob below =
+        emitter.activation(emitter.affine(blob, {{-1.0}, {0.0}}, exact), ActivationType_ReLU);
+    std::vector<double> negated;
+    for (const double slope : slopes) negated.push_back(-slope);
+    Affine scaled;
+    const Blob part = emitter.affine(below, {negated, {0.0}}, scaled);
+    used.clear();
+    for (const double scale : scaled.scale) used.push_back(-scale);
+    return emitter.eltwise({above, part}, false);
+}
+
+void Lowering::absolute() {
+    std::vector<double> used;
+    give(value(0).dims, leaked(value(0).blob, {-1.0}, used));
+}
+
+void Lowering::leaky_relu() {
+    const Value& data = value(0);
+    if (node().op_type == "LeakyRelu") {
+        if (activation_kind(graph, node()) != 0 && !emitter.for_gpu()) {
+            give(data.dims, emitter.activation(data.blob, ActivationType_LeakyReLU));
+            return;
+        }
+        std::vector<double> used;
+        const double alpha = node().number("alpha", static_cast<double>(0.01f));
+        const Blob blob = leaked(data.blob, {alpha}, used);
+        show_number("alpha", used[0]);
+        give(data.dims, blob);
+        return;
+    }
+    const Tensor& slopes = required(1, "slopes");
+    const Blob map = map_of(data);
+    const auto channels = static_cast<size_t>(map.size.c);
+    const size_t from_end = data.dims.size() >= 2 ? data.dims.size() - 2 : 0;
+    const bool along_channels =
+        slopes.size() == 1 ||
+        (slopes.size() == channels && slopes.dims.size() > from_end &&
+         slopes.dims[slopes.dims.size() - 1 - from_end] == static_cast<int64_t>(channels));
+    require(along_channels, "one slope or one for each of " + std::to_string(channels) +
+                                " channels expected, found " + text_of(slopes.dims));
+    std::vector<double> used;
+    const Blob blob = leaked(map, slopes.numbers(), used);
+    if (slopes.size() == 1) used.resize(1);
+    show_tensor(1, Tensor::of_doubles(slopes.dims, used));
+    give(data.dims, blob);
+}
+
+// Every clamp out of the engine's two, between shifts and factors.
+Blob Lowering::clipped(const Blob& blob, double low, double high) {
+    if (low <= -LARGEST_FLOAT) low = -INFINITE;
+    if (high >= LARGEST_FLOAT) high = INFINITE;
+    require(low <= high, "a minimum of at most the maximum expected");
+    if (low == -INFINITE && high == INFINITE) return blob;
+    if (high == INFINITE) {
+        if (low == 0) return emitter.activation(blob, ActivationType_ReLU);
+        const Blob above = emitter.activation(hidden_affine(blob, 1.0, -low), ActivationType_ReLU);
+        return hidden_affine(above, 1.0, low);
+    }
+    if (low == -INFINITE) {
+        const Blob below = emitter.activation(hidden_affine(blob, -1.0, high), ActivationType_ReLU);
+        return hidden_affine(below, -1.0, high);
+    }
+    if (low == 0 && high == 6) return emitter.activation(blob, ActivationType_ReLU6);
+    require(low < high, "a minimum below the maximum expected");
+    const double factor = 6.0 / (high - low);
+    const Blob inside =
+        emitter.activation(hidden_affine(blob, factor, -low * factor), ActivationType_ReLU6);
+    return hidden_affine(inside, 1.0 / factor, low);
+}
+
+void Lowering::clip() {
+    const Value& data = value(0);
+    double low = -INFINITE;
+    double high = INFINITE;
+    if (graph.opset < 11) {
+        low = node().number("min", low);
+        high = node().number("max", high);
+    } else {
+        for (size_t i = 1; i <= 2; ++i) {
+            if (!node().has_input(i)) continue;
+            const Tensor& limit = required(i, "a limit");
+            require(limit.size() == 1, "one number for a limit expected");
+            (i == 1 ? low : high) = limit.number(0);
+        }
+    }
+    give(data.dims, clipped(data.blob, low, high));
+}
+
+void Lowering::hard_sigmoid() {
+    const Value& data = value(0);
+    const double alpha = node().number("alpha", static_cast<double>(0.2f));
+    const double beta = node().number("beta", 0.5);
+    // clip(alpha * x + beta, 0, 1) as a sixth of clip(6 * alpha * x + 6 * beta, 0, 6).
+    const Blob inside =
+        emitter.activation(hidden_affine(data.blob, 6.0 * alpha, 6.0 * beta), ActivationType_ReLU6);
+    give(data.dims, hidden_affine(inside, 1.0 / 6.0, 0.0));
+}
+
+void Lowering::hard_swish() {
+    const Value& data = value(0);
+    const Blob inside =
+        emitter.activation(hidden_affine(data.blob, 1.0, 3.0), ActivationType_ReLU6);
+    const Blob gate = hidden_affine(inside, 1.0 / 6.0, 0.0);
+    give(data.dims, emitter.eltwise({data.blob, gate}, true));
+}
+
+void Lowering::softmax() {
+    const Value& data = value(0);
+    const size_t rank = data.dims.size();
+    require(rank >= 1, "a tensor with dimensions expected");
+    const bool whole_rest = graph.opset < 13;
+    const size_t axis = axis_of(node().integer("axis", whole_rest ? 1 : -1), rank);
+    const int64_t count = element_count(data.dims);
+    int64_t together = data.dims[axis];
+    if (whole_rest) {
+        for (size_t i = axis + 1; i < rank; ++i) together *= data.dims[i];
+    }
+    if (together == count) {
+        note("the engine's SoftMax subtracts no maximum: inputs above 88.7 give NaN");
+        give(data.dims, emitter.activation(channels_of(data.blob), ActivationType_SoftMax));
+        return;
+    }
+    const Blob map = map_of(data);
+    // Of two numbers the larger's share is the sigmoid of their distance.
+    require(axis == 1 && together == 2 && map.size.c == 2,
+            "a softmax over all numbers, or over two channels, expected: the engine has none along "
+            "the channels of " +
+                text_of(map.size));
+    const Blob distance =
+        emitter.conv(map, 2, Window(), {1.0f, -1.0f, -1.0f, 1.0f}, {}, ActivationType_Sigmoid);
+    give(data.dims, distance);
+}
+
+void Lowering::affine_node() {
+    const size_t rank = value(constant(0) != nullptr ? 1 : 0).dims.size();
+    const std::optional<AffineNode> found = affine_of(graph, node(), rank);
+    require(found.has_value(), node().op_type == "BatchNormalization"
+                                   ? "a batch normalisation of constants, not in training, expected"
+                                   : "constants, one for all or one for each channel, expected");
+    const Value& data = value(found->data_input);
+    const bool norm = node().op_type == "BatchNormalization";
+    Affine affine = found->affine;
+    Blob blob = data.blob;
+    if (found->per_channel) {
+        const auto channel_axis = static_cast<int64_t>(rank) - 1 - found->channel_from_end;
+        const bool flat = element_count(data.dims) == static_cast<int64_t>(affine.scale.size());
+        require(channel_axis == 1 || flat, "constants for the channels expected, found " +
+                                               std::to_string(affine.scale.size()) +
+                                               " along axis " + std::to_string(channel_axis) +
+                                               " of " + text_of(data.dims));
+        blob = flat ? channels_of(blob) : map_of(data);
+        require(static_cast<size_t>(blob.size.c) == affine.scale.size(),
+                "a constant for each of " + std::to_string(blob.size.c) +
+                    " channels expected, "
+                    "found " +
+                    std::to_string(affine.scale.size()));
+    }
+    Affine used;
+    blob = emitter.affine(blob, affine, used);
+    if (!found->per_channel) {
+        used.scale.resize(1);
+        used.shift.resize(1);
+    }
+    const auto count = static_cast<int64_t>(used.scale.size());
+    const std::string& type = node().op_type;
+    if (norm) {
+        const double epsilon = node().number("epsilon", static_cast<double>(1e-5f));
+        show_tensor(1, Tensor::of_doubles({count}, used.scale));
+        show_tensor(2, Tensor::of_doubles({count}, used.shift));
+        show_tensor(3, Tensor::of_doubles({count}, std::vector<double>(used.scale.size(), 0.0)));
+        show_tensor(
+            4, Tensor::of_doubles({count}, std::vector<double>(used.scale.size(), 1.0 - epsilon)));
+    } else if (type != "Neg") {
+        const size_t side = 1 - found->data_input;
+        std::vector<double> shown;
+        for (size_t i = 0; i < used.scale.size(); ++i) {
+            double number = type == "Mul" || type == "Div" ? used.scale[i] : used.shift[i];
+            if (type == "Div") number = 1.0 / number;
+            if (type == "Sub" && side == 1) number = -number;
+            shown.push_back(number);
+        }
+        show_tensor(side, Tensor::of_doubles(required(side, "a constant").dims, shown));
+    }
+    give(data.dims, blob);
+}
+
+namespace {
+
+Dims broadcast_dims(const Dims& a, const Dims& b) {
+    Dims result(std::max(a.size(), b.size()), 1);
+    for (size_t i = 0; i < result.size(); ++i) {
+        const auto at = [&](const Dims& dims) {
+            const size_t missing = result.size() - dims.size();
+            return i < missing ? 1 : dims[i - missing];
+        };
+        require(at(a) == at(b) || at(a) == 1 || at(b) == 1,
+                "shapes that broadcast expected, found " + text_of(a) + " and " + text_of(b));
+        result[i] = std::max(at(a), at(b));
+    }
+    return result;
+}
+
+}  // namespace
+
+// A constant for each pixel has no layer of its own: a transposed convolution paints it from a
+// single pixel that is always 1.
+void Lowering::with_constant_map(size_t side) {
+    const std::string& type = node().op_type;
+    const Value& data = value(side);
+    const Tensor& numbers = required(1 - side, "a constant");
+    const Dims dims = broadcast_dims(data.dims, numbers.dims);
+    require(dims == data.dims, "a constant that broadcasts to " + text_of(data.dims) +
+                                   " expected, found " + text_of(numbers.dims));
+    const Blob blob = map_of(data);
+    const Extent& size = blob.size;
+    require(size.elements() <= (int64_t{1} << 24),
+            "at most 16777216 pixels with constants of their own, found " + text_of(size));
+    std::vector<double> shown(numbers.size());
+    std::vector<double> used(numbers.size());
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        const double number = numbers.number(i);
+        const bool negative = type == "Sub" && side == 0;
+        used[i] = type == "Div" ? 1.0 / number : negative ? -number : number;
+        const double half = as_half(used[i]);
+        shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+    }
+    show_tensor(1 - side, Tensor::of_doubles(numbers.dims, shown));
+
+    // The engine's kernel begins one pixel ahead of what it leaves.
+    Window window;
+    window.stride_h = size.h;
+    window.stride_w = size.w;
+    window.kernel_h = size.h + 1;
+    window.kernel_w = size.w + 1;
+    window.pad_h = window.pad_w = 1;
+    const auto row = static_cast<size_t>(window.kernel_w);
+    const size_t plane = row * static_cast<size_t>(window.kernel_h);
+    std::vector<float> weights(static_cast<size_t>(size.c) * plane);
+    Dims steps(dims.size(), 0);
+    int64_t step = 1;
+    for (size_t i = 0; i < numbers.dims.size(); ++i) {
+        const int64_t own = numbers.dims[numbers.dims.size() - 1 - i];
+        steps[dims.size() - 1 - i] = own == 1 ? 0 : step;
+        step *= own;
+    }
+    for (int64_t i = 0; i < size.elements(); ++i) {
+        int64_t rest = i;
+        int64_t at = 0;
+        for (size_t axis = dims.size(); axis-- > 0;) {
+            at += rest % dims[axis] * steps[axis];
+            rest /= dims[axis];
+        }
+        const auto c = static_cast<size_t>(i / (int64_t{size.h} * size.w));
+        const auto y = static_cast<size_t>(i / size.w % size.h) + 1;
+        const auto x = static_cast<size_t>(i % size.w) + 1;
+        weights[c * plane + y * row + x] = static_cast<float>(used[static_cast<size_t>(at)]);
+    }
+    Affine exact;
+    const Blob one =
+        emitter.affine(pad_or_crop(blob, 0, 0, 1 - size.h, 1 - size.w), {{0.0}, {1.0}}, exact);
+    const Blob map = emitter.depthwise_deconvolution(one, window, weights, {});
+    Blob left = blob;
+    if (type == "Sub" && side == 1) left = emitter.affine(left, {{-1.0}, {0.0}}, exact);
+    const Fused fused = fuse(fusable({2, 8}));
+    give(fused.output, dims,
+         emitter.eltwise({left, map}, type == "Mul" || type == "Div", fused.activation));
+}
+
+void Lowering::binary() {
+    const std::string& type = node().op_type;
+    size_t constants = 0;
+    for (size_t i = 0; i < node().inputs.size(); ++i) constants += constant(i) != nullptr ? 1 : 0;
+    if (constants > 0) {
+        require(constants == 1 && node().inputs.size() == 2 && type != "Sum",
+                "one constant and one tensor expected");
+        const size_t side = constant(0) != nullptr ? 1 : 0;
+        require(type != "Div" || side == 0, "a constant to divide by expected");
+        const Value& data = value(side);
+        const std::optional<AffineNode> found = affine_of(graph, node(), data.dims.size());
+        const int64_t count = element_count(data.dims);
+        const auto channel = static_cast<int64_t>(data.dims.size()) - 2;
+        const bool along_channels =
+            found && (!found->per_channel || found->channel_from_end == channel ||
+                      count == static_cast<int64_t>(found->affine.scale.size()));
+        if (!along_channels) {
+            with_constant_map(side);
+            return;
+        }
+        affine_node();
+        return;
+    }
+    require(type != "Div", "a constant to divide by expected: the engines have no quotient");
+    require(type != "Sub" || node().inputs.size() == 2, "two inputs expected");
+    Dims dims = value(0).dims;
+    for (size_t i = 1; i < node().inputs.size(); ++i) {
+        dims = broadcast_dims(dims, value(i).dims);
+    }
+    std::vector<Blob> blobs;
+    bool one_division = true;
+    for (size_t i = 0; i < node().inputs.size(); ++i) {
+        one_division =
+            one_division && value(i).dims == dims && value(i).blob.size == value(0).blob.size;
+    }
+    for (size_t i = 0; i < node().inputs.size(); ++i) {
+        const Value& each = value(i);
+        Blob blob = each.blob;
+        if (!one_division) {
+            Value padded = each;
+            padded.dims.insert(padded.dims.begin(), dims.size() - each.dims.size(), 1);
+            blob = map_of(padded);
+            if (padded.dims != dims) blob = broadcast(blob, extent_of(dims));
+        }
+        if (type == "Sub" && i == 1) {
+            Affine exact;
+            blob = emitter.affine(blob, {{-1.0}, {0.0}}, exact);
+        }
+        blobs.push_back(blob);
+    }
+    if (blobs.size() == 1) {
+        give(dims, blobs[0]);
+        return;
+    }
+    const Fused fused = fuse(fusable({2, 8}));
+    give(fused.output, dims, emitter.eltwise(blobs, type == "Mul", fused.activation));
+}
+
+void Lowering::concat() {
+    require(!node().inputs.empty(), "inputs expected");
+    std::vector<const Value*> parts;
+    for (size_t i = 0; i < node().inputs.size(); ++i) parts.push_back(&value(i));
+    const size_t rank = parts[0]->dims.size();
+    const size_t axis = axis_of(node().integer("axis", 1), rank);
+    Dims dims = parts[0]->dims;
+    dims[axis] = 0;
+    for (const Value* part : parts) {
+        require(part->dims.size() == rank, "tensors of one number of dimensions expected");
+        for (size_t i = 0; i < rank; ++i) {
+            require(i == axis || part->dims[i] == parts[0]->dims[i],
+                    "tensors that differ along axis " + std::to_string(axis) +
+                        " only expected, found " + text_of(parts[0]->dims) + " and " +
+                        text_of(part->dims));
+        }
+        dims[axis] += part->dims[axis];
+    }
+    require(rank >= 2 && axis >= 1,
+            "an axis behind the batch expected, found " + std::to_string(axis));
+    std::vector<Blob> blobs;
+    for (const Value* part : parts) blobs.push_back(map_of(*part));
+    if (blobs.size() == 1) {
+        give(dims, blobs[0]);
+        return;
+    }
+    // In the engine's axes a tensor without rows lacks ONNX's third.
+    const int engine_axis = axis == 1 ? 0 : rank == 4 ? static_cast<int>(axis) - 1 : 2;
+    if (blobs[0].size.c > 1) {
+        give(dims, join(blobs, engine_axis));
+        return;
+    }
+    if (engine_axis != 0) {
+        // One channel has no channel axis: two of them have, and one is taken out again.
+        for (Blob& blob : blobs) blob = pick_channels(blob, {0, 0});
+        give(dims, pick_channels(join(blobs, engine_axis), {0}));
+        return;
+    }
+    // A first tensor of one channel would be joined by rows. The first two are put side by side by
+    // convolutions that leave the other's channels at 0, and summed.
+    const int both = blobs[0].size.c + blobs[1].size.c;
+    std::vector<Blob> spread;
+    int first = 0;
+    for (size_t i = 0; i < 2; ++i) {
+        const int channels = blobs[i].size.c;
+        std::vector<float> weights(static_cast<size_t>(both) * static_cast<size_t>(channels));
+        for (int c = 0; c < channels; ++c) {
+            weights[static_cast<size_t>((first + c) * channels + c)] = 1.0f;
+        }
+        Blob blob = emitter.conv(blobs[i], both, Window(), weights, {}, 0);
+        blob.range = blobs[i].range.with(0.0);
+        spread.push_back(blob);
+        first += channels;
+    }
+    Blob sum = emitter.eltwise(spread, false);
+    sum.range = blobs[0].range.with(blobs[1].range);
+    blobs.erase(blobs.begin(), blobs.begin() + 2);
+    blobs.insert(blobs.begin(), sum);
+    give(dims, blobs.size() == 1 ? blobs[0] : join(blobs, 0));
+}
+
+}  // namespace modelkit::onnx

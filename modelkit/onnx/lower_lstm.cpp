@@ -1,0 +1,153 @@
+// LSTM of one layer.
+#include <algorithm>
+
+#include "modelkit/onnx/lowering.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+// ONNX has the gates as input, output, forget, candidate; the engine as input, forget, candidate,
+// output.
+constexpr size_t GATES[4] = {0, 2, 3, 1};
+
+// The gates of one direction in the engine's order; `columns` may be wider than the file's rows,
+// with zeros behind them.
+void append_gates(std::vector<float>& to, const Tensor& from, size_t direction, size_t offset,
+                  size_t rows, size_t columns, size_t wide, size_t stride) {
+    for (const size_t gate : GATES) {
+        for (size_t row = 0; row < rows; ++row) {
+            for (size_t column = 0; column < wide; ++column) {
+                const size_t at =
+                    direction * stride + offset + (gate * rows + row) * columns + column;
+                to.push_back(column < columns ? static_cast<float>(from.number(at)) : 0.0f);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+void Lowering::lstm() {
+    const Value& data = value(0);
+    const Tensor& weights = required(1, "weights");
+    const Tensor& recurrent = required(2, "recurrent weights");
+    require(node().integer("layout", 0) == 0, "layout 0 expected");
+    require(
+        data.dims.size() == 3 && data.dims[1] == 1,
+        "a tensor of time steps, a batch of 1 and values expected, found " + text_of(data.dims));
+    const int64_t steps = data.dims[0];
+    const int inputs = small(data.dims[2], "the input size");
+    const int hidden = small(node().integer("hidden_size", 0), "hidden_size");
+    const std::string direction = node().text("direction", "forward");
+    require(direction == "forward" || direction == "reverse" || direction == "bidirectional",
+            "direction forward, reverse or bidirectional expected, found " + in_quotes(direction));
+    const int64_t directions = direction == "bidirectional" ? 2 : 1;
+    require(hidden >= 1, "a hidden_size of at least 1 expected");
+    const Dims w_shape = {directions, 4 * hidden, inputs};
+    const Dims r_shape = {directions, 4 * hidden, hidden};
+    require(weights.dims == w_shape,
+            "weights of " + text_of(w_shape) + " expected, found " + text_of(weights.dims));
+    require(recurrent.dims == r_shape, "recurrent weights of " + text_of(r_shape) +
+                                           " expected, found " + text_of(recurrent.dims));
+    const Dims b_shape = {directions, 8 * hidden};
+    const Tensor* bias = node().has_input(3) ? &required(3, "a bias") : nullptr;
+    require(bias == nullptr || bias->dims == b_shape,
+            "a bias of " + text_of(b_shape) + " expected");
+    if (node().has_input(4)) {
+        const Tensor& lengths = required(4, "sequence lengths");
+        require(lengths.size() == 1 && lengths.integer(0) == steps,
+                "a sequence length of all " + std::to_string(steps) + " time steps expected");
+    }
+    for (size_t i = 5; i <= 6; ++i) {
+        if (!node().has_input(i)) continue;
+        const Tensor& state =
+            required(i, "an initial state of zeros (the engine keeps the state from run to run),");
+        for (size_t k = 0; k < state.size(); ++k) {
+            require(state.number(k) == 0, "an initial state of zeros expected");
+        }
+    }
+    require(!node().has_input(7), "peepholes are not supported");
+    for (const char* attribute : {"activation_alpha", "activation_beta", "clip"}) {
+        require(node().attributes.count(attribute) == 0,
+                std::string("no attribute ") + attribute + " expected");
+    }
+    require(node().integer("input_forget", 0) == 0, "input_forget 0 expected");
+    if (const Attribute* list = node().find("activations", Attribute::Kind::Strings)) {
+        for (size_t i = 0; i < list->strings.size(); ++i) {
+            const char* expected[] = {"Sigmoid", "Tanh", "Tanh"};
+            require(list->strings[i] == expected[i % 3],
+                    "the activations Sigmoid, Tanh, Tanh expected, found " +
+                        in_quotes(list->strings[i]));
+        }
+    }
+    const bool cell_used = node().has_output(2) && uses.is_used(node().outputs[2]);
+    require(!cell_used, "the last cell state is not supported: the engine keeps it to itself");
+
+    // Rows of more numbers than the layer wants, where channels had to be made into rows.
+    Blob blob = data.blob;
+    if (blob.size.c != steps && blob.size.h == 1 && blob.size.w == 1 && steps > 1) {
+        int side = 1;
+        while (side * side < inputs) ++side;
+        if (side * side != inputs) {
+            std::vector<int> order;
+            for (int64_t t = 0; t < steps; ++t) {
+                for (int i = 0; i < side * side; ++i) {
+                    order.push_back(static_cast<int>(t * inputs + std::min(i, inputs - 1)));
+                }
+            }
+            blob = pick_channels(blob, order);
+        }
+        blob = emitter.pixel_shuffle(blob, side, true);
+    } else {
+        blob = rows_of(blob, static_cast<int>(steps));
+    }
+    const int64_t width = int64_t{blob.size.h} * blob.size.w;
+    require(width >= inputs, "rows of " + std::to_string(inputs) + " numbers expected");
+
+    // A single backward direction is the second of two; the first has weights of zero.
+    const bool both = directions == 2 || direction == "reverse";
+    const auto h = static_cast<size_t>(hidden);
+    const auto n = static_cast<size_t>(inputs);
+    const auto wide = static_cast<size_t>(width);
+    std::vector<float> arrays;
+    for (size_t d = 0; d < (both ? 2u : 1u); ++d) {
+        if (directions == 1 && both && d == 0) {
+            arrays.resize(4 * h * wide + 4 * h * h + 8 * h);
+            continue;
+        }
+        const size_t from = directions == 2 ? d : 0;
+        append_gates(arrays, weights, from, 0, h, n, wide, 4 * h * n);
+        append_gates(arrays, recurrent, from, 0, h, h, h, 4 * h * h);
+        if (bias == nullptr) {
+            arrays.resize(arrays.size() + 8 * h);
+            continue;
+        }
+        append_gates(arrays, *bias, from, 0, h, 1, 1, 8 * h);
+        append_gates(arrays, *bias, from, 4 * h, h, 1, 1, 8 * h);
+    }
+    show_halves(1);
+    show_halves(2);
+    if (bias != nullptr) show_halves(3);
+    blob = emitter.lstm(blob, static_cast<int>(width), hidden, both, arrays);
+    note("the engine keeps hidden and cell state from run to run, until reset_lstm_state");
+    if (directions == 1 && both) blob = pad_or_crop(blob, 0, -hidden, 0, 0);
+    if (node().has_output(0)) give(node().outputs[0], {steps, directions, 1, hidden}, blob);
+
+    const bool last_used = node().has_output(1) && uses.is_used(node().outputs[1]);
+    if (!last_used) return;
+    const int last = static_cast<int>(steps) - 1;
+    Blob state;
+    if (directions == 1) {
+        state = pick_channels(blob, {direction == "forward" ? last : 0});
+    } else if (steps == 1) {
+        state = blob;
+    } else {
+        const Blob ahead = pad_or_crop(pick_channels(blob, {last}), 0, 0, 0, -hidden);
+        const Blob back = pad_or_crop(pick_channels(blob, {0}), 0, -hidden, 0, 0);
+        state = emitter.concat({ahead, back}, 0, {1, 1, 2 * hidden});
+    }
+    give(node().outputs[1], {directions, 1, hidden}, state);
+}
+
+}  // namespace modelkit::onnx

@@ -1,0 +1,318 @@
+// Resize, Upsample, DepthToSpace and SpaceToDepth.
+#include <algorithm>
+#include <cmath>
+
+#include "modelkit/onnx/lowering.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+// One axis of a resize, by where each output lies between the inputs.
+struct ResizedAxis {
+    int in = 1;
+    int out = 1;
+    double scale = 1;
+    std::string corner;  ///< coordinate_transformation_mode
+
+    double place(int at) const {
+        const double x = at;
+        if (corner == "asymmetric") return x / scale;
+        if (corner == "align_corners") {
+            return out == 1 ? 0.0 : x * (in - 1) / static_cast<double>(out - 1);
+        }
+        if (corner == "pytorch_half_pixel") return out > 1 ? (x + 0.5) / scale - 0.5 : 0.0;
+        if (corner == "tf_half_pixel_for_nn") return (x + 0.5) / scale;
+        return (x + 0.5) / scale - 0.5;
+    }
+
+    /// Which input the nearest one is.
+    int nearest(int at, const std::string& rounding) const {
+        const double x = place(at);
+        double rounded = std::floor(x);
+        if (rounding == "ceil") rounded = std::ceil(x);
+        if (rounding == "round_prefer_floor") rounded = std::ceil(x - 0.5);
+        if (rounding == "round_prefer_ceil") rounded = std::floor(x + 0.5);
+        return static_cast<int>(std::clamp(rounded, 0.0, static_cast<double>(in - 1)));
+    }
+};
+
+/// The whole factor by which an axis grows; 0 when there is none.
+int growth(const ResizedAxis& axis) {
+    return axis.out % axis.in == 0 ? axis.out / axis.in : 0;
+}
+int shrinkage(const ResizedAxis& axis) {
+    return axis.in % axis.out == 0 ? axis.in / axis.out : 0;
+}
+
+bool near(double a, double b) {
+    return std::fabs(a - b) < 1e-6;
+}
+
+enum class Step { Keep, Repeat, Thin, Other };
+
+/// What nearest neighbours are along an axis: each input some times, or every so manieth input.
+Step nearest_step(const ResizedAxis& axis, const std::string& rounding, int& offset) {
+    const int times = growth(axis);
+    const int stride = shrinkage(axis);
+    bool repeats = times > 0;
+    bool thins = stride > 0;
+    offset = axis.nearest(0, rounding);
+    for (int i = 0; i < axis.out; ++i) {
+        const int from = axis.nearest(i, rounding);
+        repeats = repeats && from == i / times;
+        thins = thins && from == offset + i * stride;
+    }
+    if (repeats) return times == 1 ? Step::Keep : Step::Repeat;
+    return thins ? Step::Thin : Step::Other;
+}
+
+/// The weights with which a pixel, put `factor` pixels apart from its neighbours, adds to those
+/// around it, times `factor`, which halves hold; the first of them is `first` pixels from the
+/// output.
+std::vector<double> tent(int factor, double middle, int& first) {
+    std::vector<double> taps;
+    first = static_cast<int>(std::ceil(middle - factor));
+    for (int i = first; i <= std::floor(middle + factor); ++i) {
+        taps.push_back(std::max(0.0, factor - std::fabs(i - middle)));
+    }
+    return taps;
+}
+
+std::vector<float> outer_product(const std::vector<double>& y, const std::vector<double>& x,
+                                 int channels) {
+    std::vector<float> weights;
+    for (int c = 0; c < channels; ++c) {
+        for (const double row : y) {
+            for (const double column : x) weights.push_back(static_cast<float>(row * column));
+        }
+    }
+    return weights;
+}
+
+}  // namespace
+
+void Lowering::resize() {
+    const Value& data = value(0);
+    const size_t rank = data.dims.size();
+    require(rank == 3 || rank == 4,
+            "a tensor of 3 or 4 dimensions expected, found " + text_of(data.dims));
+    const bool old = node().op_type == "Upsample" || graph.opset < 11;
+    std::string mode = node().text("mode", "nearest");
+    if (mode == "bilinear") mode = "linear";
+    require(mode == "nearest" || mode == "linear",
+            "mode nearest or linear expected, found " + in_quotes(mode));
+    std::string corner = "asymmetric";
+    std::string rounding = "floor";
+    std::vector<double> scales;
+    Dims sizes;
+    if (old) {
+        if (node().op_type == "Upsample" && graph.opset < 9) {
+            const Attribute* list = node().find("scales", Attribute::Kind::Floats);
+            require(list != nullptr, "scales expected");
+            scales = list->floats;
+        } else {
+            scales = required(1, "scales").numbers();
+        }
+    } else {
+        corner = node().text("coordinate_transformation_mode", "half_pixel");
+        rounding = node().text("nearest_mode", "round_prefer_floor");
+        const Tensor* given = node().has_input(2) ? &required(2, "scales") : nullptr;
+        if (given != nullptr && given->size() > 0) scales = given->numbers();
+        if (scales.empty()) sizes = required(3, "sizes").integers();
+    }
+    require(
+        corner == "half_pixel" || corner == "pytorch_half_pixel" || corner == "asymmetric" ||
+            corner == "align_corners" || corner == "tf_half_pixel_for_nn",
+        "a coordinate_transformation_mode without a region expected, found " + in_quotes(corner));
+    require(rounding == "floor" || rounding == "ceil" || rounding == "round_prefer_floor" ||
+                rounding == "round_prefer_ceil",
+            "a nearest_mode that ONNX knows expected, found " + in_quotes(rounding));
+    require(scales.size() == rank || sizes.size() == rank,
+            "scales or sizes for " + std::to_string(rank) + " dimensions expected");
+    Dims dims = data.dims;
+    ResizedAxis axes[2];  // rows, columns
+    for (size_t i = 0; i < rank; ++i) {
+        const double scale =
+            sizes.empty() ? scales[i]
+                          : static_cast<double>(sizes[i]) / static_cast<double>(data.dims[i]);
+        require(std::isfinite(scale) && scale > 0, "scales above 0 expected");
+        const double size = sizes.empty() ? std::floor(static_cast<double>(data.dims[i]) * scale)
+                                          : static_cast<double>(sizes[i]);
+        require(size >= 1 && size <= 65535, "sides of 1 to 65535 expected");
+        dims[i] = static_cast<int64_t>(size);
+        require(i >= 2 || dims[i] == data.dims[i], "a scale of 1 for batch and channels expected");
+        if (i < 2) continue;
+        ResizedAxis& axis = axes[i + 1 == rank ? 1 : 0];
+        axis = {static_cast<int>(data.dims[i]), static_cast<int>(dims[i]), scale, corner};
+    }
+    if (rank == 3) axes[0] = {1, 1, 1.0, corner};
+    Blob blob = map_of(data);
+    const Range range = blob.range;
+    const ResizedAxis& y = axes[0];
+    const ResizedAxis& x = axes[1];
+
+    if (mode == "nearest") {
+        int from_y = 0;
+        int from_x = 0;
+        const Step step_y = nearest_step(y, rounding, from_y);
+        const Step step_x = nearest_step(x, rounding, from_x);
+        Window thin;
+        if (step_y == Step::Thin) thin.stride_h = shrinkage(y);
+        if (step_x == Step::Thin) thin.stride_w = shrinkage(x);
+        if (thin.stride_h > 1 || thin.stride_w > 1) {
+            blob = pad_or_crop(blob, step_y == Step::Thin ? -from_y : 0,
+                               step_x == Step::Thin ? -from_x : 0, 0, 0);
+            const std::vector<float> ones(static_cast<size_t>(blob.size.c), 1.0f);
+            blob = emitter.depthwise(blob, 1, thin, ones, {});
+        }
+        for (const bool rows : {true, false}) {
+            // Uneven neighbours are put together line by line.
+            if ((rows ? step_y : step_x) != Step::Other) continue;
+            const ResizedAxis& axis = rows ? y : x;
+            require(axis.out <= 256, "an even factor, or at most 256 lines, expected");
+            std::vector<int> lines;
+            for (int i = 0; i < axis.out; ++i) lines.push_back(axis.nearest(i, rounding));
+            blob = gather_lines(blob, rows, lines);
+        }
+        blob = repeat(blob, step_y == Step::Repeat ? growth(y) : 1,
+                      step_x == Step::Repeat ? growth(x) : 1);
+        blob.range = range;
+        give(dims, blob);
+        return;
+    }
+
+    // Whole factors, and places that follow from them.
+    for (const ResizedAxis* axis : {&y, &x}) {
+        const int grows = growth(*axis);
+        const int shrinks = shrinkage(*axis);
+        require((grows > 0 && (axis->in == 1 || near(axis->scale, grows))) ||
+                    (shrinks > 0 && near(axis->scale * shrinks, 1.0)),
+                "a whole factor expected, found " + std::to_string(axis->in) + " to " +
+                    std::to_string(axis->out) + " pixels");
+    }
+
+    const bool grows = growth(y) > 0 && growth(x) > 0;
+    const bool half = corner == "half_pixel" || corner == "pytorch_half_pixel";
+    const int factor = growth(y);
+    if (grows && growth(y) == growth(x) && factor > 1) {
+        const bool native = corner == "align_corners" ? factor == 2 || factor == 4 || factor == 8
+                                                      : half && factor == 2;
+        // The engine's own factor of 2 takes the corners as they are; for one pixel the others are
+        // left as they were.
+        const bool pixels = y.in > 1 && x.in > 1;
+        if (native && pixels) {
+            give(dims, emitter.upsampling(blob, factor, true, corner == "align_corners"));
+            return;
+        }
+    }
+    require(
+        corner != "align_corners" || (y.in == y.out && x.in == x.out) || (y.in == 1 && x.in == 1),
+        "align_corners with one factor of 2, 4 or 8 for rows and columns expected");
+    require(corner == "half_pixel" || corner == "pytorch_half_pixel" || corner == "asymmetric" ||
+                corner == "align_corners",
+            "half_pixel, asymmetric or align_corners expected for mode linear, found " +
+                in_quotes(corner));
+    for (const bool rows : {true, false}) {
+        const ResizedAxis& axis = rows ? y : x;
+        if (axis.in == axis.out) continue;
+        if (axis.in == 1) {
+            blob = repeat(blob, rows ? axis.out : 1, rows ? 1 : axis.out);
+            continue;
+        }
+        const int channels = blob.size.c;
+        const std::vector<double> one = {1.0};
+        Window2D window;
+        AxisWindow& along = rows ? window.y : window.x;
+        AxisWindow& across = rows ? window.x : window.y;
+        if (growth(axis) > 0) {
+            // The outermost pixels again, zeros between all, and a tent over them.
+            const int times = growth(axis);
+            std::vector<int> lines;
+            for (int i = -1; i <= axis.in; ++i) lines.push_back(std::clamp(i, 0, axis.in - 1));
+            blob = gather_lines(blob, rows, lines);
+            Window apart;
+            (rows ? apart.stride_h : apart.stride_w) = times;
+            const std::vector<float> ones(static_cast<size_t>(channels), 1.0f);
+            blob = emitter.depthwise_deconvolution(blob, apart, ones, {});
+            if (rows) {
+                blob = pad_or_crop(blob, 0, 0, 0, -2);
+            } else {
+                blob = pad_or_crop(blob, 0, 0, -2, 0);
+            }
+            // In the wider tensor, input i stands at times * (i + 1).
+            const double middle = half ? 0.5 * times + 0.5 : static_cast<double>(times);
+            int first = 0;
+            const std::vector<double> taps = tent(times, middle, first);
+            along.in = rows ? blob.size.h : blob.size.w;
+            along.kernel = static_cast<int>(taps.size());
+            along.begin = -first;
+            along.end = axis.out - 1 + along.kernel - along.in - along.begin;
+            across.in = rows ? blob.size.w : blob.size.h;
+            const std::vector<float> weights =
+                outer_product(rows ? taps : one, rows ? one : taps, channels);
+            blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
+            blob = hidden_affine(blob, 1.0 / times, 0.0);
+        } else {
+            // Between two neighbours, the same in every block.
+            const int stride = shrinkage(axis);
+            const double place = axis.place(0);
+            const int before = static_cast<int>(std::floor(place));
+            const double share = place - before;
+            std::vector<double> taps(static_cast<size_t>(stride), 0.0);
+            taps[static_cast<size_t>(before)] += 1.0 - share;
+            if (share > 0) taps[static_cast<size_t>(before) + 1] += share;
+            along.in = axis.in;
+            along.kernel = along.stride = stride;
+            across.in = rows ? blob.size.w : blob.size.h;
+            const std::vector<float> weights =
+                outer_product(rows ? taps : one, rows ? one : taps, channels);
+            blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
+        }
+    }
+    blob.range = range;
+    give(dims, blob);
+}
+
+void Lowering::depth_to_space() {
+    const Value& data = value(0);
+    require(data.dims.size() == 4, "a tensor of 4 dimensions expected");
+    const Extent size = extent_of(data.dims);
+    const int block = small(node().integer("blocksize", 0), "a block");
+    require(block >= 1 && block <= 255 && size.c % (block * block) == 0,
+            "a block whose square divides " + std::to_string(size.c) +
+                " channels expected, found " + std::to_string(block));
+    const std::string mode = node().text("mode", "DCR");
+    require(mode == "DCR" || mode == "CRD", "mode DCR or CRD expected, found " + in_quotes(mode));
+    Blob blob = map_of(data);
+    if (mode == "DCR") {
+        // The engine has the pixels of a block side by side among the channels.
+        const int outputs = size.c / (block * block);
+        std::vector<int> order;
+        for (int c = 0; c < outputs; ++c) {
+            for (int k = 0; k < block * block; ++k) order.push_back(k * outputs + c);
+        }
+        blob = pick_channels(blob, order);
+    }
+    blob = emitter.pixel_shuffle(blob, block, true);
+    give({1, blob.size.c, blob.size.h, blob.size.w}, blob);
+}
+
+void Lowering::space_to_depth() {
+    const Value& data = value(0);
+    require(data.dims.size() == 4, "a tensor of 4 dimensions expected");
+    const Extent size = extent_of(data.dims);
+    const int block = small(node().integer("blocksize", 0), "a block");
+    require(block >= 1 && block <= 255 && size.h % block == 0 && size.w % block == 0,
+            "a block that divides the sides expected, found " + std::to_string(block));
+    Blob blob = emitter.pixel_shuffle(map_of(data), block, false);
+    // ONNX has the pixels of the block outermost, the engine the channels.
+    std::vector<int> order;
+    for (int k = 0; k < block * block; ++k) {
+        for (int c = 0; c < size.c; ++c) order.push_back(c * block * block + k);
+    }
+    blob = pick_channels(blob, order);
+    give({1, blob.size.c, blob.size.h, blob.size.w}, blob);
+}
+
+}  // namespace modelkit::onnx

@@ -1,0 +1,86 @@
+// Rewrites of ONNX graphs that keep every value that is left, so that what comes out can be
+// evaluated like what went in. Each is a unit of its own.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "modelkit/onnx/emitter.h"
+#include "modelkit/onnx/graph.h"
+#include "modelkit/status.h"
+
+namespace modelkit::onnx {
+
+/// Who reads what. Stands for a graph as it was when the object was made.
+class Uses {
+public:
+    explicit Uses(const Graph& graph);
+
+    /// The node that is the only reader of a value that is no output of the graph; nothing for all
+    /// other values. A node that reads it twice is no sole reader.
+    std::optional<size_t> sole_reader(const std::string& value) const;
+    /// The node that makes a value; nothing for inputs and initializers.
+    std::optional<size_t> maker(const std::string& value) const;
+    bool is_output(const std::string& value) const { return outputs.count(value) != 0; }
+    bool is_used(const std::string& value) const {
+        return is_output(value) || readers.count(value) != 0;
+    }
+
+private:
+    std::unordered_map<std::string, size_t> makers;
+    std::unordered_map<std::string, std::vector<size_t>> readers;
+    std::set<std::string> outputs;
+};
+
+/// Takes nodes out of the graph: those whose positions are in `dead`.
+void erase_nodes(Graph& graph, const std::set<size_t>& dead);
+/// Takes out nodes and initializers from which no output comes.
+void remove_unused(Graph& graph);
+/// An initializer under a name that is not in use yet; the name.
+std::string add_initializer(Graph& graph, const std::string& like, Tensor tensor);
+
+/// Computes the outputs of a node whose inputs are all constants; they become initializers. False,
+/// and nothing changes, when an input is no constant or the evaluator refuses.
+bool fold_node(Graph& graph, const Node& node);
+/// The same for all nodes; those that were folded are gone. Floating-point results are floats.
+void fold_constants(Graph& graph);
+
+/// Takes out Identity, Dropout as it is at inference, and casts among floating-point types.
+void remove_identities(Graph& graph);
+
+/// A multiplication and an addition of constants, for each channel or for all.
+struct AffineNode {
+    size_t data_input = 0;  ///< which of the node's inputs is the tensor
+    Affine affine;          ///< lists of one number, or of one for each channel
+    bool per_channel = false;
+    int64_t channel_from_end = 0;  ///< of per-channel constants: 0 for the last axis of the
+                                   ///< tensor, 1 for the one before and so on
+};
+/// What a BatchNormalization, Add, Sub, Mul, Div or Neg with constants is. `rank` of the tensor
+/// that it reads, 0 when it is not known. Nothing for all other nodes.
+std::optional<AffineNode> affine_of(const Graph& graph, const Node& node, size_t rank);
+
+/// Folds such nodes into the Conv, ConvTranspose or Gemm before them where that has no other
+/// reader.
+void fold_affine(Graph& graph);
+
+/// Moves the zeros of a Pad into the Conv or AveragePool behind it.
+void merge_pads(Graph& graph);
+
+/// All of the above until nothing changes.
+void simplify(Graph& graph);
+
+/// The pads of a Pad node with constants: begins, then ends, one for each axis. Nothing when they
+/// are no constants or an axis list is given.
+struct PadNode {
+    std::vector<int64_t> pads;
+    std::string mode;
+    double value = 0;
+};
+std::optional<PadNode> pad_of(const Graph& graph, const Node& node);
+
+}  // namespace modelkit::onnx

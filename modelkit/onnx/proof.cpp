@@ -1,0 +1,285 @@
+#include "modelkit/onnx/proof.h"
+
+#include <tarno/cpu.h>
+#include <tarno/model.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <new>
+#include <random>
+#include <set>
+#include <utility>
+
+#include "modelkit/onnx/evaluator.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+using Values = std::map<std::string, Tensor>;
+
+constexpr double FLOAT_UNIT = 0x1p-24;
+// The third run is one draw of many: its distance may be several times smaller than the worst.
+constexpr double DRAWS = 8.0;
+// Layers without weights: each rounds its result a few times.
+constexpr double ROUNDINGS_PER_LAYER = 4.0;
+
+Difference difference_of(const std::vector<double>& a, const std::vector<double>& b) {
+    Difference result;
+    double squares = 0;
+    double norm = 0;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const double distance = std::fabs(a[i] - b[i]);
+        const bool equal = a[i] == b[i] || (std::isnan(a[i]) && std::isnan(b[i]));
+        if (!equal && !std::isfinite(distance)) {
+            result.maximum = result.relative = std::numeric_limits<double>::infinity();
+            return result;
+        }
+        if (equal) continue;
+        result.maximum = std::max(result.maximum, distance);
+        squares += distance * distance;
+    }
+    for (const double value : b) norm += std::isfinite(value) ? value * value : 0.0;
+    result.relative = norm > 0 ? std::sqrt(squares / norm) : std::sqrt(squares);
+    return result;
+}
+
+// How many products a sum of the node has.
+double sum_length(const Node& node, const Tensor& weights) {
+    const std::vector<int64_t>& dims = weights.dims;
+    double length = 1;
+    if (node.op_type == "Gemm" || node.op_type == "MatMul") {
+        length = dims.size() == 2
+                     ? static_cast<double>(dims[0] * dims[1]) /
+                           static_cast<double>(node.integer("transB", 0) != 0 ? dims[0] : dims[1])
+                     : 1.0;
+    } else if (node.op_type == "LSTM") {
+        length = static_cast<double>(dims.back());
+    } else {
+        // All but the outputs; of a transposed convolution all, which is more than enough.
+        for (size_t i = node.op_type == "Conv" ? 1 : 0; i < dims.size(); ++i) {
+            length *= static_cast<double>(dims[i]);
+        }
+        if (node.op_type == "ConvTranspose" && dims.size() > 1) {
+            length /= static_cast<double>(std::max<int64_t>(1, dims[1]));
+        }
+    }
+    return length;
+}
+
+Graph perturbed(const Graph& graph, double slack) {
+    Graph result = graph;
+    std::mt19937 engine(1);
+    std::set<std::string> seen;
+    for (Node& node : result.nodes) {
+        const bool has_weights = node.op_type == "Conv" || node.op_type == "ConvTranspose" ||
+                                 node.op_type == "Gemm" || node.op_type == "MatMul" ||
+                                 node.op_type == "LSTM";
+        if (!has_weights) continue;
+        for (size_t i = 1; i < std::min<size_t>(node.inputs.size(), 4); ++i) {
+            const auto found = result.initializers.find(node.inputs[i]);
+            if (found == result.initializers.end() || !seen.insert(found->first).second ||
+                is_integral(found->second.type)) {
+                continue;
+            }
+            const double reach = (sum_length(node, found->second) + 8.0) * FLOAT_UNIT + slack;
+            std::vector<double> values = found->second.numbers();
+            for (double& value : values) {
+                const double unit = static_cast<double>(engine()) * 0x1p-31 - 1.0;
+                value *= 1.0 + reach * unit;
+            }
+            found->second = Tensor::of_doubles(found->second.dims, std::move(values));
+        }
+    }
+    return result;
+}
+
+std::vector<double> numbers_of(const Values& values, const std::map<std::string, Tensor>& inputs,
+                               const std::string& name) {
+    const auto found = values.find(name);
+    if (found != values.end()) return found->second.numbers();
+    const auto input = inputs.find(name);
+    return input != inputs.end() ? input->second.numbers() : std::vector<double>();
+}
+
+// The converted model on the CPU engine, by the default rule, every blob kept.
+class EngineRun {
+public:
+    Status run(const std::string& path, const Conversion& conversion,
+               const std::map<std::string, Tensor>& inputs) {
+        if (!loader.LoadFile(path.c_str(), false)) {
+            return Status::failure("the converted model cannot be read back");
+        }
+        net.load_tarno_net_with_inference_config(loader, nullptr);
+        net.setNetSize(static_cast<int>(loader.getModelBaseW()),
+                       static_cast<int>(loader.getModelBaseH()));
+        const std::map<unsigned short, ZQLayerInfo*> records = loader.getLayersInfo();
+        extractor = std::make_unique<TarnoCPU::TarnoNetExtractor>(net.create_extractor());
+        extractor->set_light_mode(false);
+        for (size_t i = 0; i < conversion.names.inputs.size(); ++i) {
+            const ModelNames::Tensor& input = conversion.names.inputs[i];
+            const Tensor& tensor = inputs.at(input.name);
+            std::vector<float> values(tensor.size());
+            for (size_t k = 0; k < values.size(); ++k) {
+                values[k] = static_cast<float>(tensor.number(k));
+            }
+            // As the record has it: channels, rows, columns.
+            int c = 1, h = 1, w = 1;
+            const auto found = records.find(static_cast<unsigned short>(input.layer));
+            if (found == records.end() || net.layers.empty()) {
+                return Status::failure("the converted model has no layer " +
+                                       std::to_string(input.layer));
+            }
+            const ZQLayerInfo& record = *found->second;
+            if (record.type == ZQLayerType_Input) {
+                c = record.out_shape->channels;
+                h = static_cast<int>(input.dims[2]);
+                w = static_cast<int>(input.dims[3]);
+            } else {
+                const auto& shape = static_cast<const ZQLayerInfo_TensorInput&>(record).out_tensor;
+                c = shape.dims[0];
+                w = shape.dims[1];
+            }
+            const TarnoCPU::Mat in = TarnoCPU::Mat::from_float_array(
+                values.data(), w, h, c, TarnoCPU::TensorShape::CHW, nullptr);
+            if (in.empty()) return Status::failure("out of memory");
+            if (extractor->input(static_cast<int>(i), in) != 0) {
+                return Status::failure("the engine takes no input " + std::to_string(i));
+            }
+        }
+        TarnoCPU::Mat last;
+        const int result = extractor->extract(extractor->get_last_layer_index(), last);
+        if (result != 0) {
+            return Status::failure("the engine does not run the model, with result " +
+                                   std::to_string(result));
+        }
+        for (size_t i = 0; i < net.layers.size(); ++i) {
+            positions[net.layers[i]->id] = static_cast<int>(i);
+        }
+        return Status::success();
+    }
+
+    Status values_of(int layer, std::vector<double>& values) {
+        if (positions.count(layer) == 0) {
+            return Status::failure("the converted model has no layer " + std::to_string(layer));
+        }
+        TarnoCPU::Mat blob;
+        const int result = extractor->extract(positions[layer], blob);
+        if (result != 0 || blob.empty()) {
+            return Status::failure("layer " + std::to_string(layer) + " gives no tensor");
+        }
+        const auto count = static_cast<size_t>(blob.shape.total());
+        const float* from = blob.ptr<float>();
+        values.assign(from, from + count);
+        return Status::success();
+    }
+
+private:
+    ZQNetLoader loader;
+    TarnoCPU::TarnoNet net;
+    std::unique_ptr<TarnoCPU::TarnoNetExtractor> extractor;
+    std::map<int, int> positions;
+};
+
+}  // namespace
+
+bool Proof::holds() const {
+    return std::all_of(outputs.begin(), outputs.end(),
+                       [](const ValueProof& output) { return output.holds(); });
+}
+
+std::map<std::string, Tensor> random_inputs(const Conversion& conversion, uint32_t seed) {
+    std::map<std::string, Tensor> inputs;
+    std::mt19937 engine(seed);
+    for (const ModelNames::Tensor& input : conversion.names.inputs) {
+        std::vector<float> values(static_cast<size_t>(element_count(input.dims)));
+        for (float& value : values) {
+            value = static_cast<float>(engine() >> 8) * 0x1p-23f - 1.0f;
+        }
+        inputs[input.name] = Tensor::of_floats(input.dims, std::move(values));
+    }
+    return inputs;
+}
+
+Status prove(const Graph& original, const Conversion& conversion, const std::string& model_path,
+             const std::map<std::string, Tensor>& inputs, bool all_layers,
+             const std::function<void(int)>& progress, Proof& proof) {
+    proof = Proof();
+    const auto step = [&](int done) {
+        if (progress) progress(done);
+    };
+    try {
+        // The evaluator has limits, so a graph of huge tensors ends here.
+        step(0);
+        Values exact;
+        Status status = evaluate(original, inputs, exact);
+        if (!status) return Status::failure("the graph cannot be evaluated: " + status.message());
+        step(1);
+        EngineRun engine;
+        status = engine.run(model_path, conversion, inputs);
+        if (!status) return status;
+        step(2);
+        Values halves;
+        status = evaluate(conversion.rounded, inputs, halves);
+        if (!status) {
+            return Status::failure("the simplified graph cannot be evaluated: " + status.message());
+        }
+        step(3);
+        Values shaken;
+        status = evaluate(perturbed(conversion.rounded, conversion.slack), inputs, shaken);
+        if (!status) return status;
+
+        const double layers = static_cast<double>(conversion.layers.size());
+        const auto prove_value = [&](const std::string& name, int layer, ValueProof& result) {
+            std::vector<double> given;
+            const Status taken = engine.values_of(layer, given);
+            if (!taken) return taken;
+            const std::vector<double> graph = numbers_of(exact, inputs, name);
+            const std::vector<double> with_halves = numbers_of(halves, inputs, name);
+            const std::vector<double> with_noise = numbers_of(shaken, inputs, name);
+            if (given.size() != graph.size() || given.size() != with_halves.size()) {
+                return Status::failure("the value " + in_quotes(name) + " has " +
+                                       std::to_string(graph.size()) + " numbers, layer " +
+                                       std::to_string(layer) + " gives " +
+                                       std::to_string(given.size()));
+            }
+            result.name = name;
+            result.layer = layer;
+            for (const double value : graph) {
+                result.largest = std::max(result.largest, std::fabs(value));
+            }
+            result.from_graph = difference_of(given, graph);
+            result.by_halves = difference_of(with_halves, graph);
+            result.unexplained = difference_of(given, with_halves).maximum;
+            result.bound =
+                DRAWS * difference_of(with_noise, with_halves).maximum +
+                (ROUNDINGS_PER_LAYER * layers * FLOAT_UNIT + conversion.slack) * result.largest;
+            return Status::success();
+        };
+        for (const ModelNames::Tensor& output : conversion.names.outputs) {
+            ValueProof each;
+            status = prove_value(output.name, output.layer, each);
+            if (!status) return status;
+            status = engine.values_of(output.layer, each.numbers);
+            if (!status) return status;
+            proof.outputs.push_back(each);
+        }
+        if (all_layers) {
+            for (const std::string& name : conversion.value_order) {
+                if (exact.count(name) == 0 || halves.count(name) == 0) continue;
+                ValueProof each;
+                status = prove_value(name, conversion.value_layers.at(name), each);
+                if (!status) return status;
+                proof.layers.push_back(each);
+            }
+        }
+        step(4);
+    } catch (const std::bad_alloc&) {
+        return Status::failure("out of memory");
+    }
+    return Status::success();
+}
+
+}  // namespace modelkit::onnx

@@ -1,0 +1,49 @@
+// Nodes that hand their input on.
+#include <utility>
+
+#include "modelkit/onnx/passes.h"
+
+namespace modelkit::onnx {
+
+namespace {
+
+bool float_type(int64_t type) {
+    return type == 1 || type == 10 || type == 11 || type == 16;
+}
+
+bool hands_on(const Graph& graph, const Node& node) {
+    if (!node.has_input(0) || !node.has_output(0)) return false;
+    if (node.op_type == "Identity") return true;
+    // A cast to fewer digits is the exporter's storage, not the network's arithmetic.
+    if (node.op_type == "Cast") return float_type(node.integer("to", 0));
+    if (node.op_type != "Dropout" || node.has_output(1)) return false;
+    if (!node.has_input(2)) return true;
+    const auto mode = graph.initializers.find(node.inputs[2]);
+    return mode != graph.initializers.end() && mode->second.size() == 1 &&
+           mode->second.integer(0) == 0;
+}
+
+}  // namespace
+
+void remove_identities(Graph& graph) {
+    const Uses uses(graph);
+    std::unordered_map<std::string, std::string> stands_for;
+    const auto resolved = [&](const std::string& name) {
+        const auto found = stands_for.find(name);
+        return found == stands_for.end() ? name : found->second;
+    };
+    std::set<size_t> dead;
+    for (size_t i = 0; i < graph.nodes.size(); ++i) {
+        Node& node = graph.nodes[i];
+        for (std::string& input : node.inputs) input = resolved(input);
+        if (!hands_on(graph, node)) continue;
+        // An output keeps its name, and so its node: it costs no layer.
+        if (uses.is_output(node.outputs[0])) continue;
+        if (graph.initializers.count(node.inputs[0]) != 0) continue;  // a constant: folded
+        stands_for[node.outputs[0]] = node.inputs[0];
+        dead.insert(i);
+    }
+    erase_nodes(graph, dead);
+}
+
+}  // namespace modelkit::onnx

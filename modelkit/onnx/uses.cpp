@@ -1,0 +1,72 @@
+#include <utility>
+
+#include "modelkit/onnx/passes.h"
+
+namespace modelkit::onnx {
+
+Uses::Uses(const Graph& graph) {
+    for (size_t i = 0; i < graph.nodes.size(); ++i) {
+        for (const std::string& output : graph.nodes[i].outputs) {
+            if (!output.empty()) makers.emplace(output, i);
+        }
+        for (const std::string& input : graph.nodes[i].inputs) {
+            if (!input.empty()) readers[input].push_back(i);
+        }
+    }
+    for (const ValueInfo& output : graph.outputs) outputs.insert(output.name);
+}
+
+std::optional<size_t> Uses::sole_reader(const std::string& value) const {
+    const auto found = readers.find(value);
+    if (found == readers.end() || found->second.size() != 1 || is_output(value)) return {};
+    return found->second[0];
+}
+
+std::optional<size_t> Uses::maker(const std::string& value) const {
+    const auto found = makers.find(value);
+    if (found == makers.end()) return {};
+    return found->second;
+}
+
+void erase_nodes(Graph& graph, const std::set<size_t>& dead) {
+    if (dead.empty()) return;
+    std::vector<Node> kept;
+    kept.reserve(graph.nodes.size() - dead.size());
+    for (size_t i = 0; i < graph.nodes.size(); ++i) {
+        if (dead.count(i) == 0) kept.push_back(std::move(graph.nodes[i]));
+    }
+    graph.nodes = std::move(kept);
+}
+
+void remove_unused(Graph& graph) {
+    std::set<std::string> needed;
+    for (const ValueInfo& output : graph.outputs) needed.insert(output.name);
+    std::set<size_t> dead;
+    for (size_t i = graph.nodes.size(); i-- > 0;) {
+        bool used = false;
+        for (const std::string& output : graph.nodes[i].outputs) {
+            used = used || needed.count(output) != 0;
+        }
+        if (!used) {
+            dead.insert(i);
+            continue;
+        }
+        for (const std::string& input : graph.nodes[i].inputs) needed.insert(input);
+    }
+    erase_nodes(graph, dead);
+    for (auto at = graph.initializers.begin(); at != graph.initializers.end();) {
+        at = needed.count(at->first) != 0 ? std::next(at) : graph.initializers.erase(at);
+    }
+}
+
+std::string add_initializer(Graph& graph, const std::string& like, Tensor tensor) {
+    // A blank keeps these apart from all that exporters write.
+    std::string name = like + " folded";
+    for (int i = 2; graph.initializers.count(name) != 0; ++i) {
+        name = like + " folded " + std::to_string(i);
+    }
+    graph.initializers.emplace(name, std::move(tensor));
+    return name;
+}
+
+}  // namespace modelkit::onnx

@@ -1,0 +1,115 @@
+// That the proof fails when a converted model is not what the graph says.
+#include <gtest/gtest.h>
+#include <modelkit/model_writer.h>
+#include <modelkit/records.h>
+
+#include <string>
+#include <vector>
+
+#include "onnx/converted.h"
+#include "onnx/made_model.h"
+
+namespace {
+
+using namespace onnx_test;
+
+MadeModel two_convolutions() {
+    MadeModel model;
+    model.input("x", {1, 3, 12, 12}).output("y");
+    model.random("w", {8, 3, 3, 3}, 1, 0.3).random("b", {8}, 2, 0.1);
+    model.random("v", {4, 8, 1, 1}, 3, 0.5);
+    model.node("Conv", {"x", "w", "b"}, {"c"}, {{"pads", std::vector<int64_t>{1, 1, 1, 1}}});
+    model.node("Relu", {"c"}, {"r"}).node("Conv", {"r", "v"}, {"y"});
+    return model;
+}
+
+// The converted file with one of its records changed.
+std::vector<unsigned char> changed(const Converted& converted, void (*change)(ZQLayerInfo& record),
+                                   unsigned short id) {
+    const testing_support::TemporaryFile file(converted.conversion.file);
+    ZQNetLoader loader;
+    EXPECT_TRUE(loader.LoadFile(file.path(), false));
+    change(*loader.getLayersInfo().at(id));
+    modelkit::ModelWriter writer(modelkit::header_of(loader));
+    EXPECT_TRUE(writer.add_all(loader).ok());
+    return writer.bytes();
+}
+
+void expect_failure(void (*change)(ZQLayerInfo& record), unsigned short id) {
+    MadeModel model = two_convolutions();
+    Converted converted = convert_only(model.bytes());
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    prove_converted(converted, {}, false, changed(converted, change, id));
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    EXPECT_FALSE(converted.proof.holds())
+        << converted.proof.outputs[0].unexplained << " within " << converted.proof.outputs[0].bound;
+}
+
+TEST(Proof, HoldsForTheFileAsItIs) {
+    MadeModel model = two_convolutions();
+    const Converted converted = convert_and_prove(model.bytes());
+    expect_proof(converted);
+    EXPECT_TRUE(converted.proof.holds());
+    const ValueProof& output = converted.proof.outputs[0];
+    // The halves move the numbers, float sums a thousand times less.
+    EXPECT_GT(output.by_halves.maximum, 100 * output.unexplained);
+    EXPECT_GT(output.by_halves.maximum, output.bound);
+    EXPECT_GT(output.from_graph.relative, 0.0);
+}
+
+TEST(Proof, FailsWhenOneWeightIsTheNextHalf) {
+    expect_failure(
+        [](ZQLayerInfo& record) {
+            auto& conv = static_cast<ZQLayerInfo_Conv2D&>(record);
+            // The largest, so that the step is one of the larger.
+            size_t largest = 0;
+            for (size_t i = 0; i < conv.weights_count; ++i) {
+                if (conv.weights[i] > conv.weights[largest]) largest = i;
+            }
+            ++conv.weights_half[largest];
+            conv.weights[largest] = Tarno::half_to_float(conv.weights_half[largest]);
+        },
+        2);
+}
+
+TEST(Proof, FailsWhenAnActivationIsAnother) {
+    expect_failure(
+        [](ZQLayerInfo& record) {
+            static_cast<ZQLayerInfo_Conv2D&>(record).activation = ActivationType_LeakyReLU;
+        },
+        1);
+}
+
+TEST(Proof, FailsWhenAPictureIsShiftedByAPixel) {
+    expect_failure(
+        [](ZQLayerInfo& record) {
+            auto& conv = static_cast<ZQLayerInfo_Conv2D&>(record);
+            // Taps one column on: [out][y][x][in].
+            for (size_t i = 0; i + 3 < conv.weights_count; ++i) {
+                conv.weights_half[i] = conv.weights_half[i + 3];
+                conv.weights[i] = conv.weights[i + 3];
+            }
+        },
+        1);
+}
+
+TEST(Proof, TellsEveryLayerWhereAskedTo) {
+    MadeModel model = two_convolutions();
+    Converted converted = convert_only(model.bytes());
+    prove_converted(converted, {}, true);
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    std::vector<std::string> names;
+    for (const ValueProof& layer : converted.proof.layers) names.push_back(layer.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"x", "r", "y"}));
+}
+
+TEST(Proof, FailsForAFileThatDoesNotRun) {
+    MadeModel model = two_convolutions();
+    Converted converted = convert_only(model.bytes());
+    std::vector<unsigned char> half = converted.conversion.file;
+    half.resize(1000);
+    prove_converted(converted, {}, false, half);
+    EXPECT_FALSE(converted.status);
+}
+
+}  // namespace

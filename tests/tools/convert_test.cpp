@@ -1,0 +1,206 @@
+// tarno convert: what it writes, what it prints and what it refuses.
+#include <gtest/gtest.h>
+#include <modelkit/names.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "onnx/made_model.h"
+#include "tools/array_files.h"
+#include "tools/command.h"
+
+namespace {
+
+using namespace command_test;
+using onnx_test::MadeModel;
+using Ints = std::vector<int64_t>;
+using Words = std::vector<std::string>;
+
+MadeModel small_model() {
+    MadeModel model;
+    model.input("picture", {-1, 3, 8, 6}).output("map");
+    model.random("w", {4, 3, 3, 3}, 1).random("b", {4}, 2).random("v", {1, 4, 1, 1}, 3);
+    model.node("Conv", {"picture", "w", "b"}, {"c"}, {{"pads", Ints{1, 1, 1, 1}}});
+    model.node("Relu", {"c"}, {"r"}).node("Conv", {"r", "v"}, {"logit"});
+    model.node("Sigmoid", {"logit"}, {"map"});
+    model.graph().mutable_node(0)->set_name("/stem/conv");
+    return model;
+}
+
+class Convert : public testing::Test {
+protected:
+    void SetUp() override { write_file(input, small_model().bytes()); }
+
+    Outcome convert(const Words& more = {}) {
+        Words words = {"convert", "--input", input, "--output", output};
+        words.insert(words.end(), more.begin(), more.end());
+        return run_tarno(words);
+    }
+    void expect_nothing_written() { EXPECT_EQ(folder.names(), (Words{"net.onnx"})); }
+
+    Folder folder;
+    std::string input = folder / "net.onnx";
+    std::string output = folder / "net.zqnet";
+};
+
+TEST_F(Convert, WritesAModelWithProofAndNames) {
+    const Outcome outcome = convert();
+    expect_success(outcome);
+    for (const char* part : {"What rounding to halves changes", "/stem/conv",
+                             "Outputs, between the CPU engine", "map", "1x3x8x6", "1x1x8x6"}) {
+        EXPECT_NE(outcome.out.find(part), std::string::npos) << part << " in\n" << outcome.out;
+    }
+    EXPECT_EQ(folder.names(), (Words{"net.onnx", "net.zqnet", "net.zqnet.names"}));
+    const Outcome info = run_tarno({"info", output});
+    expect_success(info);
+    for (const char* part : {"/stem/conv", "layer 0, 1x3x8x6, picture", "layer 2, 1x1x8x6, map",
+                             "base size         6 x 8"}) {
+        EXPECT_NE(info.out.find(part), std::string::npos) << part << " in\n" << info.out;
+    }
+    const Outcome json = run_tarno({"info", "--json", output});
+    const auto read = nlohmann::json::parse(json.out);
+    EXPECT_EQ(read["layers"][1]["name"], "/stem/conv");
+    EXPECT_EQ(read["named_outputs"][0]["name"], "map");
+    EXPECT_EQ(read["named_inputs"][0]["layer"], 0);
+}
+
+TEST_F(Convert, GivesAModelThatRuns) {
+    expect_success(convert());
+    write_file(folder / "x.npy", npy_file("<f4", "(3, 8, 6)", raw(std::vector<float>(144, 0.5f))));
+    expect_success(run_tarno(
+        {"run", "--model", output, "--input", folder / "x.npy", "--output", folder / "y.npy"}));
+    EXPECT_EQ(read_array(folder / "y.npy").values.size(), 48u);
+}
+
+TEST_F(Convert, NamesOfAModelThatWasChangedAreNotShown) {
+    expect_success(convert());
+    std::string bytes = read_file(output);
+    bytes[12] = 1;  // the application type
+    write_file(output, bytes);
+    const Outcome info = run_tarno({"info", output});
+    expect_success(info);
+    EXPECT_EQ(info.out.find("/stem/conv"), std::string::npos);
+}
+
+TEST_F(Convert, TheHeaderGetsWhatWasAskedFor) {
+    expect_success(convert({"--model-id", "301000001", "--application-type", "3", "--gesture-mode",
+                            "7", "--no-verify"}));
+    const auto read = nlohmann::json::parse(run_tarno({"info", "--json", output}).out);
+    EXPECT_EQ(read["header"]["model_id"], 301000001);
+    EXPECT_EQ(read["header"]["application_type"], 3);
+    EXPECT_EQ(read["header"]["gesture_mode"], 7);
+}
+
+TEST_F(Convert, ProofIsTheDefaultAndCanBeLeftOut) {
+    const Outcome without = convert({"--no-verify"});
+    expect_success(without);
+    EXPECT_EQ(without.out.find("between the CPU engine"), std::string::npos);
+    const std::string bytes = read_file(output);
+    const Outcome with = convert({"--layers"});
+    expect_success(with);
+    EXPECT_NE(with.out.find("Layers, between the CPU engine"), std::string::npos);
+    EXPECT_EQ(read_file(output), bytes);
+}
+
+TEST_F(Convert, TakesArraysAndTensorFilesForTheProof) {
+    write_file(folder / "x.npy", npy_file("<f4", "(3, 8, 6)", raw(std::vector<float>(144, 0.5f))));
+    expect_success(convert({"--data", folder / "x.npy"}));
+    onnx::TensorProto tensor;
+    tensor.set_data_type(onnx::TensorProto::FLOAT);
+    for (const int64_t size : {1, 3, 8, 6}) tensor.add_dims(size);
+    for (int i = 0; i < 144; ++i) tensor.add_float_data(0.25f);
+    write_file(folder / "x.pb", tensor.SerializeAsString());
+    expect_success(convert({"--data", folder / "x.pb"}));
+}
+
+TEST_F(Convert, DataThatDoesNotFitIsRefusedAndNothingIsWritten) {
+    const Folder other;
+    write_file(other / "x.npy", npy_file("<f4", "(3, 8, 5)", raw(std::vector<float>(120, 0.5f))));
+    write_file(other / "x.pb", std::string("no tensor"));
+    expect_refusal(convert({"--data", other / "x.npy"}), 1,
+                   {"x.npy", "expected 144 numbers for 1x3x8x6, found 120"});
+    expect_refusal(convert({"--data", other / "x.pb"}), 1, {"x.pb"});
+    expect_refusal(convert({"--data", other / "x.npy", "--data", other / "x.npy"}), 1,
+                   {"expected 1 files of --data"});
+    expect_refusal(convert({"--data", other / "none.npy"}), 1, {"none.npy"});
+    expect_nothing_written();
+}
+
+TEST_F(Convert, WhatCannotBeConvertedIsOneLineAndNoFile) {
+    MadeModel model;
+    model.input("x", {1, 3, 4, 4}).output("y").node("Exp", {"x"}, {"y"});
+    write_file(input, model.bytes());
+    expect_refusal(convert(), 1, {"net.onnx", "node \"y\" (Exp)", "is not supported"});
+    expect_nothing_written();
+    write_file(input, std::string("no model"));
+    expect_refusal(convert(), 1, {"net.onnx", "is not an ONNX model"});
+    const std::string whole = small_model().bytes();
+    write_file(input, whole.substr(0, whole.size() / 2));
+    expect_refusal(convert(), 1, {"net.onnx", "cut off"});
+    expect_nothing_written();
+    expect_refusal(run_tarno({"convert", "--input", folder / "none", "--output", output}), 1,
+                   {"none"});
+    expect_refusal(run_tarno({"convert", "--input", folder.path, "--output", output}), 1,
+                   {"expected a regular file, found a folder"});
+    expect_nothing_written();
+}
+
+TEST_F(Convert, AModelThatIsThereStaysWhenAnotherIsRefused) {
+    expect_success(convert());
+    const std::string bytes = read_file(output);
+    write_file(input, std::string("no model"));
+    expect_refusal(convert(), 1, {"is not an ONNX model"});
+    EXPECT_EQ(read_file(output), bytes);
+}
+
+TEST_F(Convert, NamesWithLineEndsStayOneLine) {
+    MadeModel model;
+    model.input("x", {1, 3, 4, 4}).output("y").node("Exp", {"x"}, {"y"});
+    model.graph().mutable_node(0)->set_name("two\nlines\x1b[31m");
+    write_file(input, model.bytes());
+    expect_refusal(convert(), 1, {"two?lines?[31m"});
+}
+
+TEST_F(Convert, OpenShapesAreGivenByName) {
+    MadeModel model;
+    model.input("x", {1, 3, -1, -1}).output("y").node("Relu", {"x"}, {"y"});
+    write_file(input, model.bytes());
+    expect_refusal(convert(), 1, {"the input \"x\" leaves open [1, 3, -1, -1]", "--shape"});
+    expect_success(convert({"--shape", "x=1,3,5,7"}));
+    expect_refusal(convert({"--shape", "z=1,3,5,7"}), 1, {"has no input \"z\""});
+    for (const char* text : {"x", "x=", "=1", "x=1,,2", "x=1,0", "x=1,-2", "x=a"}) {
+        expect_refusal(convert({"--shape", text}), 2, {"--shape", "expected NAME=1,3,224,224"});
+    }
+}
+
+TEST_F(Convert, EnginesAreNamed) {
+    expect_success(convert({"--engines", "both"}));
+    expect_success(convert({"--engines", "gpu"}));
+    expect_refusal(convert({"--engines", "tpu"}), 2,
+                   {"--engines: expected cpu, gpu or both, found \"tpu\""});
+    MadeModel model;
+    model.input("x", {1, 4, 8, 8}).output("y").node("Tanh", {"x"}, {"y"});
+    write_file(input, model.bytes());
+    expect_refusal(convert({"--engines", "both"}), 1, {"node \"y\" (Tanh)", "the GPU engine"});
+    expect_success(convert());
+}
+
+TEST_F(Convert, TheWordsOfTheCommandLineAreChecked) {
+    expect_refusal(run_tarno({"convert", "--output", output}), 2, {"--input"});
+    expect_refusal(run_tarno({"convert", "--input", input}), 2, {"--output"});
+    expect_refusal(convert({"--no-verify", "--layers"}), 2, {"--no-verify"});
+    expect_refusal(convert({"--model-id", "x"}), 2, {"--model-id"});
+    expect_nothing_written();
+}
+
+TEST(ShippedModel, IsWhatItsOnnxFileConvertsTo) {
+    const Folder folder;
+    const std::string models = TARNO_SOURCE_DIR "/assets/models/portrait_segmentation";
+    expect_success(
+        run_tarno({"convert", "--input", models + ".onnx", "--output", folder / "m.zqnet",
+                   "--model-id", "301000001", "--application-type", "3", "--engines", "both"}));
+    EXPECT_TRUE(read_file(folder / "m.zqnet") == read_file(models + ".zqnet"));
+}
+
+}  // namespace

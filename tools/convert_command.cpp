@@ -1,0 +1,246 @@
+#include "convert_command.h"
+
+#include <modelkit/names.h>
+#include <modelkit/onnx/converter.h>
+#include <modelkit/onnx/proof.h>
+#include <modelkit/onnx/reader.h>
+#include <tarno/model.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "errors.h"
+#include "files.h"
+#include "library_reports.h"
+#include "npy.h"
+#include "numbers.h"
+#include "progress.h"
+#include "text_table.h"
+
+namespace tool {
+namespace {
+
+namespace onnx = modelkit::onnx;
+
+std::string percent(double share) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.4f %%", share * 100.0);
+    return text;
+}
+
+std::string scientific(double number) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.2e", number);
+    return text;
+}
+
+std::string dims_text(const std::vector<int64_t>& dims) {
+    std::string text;
+    for (const int64_t size : dims) text += (text.empty() ? "" : "x") + std::to_string(size);
+    return text.empty() ? "scalar" : text;
+}
+
+onnx::Engines engines_of(const std::string& name) {
+    if (name == "gpu") return onnx::Engines::Gpu;
+    return name == "both" ? onnx::Engines::Both : onnx::Engines::Cpu;
+}
+
+onnx::Tensor read_data(const std::string& path, const std::vector<int64_t>& dims) {
+    onnx::Tensor tensor;
+    if (extension_of(path) == ".pb") {
+        const modelkit::Status read = onnx::read_tensor(path, tensor);
+        if (!read) throw CommandError(path + ": " + read.message());
+    } else {
+        NpyArray array = read_npy(path);
+        tensor = onnx::Tensor::of_floats(array.shape, std::move(array.values));
+    }
+    const auto count = static_cast<size_t>(onnx::element_count(dims));
+    if (tensor.size() != count) {
+        throw CommandError(path + ": expected " + std::to_string(count) + " numbers for " +
+                           dims_text(dims) + ", found " + std::to_string(tensor.size()));
+    }
+    // The inputs are floats to both: what a double holds beyond is no difference of the model.
+    std::vector<float> values(count);
+    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(tensor.number(i));
+    return onnx::Tensor::of_floats(dims, std::move(values));
+}
+
+std::map<std::string, onnx::Tensor> inputs_for(const ConvertCommand& command,
+                                               const onnx::Conversion& conversion) {
+    if (command.data.empty()) return onnx::random_inputs(conversion, command.seed);
+    const auto& wanted = conversion.names.inputs;
+    if (command.data.size() != wanted.size()) {
+        throw CommandError(command.input + ": expected " + std::to_string(wanted.size()) +
+                           " files of --data, one for each input, found " +
+                           std::to_string(command.data.size()));
+    }
+    std::map<std::string, onnx::Tensor> inputs;
+    for (size_t i = 0; i < wanted.size(); ++i) {
+        inputs[wanted[i].name] = read_data(command.data[i], wanted[i].dims);
+    }
+    return inputs;
+}
+
+void print_model(const onnx::Conversion& conversion) {
+    std::string text;
+    for (const auto& input : conversion.names.inputs) {
+        text += "input   layer " + std::to_string(input.layer) + "  " + dims_text(input.dims) +
+                "  " + onnx::printable(input.name) + '\n';
+    }
+    for (const auto& output : conversion.names.outputs) {
+        text += "output  layer " + std::to_string(output.layer) + "  " + dims_text(output.dims) +
+                "  " + onnx::printable(output.name) + '\n';
+    }
+    text += "\nWhat rounding to halves changes\n\n";
+    TextTable table;
+    table.column("id", TextTable::right);
+    table.column("kind", TextTable::left);
+    table.column("weights", TextTable::right);
+    table.column("all", TextTable::right);
+    table.column("one at most", TextTable::right);
+    table.column("node", TextTable::left);
+    int64_t weights = 0;
+    double largest = 0;
+    for (const onnx::LayerReport& layer : conversion.layers) {
+        if (layer.weights == 0) continue;
+        weights += layer.weights;
+        largest = std::max(largest, layer.mean_error);
+        table.row({std::to_string(layer.id), zq_layer_type_name(layer.type), grouped(layer.weights),
+                   percent(layer.mean_error), percent(layer.largest_error), layer.node});
+    }
+    table.rule();
+    table.row({"", std::to_string(conversion.layers.size()) + " layers", grouped(weights),
+               percent(largest), "", ""});
+    text += table.text();
+    text +=
+        "\nAll: root of the summed squared changes over that of the weights. One at most: the\n"
+        "largest change over the largest weight.\n";
+    std::fputs(text.c_str(), stdout);
+}
+
+void print_proofs(const char* title, const std::vector<onnx::ValueProof>& proofs) {
+    TextTable table;
+    table.column("layer", TextTable::right);
+    table.column("largest value", TextTable::right);
+    table.column("maximum difference", TextTable::right);
+    table.column("relative", TextTable::right);
+    table.column("by halves", TextTable::right);
+    table.column("other", TextTable::right);
+    table.column("bound", TextTable::right);
+    table.column("value", TextTable::left);
+    for (const onnx::ValueProof& each : proofs) {
+        table.row({std::to_string(each.layer), scientific(each.largest),
+                   scientific(each.from_graph.maximum), percent(each.from_graph.relative),
+                   scientific(each.by_halves.maximum), scientific(each.unexplained),
+                   scientific(each.bound), onnx::printable(each.name)});
+    }
+    std::printf("\n%s\n\n%s", title, table.text().c_str());
+}
+
+void verify(const ConvertCommand& command, const onnx::Graph& original,
+            const onnx::Conversion& conversion, const std::string& model_path) {
+    const auto inputs = inputs_for(command, conversion);
+    LibraryReports reports(command.verbose);
+    std::string assertion;
+    onnx::Proof proof;
+    modelkit::Status proven = modelkit::Status::success();
+    {
+        const LibraryReports::Observation observation(
+            reports, [&](const std::string& condition) { assertion = condition; });
+        Progress progress("proving", 4);
+        proven = onnx::prove(
+            original, conversion, model_path, inputs, command.layers,
+            [&](int done) { progress.step(done); }, proof);
+    }
+    if (proven.ok() && !assertion.empty()) {
+        proven = modelkit::Status::failure("the engine expects " + assertion);
+    }
+    if (!proven) throw CommandError(command.input + ": no proof: " + proven.message());
+    if (command.layers) {
+        print_proofs("Layers, between the CPU engine and the graph", proof.layers);
+    }
+    print_proofs("Outputs, between the CPU engine and the graph", proof.outputs);
+    std::printf(
+        "\nBy halves: between the graph with the file's weights and the graph. Other: between the\n"
+        "engine and the graph with the file's weights, which float sums explain up to the "
+        "bound.\n");
+    for (const onnx::ValueProof& output : proof.outputs) {
+        if (output.holds()) continue;
+        std::fflush(stdout);
+        throw CommandError(command.input + ": the output \"" + onnx::printable(output.name) +
+                           "\": expected a difference of at most " + scientific(output.bound) +
+                           " beside that of the halves, found " + scientific(output.unexplained));
+    }
+}
+
+}  // namespace
+
+void parse_shape(const std::string& text, std::string& name, std::vector<int64_t>& dims) {
+    const size_t equals = text.rfind('=');
+    const auto fail = [&text]() {
+        throw UsageError("--shape: expected NAME=1,3,224,224, found \"" + text + "\"");
+    };
+    if (equals == std::string::npos || equals == 0) fail();
+    name = text.substr(0, equals);
+    dims.clear();
+    int64_t number = 0;
+    bool digits = false;
+    for (size_t i = equals + 1; i <= text.size(); ++i) {
+        if (i == text.size() || text[i] == ',') {
+            if (!digits || number == 0) fail();
+            dims.push_back(number);
+            number = 0;
+            digits = false;
+        } else if (text[i] >= '0' && text[i] <= '9' && number < 100000) {
+            number = number * 10 + (text[i] - '0');
+            digits = true;
+        } else {
+            fail();
+        }
+    }
+}
+
+void convert(const ConvertCommand& command) {
+    size_of_regular_file(command.input);
+    onnx::ConvertOptions options;
+    options.engines = engines_of(command.engines);
+    options.keep_rounded = !command.no_verify;
+    options.header.model_id = command.model_id;
+    options.header.application_type = command.application_type;
+    options.header.gesture_mode = command.gesture_mode;
+    for (const std::string& text : command.shapes) {
+        std::string name;
+        std::vector<int64_t> dims;
+        parse_shape(text, name, dims);
+        options.shapes[name] = dims;
+    }
+
+    onnx::Graph original;
+    onnx::Conversion conversion;
+    {
+        Progress progress("converting", 2);
+        onnx::Graph graph;
+        progress.step(0);
+        const modelkit::Status read = onnx::read_graph(command.input, graph);
+        if (!read) throw CommandError(command.input + ": " + read.message());
+        progress.step(1);
+        if (!command.no_verify) original = graph;
+        const modelkit::Status converted = onnx::convert(std::move(graph), options, conversion);
+        if (!converted) throw CommandError(command.input + ": " + converted.message());
+    }
+    OutputFiles files;
+    files.write(modelkit::names_path(command.output),
+                modelkit::names_text(conversion.file, conversion.names));
+    const std::string model_path =
+        files.write(command.output, {conversion.file.begin(), conversion.file.end()});
+    print_model(conversion);
+    for (const std::string& note : conversion.notes) std::printf("\nnote: %s\n", note.c_str());
+    if (command.engines != "cpu") {
+        std::printf("\nThe GPU engine is checked by its layer tables, not run.\n");
+    }
+    if (!command.no_verify) verify(command, original, conversion, model_path);
+    files.commit();
+}
+
+}  // namespace tool
