@@ -76,6 +76,7 @@ private:
     void check_activation(const PlannedLayer& layer, int code, const std::vector<int>& codes) const;
     void check_bottoms(const ZQLayerInfo& record, const std::vector<TensorSize>& bottoms) const;
     void check_uniform_outputs(const TensorSize& top) const;
+    void check_shared_padding(const PlannedLayer& layer, const std::string& program);
     bool pointwise_in_points(const ZQLayerInfo_Conv2D& record, const TensorSize& top) const;
 
     void conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bottom, PlannedLayer& layer);
@@ -97,6 +98,13 @@ private:
     ModelPlan& plan;
     std::map<unsigned short, size_t> positions;
     std::set<int> input_indices;
+    /// Layers by the programs whose names do not tell the padding.
+    struct Padded {
+        int id;
+        int w;
+        int h;
+    };
+    std::map<std::string, Padded> paddings;
 };
 
 void GpuPlanner::refuse_plan(const PlannedLayer& layer, const std::string& text) {
@@ -311,6 +319,20 @@ void GpuPlanner::check_uniform_outputs(const TensorSize& top) const {
     }
 }
 
+/// The padding of the first layer is in the program that all layers of the name run.
+void GpuPlanner::check_shared_padding(const PlannedLayer& layer, const std::string& program) {
+    const Window& window = *layer.window;
+    const std::string name = program + pair_text(window.kernel_w, window.kernel_h) + " " +
+                             pair_text(window.stride_w, window.stride_h);
+    const Padded own = {layer.id, window.pad_w, window.pad_h};
+    const Padded& first = paddings.emplace(name, own).first->second;
+    if (first.w != own.w || first.h != own.h) {
+        refuse("the padding of layer " + text_of(first.id) + ", " + pair_text(first.w, first.h) +
+                   ", whose program it shares",
+               pair_text(own.w, own.h));
+    }
+}
+
 bool GpuPlanner::pointwise_in_points(const ZQLayerInfo_Conv2D& record,
                                      const TensorSize& top) const {
     return gpu.tricks_mode == 0 && record.kernel_w == 1 && record.kernel_h == 1 && top.w >= 2 &&
@@ -355,6 +377,10 @@ void GpuPlanner::conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bott
         if (pointwise_in_points(record, top)) {
             // Four-point forms: code 6 does nothing there, 8 does not compile.
             check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7});
+            check_shared_padding(layer, "points " + text_of(slices_of(bottom.c)) + " " +
+                                            (top.c <= 4 ? "plain " : "array ") +
+                                            text_of(record.activation) + " " +
+                                            text_of(record.has_bias) + " ");
         } else {
             check_activation(layer, record.activation, {0, 1, 2, 3, 4, 6, 7, 8});
         }
@@ -428,6 +454,11 @@ void GpuPlanner::depthwise(const ZQLayerInfo_DepthWiseConv2D& record, PlannedLay
     }
     const bool points = window.kernel_w == 3 && window.stride_w == 1 && window.stride_h == 1;
     check_truncated(*record.out_shape, points ? 2 : 1);
+    const std::string channels = gpu.ubo_slice_limit > 0 ? text_of(top.c)
+                                 : top.c <= 4            ? "plain"
+                                                         : "array";
+    check_shared_padding(layer, "depthwise " + channels + " " + text_of(record.activation) + " " +
+                                    text_of(record.has_bias) + " ");
     const int64_t taps = int64_t{window.kernel_w} * window.kernel_h;
     check_counts(record.weights_count, static_cast<size_t>(top.c * taps), record.bias_count, top.c,
                  record.has_bias != 0);
@@ -451,6 +482,8 @@ void GpuPlanner::pooling(const ZQLayerInfo_Pooling& record, PlannedLayer& layer)
         throw LayerRefused{"expected " + text_of(record.in_shape->channels) +
                            " output channels, found " + text_of(layer.size->c)};
     }
+    check_shared_padding(layer, std::string(record.pool_type == 1 ? "maximum " : "average ") +
+                                    (layer.size->c <= 4 ? "plain " : "array "));
     layer.work = saturated_product({layer.size->elements(), record.kernel_w, record.kernel_h});
 }
 

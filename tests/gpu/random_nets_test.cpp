@@ -164,7 +164,9 @@ private:
         if (below(2) == 0) {
             const int kernel = pick({2, 3});
             if (smaller < kernel) return;
-            net.pooling(bottom, 1, kernel, pick({1, 2}), kernel == 3 ? below(2) : 0);
+            // Programs go by names without the padding: one for each stride.
+            const int stride = pick({1, 2});
+            net.pooling(bottom, 1, kernel, stride, kernel == 3 && stride == 1 ? 1 : 0);
         } else {
             const int kernel = pick({2, 3, 4});
             if (smaller < kernel) return;

@@ -300,6 +300,29 @@ TEST_F(GpuEngine, ASizeWhoseLastColumnAShaderLeavesOutIsRefused) {
     expect_refusal(run(), 1, {"layer 1 (Conv2D)", "comes to whole pixels", "17x32"});
 }
 
+TEST_F(GpuEngine, LayersThatWouldRunWithThePaddingOfAnotherAreRefused) {
+    // Programs of pooling and of depthwise convolutions go by names without the padding.
+    {
+        NetBuilder net = builder();
+        net.pooling(net.pooling(net.input(8), 1, 3, 1, 1), 1, 3, 1, 0);
+        save(net);
+        save_input(8);
+        expect_refusal(run(), 1, {"layer 2 (Pooling)", "the padding of layer 1, 1x1", "found 0x0"});
+    }
+    {
+        NetBuilder net = builder();
+        net.depthwise(net.depthwise(net.input(8), 3, 1, 1), 3, 1, 0);
+        save(net);
+        expect_refusal(run(), 1, {"layer 2 (DepthWiseConv2D)", "the padding of layer 1"});
+    }
+    {
+        NetBuilder net = builder();
+        net.depthwise(net.depthwise(net.input(8), 3, 1, 1), 3, 1, 0, ActivationType_ReLU);
+        save(net);
+        expect_success(run());
+    }
+}
+
 TEST_F(GpuEngine, AMemoryLimitHoldsForTextures) {
     NetBuilder net = builder();
     net.activation(net.input(8), ActivationType_ReLU);
