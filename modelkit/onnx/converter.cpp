@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "modelkit/onnx/evaluator.h"
 #include "modelkit/onnx/lowering.h"
 #include "modelkit/onnx/passes.h"
 
@@ -53,6 +54,8 @@ Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::ve
 Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     result = Conversion();
     if (graph.inputs.empty()) return Status::failure("has no inputs");
+    const Status known = check_forms(graph);
+    if (!known) return known;
     std::vector<Dims> shapes;
     const Status resolved = resolve_shapes(graph, options, shapes);
     if (!resolved) return resolved;
