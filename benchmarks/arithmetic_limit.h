@@ -18,18 +18,11 @@ inline double cpu_seconds() {
     return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
-/// Floating-point operations a second of `loop`, which does `operations` of them a round.
-inline double best_rate(void (*loop)(int rounds), double operations) {
-    constexpr int rounds = 200000;
-    double best = 0.0;
+/// Seconds of `rounds` of a loop on registers.
+inline double loop_seconds(void (*loop)(int rounds), int rounds) {
+    const double start = cpu_seconds();
     loop(rounds);
-    for (int trial = 0; trial < 20; ++trial) {
-        const double start = cpu_seconds();
-        loop(rounds);
-        const double seconds = cpu_seconds() - start;
-        if (seconds > 0.0) best = std::max(best, operations * rounds / seconds);
-    }
-    return best;
+    return cpu_seconds() - start;
 }
 
 // Twelve sums that are independent of each other: more than the latency of a sum or of a fused
@@ -62,17 +55,37 @@ DEFINE_ARITHMETIC_LOOP(multiply_add_fma256, "fma", __m256, _mm256_setzero_ps, _m
 #undef DEFINE_ARITHMETIC_LOOP
 
 /// Floating-point operations a second that kernels of this instruction set are measured against: a
-/// product and a sum count as two, fused or not.
+/// product and a sum count as two, fused or not. Each call measures for some milliseconds; what it
+/// gives is the best of the run so far, since another process on the core only ever takes away.
 inline double arithmetic_limit(TarnoCPU::OperatorInfo::InstructionSet isa) {
     using Set = TarnoCPU::OperatorInfo::InstructionSet;
-    static const double sse = best_rate(&multiply_add_sse, 2.0 * 4 * arithmetic_chains);
-    if (isa == Set::Baseline || isa == Set::SSE41) return sse;
-    static const double avx = best_rate(&multiply_add_avx, 2.0 * 8 * arithmetic_chains);
-    if (isa == Set::AVX) return avx;
-    static const double narrow = best_rate(&multiply_add_fma128, 2.0 * 4 * arithmetic_chains);
-    if (isa == Set::FMA) return std::max(narrow, sse);
-    static const double wide = best_rate(&multiply_add_fma256, 2.0 * 8 * arithmetic_chains);
-    return std::max(wide, avx);
+    struct Loop {
+        void (*run)(int rounds);
+        int lanes;
+        double best;
+    };
+    static Loop sse = {&multiply_add_sse, 4, 0.0}, avx = {&multiply_add_avx, 8, 0.0},
+                narrow = {&multiply_add_fma128, 4, 0.0}, wide = {&multiply_add_fma256, 8, 0.0};
+    const auto rate = [](Loop& loop) {
+        constexpr int rounds = 100000;
+        for (int trial = 0; trial < 5; ++trial) {
+            const double seconds = loop_seconds(loop.run, rounds);
+            const double operations = 2.0 * loop.lanes * arithmetic_chains * rounds;
+            if (seconds > 0.0) loop.best = std::max(loop.best, operations / seconds);
+        }
+        return loop.best;
+    };
+    switch (isa) {
+        case Set::Baseline:
+        case Set::SSE41:
+            return rate(sse);
+        case Set::AVX:
+            return rate(avx);
+        case Set::FMA:
+            return std::max(rate(narrow), rate(sse));
+        default:
+            return std::max(rate(wide), rate(avx));
+    }
 }
 
 }  // namespace benchmark_support

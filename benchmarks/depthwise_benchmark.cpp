@@ -1,9 +1,15 @@
 // Every hand-blocked 3x3 depthwise convolution on layers that its blocking divides, padding 1.
 //
-//   FLOPS              a product and a sum are two
-//   of_limit           parts of what a loop on registers alone reaches with the same instruction
-//   set bytes_per_second   bottom read once, top written once; the copy with the border comes on
-//   top of_memcpy          parts of memcpy's speed at the same traffic
+//   FLOPS           a product and a sum are two; the mean of the runs
+//   best_FLOPS      the same of the best of nine rounds, from which all ratios are
+//   of_limit        parts of what a loop on registers alone reaches with the same instruction set
+//   of_sgemm_peak   parts of what the machine's BLAS reaches on a product that suits it, with all
+//                   the vectors that the processor has
+//   times_default   times as fast as the operator that the default rule takes for the layer, whose
+//                   nine rounds are in turns with these
+//   bytes_per_second
+//                   bottom read once, top written once; the copy with the border comes on top
+//   of_memcpy       parts of memcpy's speed at the same traffic
 
 #include "blocked_convolution.h"
 #include "memory_traffic.h"

@@ -4,8 +4,8 @@
     plot_kernels.py OUT.png RESULT.json...
 
 Each RESULT.json is what a benchmark writes with --benchmark_format=json; its entries are named
-MEMBER/16ch/64px (channels in and out, rows and columns) and carry the counter "FLOPS", floating-point
-operations in a second. One panel
+MEMBER/16ch/64px (channels in and out, rows and columns) and carry the counter "best_FLOPS",
+floating-point operations in a second. One panel
 per file: members from top to bottom, one mark per shape, on a common axis of 1e9 floating-point
 operations in a second (a product and a sum count as two). Needs Debian's python3-matplotlib.
 """
@@ -26,10 +26,10 @@ def read(path):
     members, shapes = {}, []
     for entry in entries:
         match = re.match(r"(\w+)/(\d+ch/\d+px)", entry["name"])
-        if match is None or "FLOPS" not in entry:
+        if match is None or "best_FLOPS" not in entry:
             continue
         member, shape = match.groups()
-        members.setdefault(member, {})[shape] = entry["FLOPS"] / 1e9
+        members.setdefault(member, {})[shape] = entry["best_FLOPS"] / 1e9
         if shape not in shapes:
             shapes.append(shape)
     return members, shapes

@@ -21,6 +21,15 @@ install(FILES
 install(FILES crossplatform/src/version/version.h
   DESTINATION "${TARNO_INCLUDE_DESTINATION}/crossplatform/src/version")
 
+set(TESK_SOURCE gpu/opengl/glcnn/src/tesk)
+file(GLOB TARNO_GPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${TESK_SOURCE}/*.h")
+list(FILTER TARNO_GPU_HEADERS EXCLUDE
+     REGEX "/(operator|operator_rows|picture_pass|program_sources)\\.h$")  # internal
+install(FILES ${TARNO_GPU_HEADERS} DESTINATION "${TARNO_INCLUDE_DESTINATION}/${TESK_SOURCE}")
+file(GLOB TARNO_GPU_HEADERS CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${TESK_SOURCE}/glutil/*.h")
+list(FILTER TARNO_GPU_HEADERS EXCLUDE REGEX "/(gl|half_stores)\\.h$")  # internal
+install(FILES ${TARNO_GPU_HEADERS} DESTINATION "${TARNO_INCLUDE_DESTINATION}/${TESK_SOURCE}/glutil")
+
 set(TARNO_CMAKE_DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/tarno")
 install(EXPORT tarno-targets NAMESPACE tarno:: DESTINATION "${TARNO_CMAKE_DESTINATION}")
 file(WRITE "${PROJECT_BINARY_DIR}/tarno-config.cmake"

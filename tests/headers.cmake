@@ -2,7 +2,10 @@
 file(GLOB public_headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}"
   "${PROJECT_SOURCE_DIR}/include/tarno/*.h" "${PROJECT_SOURCE_DIR}/cpu/*.h"
   "${PROJECT_SOURCE_DIR}/crossplatform/src/*/*.h" "${PROJECT_SOURCE_DIR}/crossplatform/src/*/src/*.h"
+  "${PROJECT_SOURCE_DIR}/gpu/opengl/glcnn/src/tesk/*.h"
+  "${PROJECT_SOURCE_DIR}/gpu/opengl/glcnn/src/tesk/glutil/*.h"
   "${PROJECT_SOURCE_DIR}/platform/tn_core.h" "${PROJECT_SOURCE_DIR}/platform/export.h")
+list(FILTER public_headers EXCLUDE REGEX "/gl\\.h$")  # internal, needs the loader's headers
 set(units "")
 foreach(header IN LISTS public_headers)
   string(MAKE_C_IDENTIFIER "${header}" name)

@@ -9,15 +9,15 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <thread>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "errors.h"
+#include "gpu_bench.h"
 #include "heap_calls.h"
 #include "host_system.h"
 #include "layer_timer.h"
 #include "library_reports.h"
+#include "metered_memory.h"
 #include "model_file.h"
 #include "net_run.h"
 #include "numbers.h"
@@ -37,7 +37,6 @@ using Json = nlohmann::ordered_json;
 constexpr int64_t default_runs = 100;
 constexpr double default_duration = 10.0;  // seconds
 constexpr double most_warmup = 5.0;
-constexpr int runs_to_settle = 10;
 constexpr int most_runs_to_settle = 200;
 constexpr double most_profiling = 10.0;
 constexpr size_t most_profiled_runs = 100;
@@ -46,73 +45,6 @@ constexpr unsigned int input_seed = 1;
 double seconds_since(Clock::time_point start) {
     return milliseconds_since(start) / 1e3;
 }
-
-/// What both pools of a run have handed out and taken, in bytes.
-struct PoolBytes {
-    int64_t alive = 0;  ///< in tensors and scratch right now
-    int64_t peak = 0;   ///< the most of that so far
-    int64_t held = 0;   ///< taken from the heap; more than the peak, as a pool gives out any block
-                        ///< that is large enough, however much larger
-    int64_t limit = 0;  ///< of `held`
-    bool exceeded = false;
-};
-
-/// A pool that keeps count and has a limit. The bookkeeping costs time and heap calls, so timed
-/// runs go straight to `pool` once it has stopped growing.
-template <typename Pool>
-class MeteredPool : public TarnoCPU::Allocator {
-public:
-    explicit MeteredPool(PoolBytes& bytes) : bytes(bytes) {}
-
-    void* fastMalloc(unsigned int size) override {
-        void* block = pool.fastMalloc(size);
-        if (block == nullptr) {
-            // The pool has booked the null, and would complain about it in the end.
-            pool.fastFree(nullptr);
-            return nullptr;
-        }
-        if (blocks.insert(block).second) bytes.held += size;
-        if (bytes.held > bytes.limit) {
-            bytes.exceeded = true;
-            pool.fastFree(block);
-            return nullptr;
-        }
-        sizes[block] = size;
-        bytes.alive += size;
-        bytes.peak = std::max(bytes.peak, bytes.alive);
-        return block;
-    }
-
-    void fastFree(void* block) override {
-        const auto found = sizes.find(block);
-        if (found != sizes.end()) {
-            bytes.alive -= found->second;
-            sizes.erase(found);
-        }
-        pool.fastFree(block);
-    }
-
-    Pool pool;
-
-private:
-    PoolBytes& bytes;
-    std::unordered_set<void*> blocks;               ///< all that the pool ever gave out
-    std::unordered_map<void*, unsigned int> sizes;  ///< of those that are out
-};
-
-/// The two pools of a host.
-struct MeteredPools {
-    explicit MeteredPools(int64_t limit) : blobs(bytes), workspace(bytes) { bytes.limit = limit; }
-
-    RunnableNet::Settings metered(bool light_mode) { return {light_mode, &blobs, &workspace}; }
-    RunnableNet::Settings bare() { return {true, &blobs.pool, &workspace.pool}; }
-
-    PoolBytes bytes;
-    int runs = 0;          ///< metered ones so far
-    bool settled = false;  ///< the last ten of them took nothing from the heap
-    MeteredPool<TarnoCPU::UnlockedPoolAllocator> blobs;
-    MeteredPool<TarnoCPU::PoolAllocator> workspace;
-};
 
 struct LayerReport {
     int id = 0;
@@ -150,31 +82,29 @@ struct BenchReport {
     std::vector<LayerReport> layers;
     std::vector<KindReport> kinds;
     int64_t resident_bytes = 0;
-    PoolBytes light;
-    std::optional<PoolBytes> full;
+    MemoryMeter light{0, 0};
+    std::optional<MemoryMeter> full;
     std::optional<uint64_t> allocations;
     std::optional<uint64_t> frees;
 };
 
 class Bench {
 public:
-    Bench(const BenchCommand& command, const ModelFile& model, const ModelPlan& plan,
+    /// `weights`: bytes in the net's operators.
+    Bench(const BenchCommand& command, const ModelPlan& plan, int64_t weights,
           const RunnableNet& net, const std::vector<NetInput>& inputs, BenchReport& report)
         : command(command),
-          model(model),
           plan(plan),
+          weights(weights),
           net(net),
           inputs(inputs),
           report(report),
-          pools(command.limits.memory - plan.weight_bytes) {}
+          pools(command.limits.memory, weights) {}
 
     void run();
 
 private:
-    template <typename Work>
-    void within_limit(const Work& work) const;
     void warm_up(MeteredPools& warming, bool light_mode, int at_least) const;
-    RunnableNet::Settings settings();
     double timed_run();
     void first_run();
     void steady_state();
@@ -182,8 +112,8 @@ private:
     void count_heap_calls();
 
     const BenchCommand& command;
-    const ModelFile& model;
     const ModelPlan& plan;
+    const int64_t weights;
     const RunnableNet& net;
     const std::vector<NetInput>& inputs;
     BenchReport& report;
@@ -193,50 +123,30 @@ private:
 };
 
 double Bench::timed_run() {
-    const RunnableNet::Settings timed = settings();
-    Clock::time_point start;
-    within_limit([&] {
-        start = Clock::now();
-        net.run(inputs, net.last_position(), timed, nullptr);
-    });
+    const RunnableNet::Settings timed = RunnableNet::on(pools);
+    const Clock::time_point start = Clock::now();
+    net.run(inputs, net.last_position(), timed, nullptr);
     return milliseconds_since(start);
 }
 
 void Bench::run() {
     first_run();
     warm_up(pools, true, command.warmup);
-    report.warmup = pools.runs - 1;
-    report.light = pools.bytes;
+    report.warmup = pools.watched_runs - 1;
+    report.light = pools.meter;
     steady_state();
     profile();
     count_heap_calls();
     report.resident_bytes = peak_resident_bytes();
 
     // All tensors at once may be far more than a run needs.
-    if (plan.all_tensor_bytes > pools.bytes.limit) return;
-    MeteredPools without_light_mode(pools.bytes.limit);
+    if (plan.all_tensor_bytes > pools.meter.limit) return;
+    MeteredPools without_light_mode(command.limits.memory, weights);
     try {
         warm_up(without_light_mode, false, 1);
-        report.full = without_light_mode.bytes;
+        report.full = without_light_mode.meter;
     } catch (const CommandError&) {
-        if (!without_light_mode.bytes.exceeded) throw;
-    }
-}
-
-/// Says it when the pools are the reason of a failure.
-template <typename Work>
-void Bench::within_limit(const Work& work) const {
-    try {
-        work();
-    } catch (const CommandError&) {
-        if (!pools.bytes.exceeded) throw;
-        const std::string text = "expected at most " + bytes_text(command.limits.memory) +
-                                 " in weights and memory pools, found a need of more (see "
-                                 "--memory-limit)";
-        // The first run hears of each layer, the last one being the one that fails.
-        if (pools.runs > 0 || names.rows.empty()) throw CommandError(model.path + ": " + text);
-        const PlannedLayer& layer = plan.layers[*plan.find(names.rows.back().id)];
-        throw CommandError(layer_fault(model.path, layer.id, layer.type, text));
+        if (!without_light_mode.meter.exceeded) throw;
     }
 }
 
@@ -244,32 +154,20 @@ void Bench::within_limit(const Work& work) const {
 void Bench::warm_up(MeteredPools& warming, bool light_mode, int at_least) const {
     Progress progress("warm-up run", 0);
     const Clock::time_point start = Clock::now();
-    int without_growth = 0;
-    for (int i = 0; i < at_least || !warming.settled; ++i) {
+    for (int i = 0; i < at_least || !warming.settled(); ++i) {
         if (seconds_since(start) >= most_warmup) break;
         if (i >= std::max(at_least, most_runs_to_settle)) break;
-        const int64_t held = warming.bytes.held;
-        within_limit(
-            [&] { net.run(inputs, net.last_position(), warming.metered(light_mode), nullptr); });
-        ++warming.runs;
-        without_growth = warming.bytes.held == held ? without_growth + 1 : 0;
-        warming.settled = without_growth >= runs_to_settle;
-        progress.step(warming.runs);
+        net.run(inputs, net.last_position(), RunnableNet::on(warming, light_mode), nullptr);
+        warming.note_run();
+        progress.step(warming.watched_runs);
     }
-}
-
-/// Of a timed run. Pools that still grow stay under watch: such runs are long enough not to feel
-/// it.
-RunnableNet::Settings Bench::settings() {
-    return pools.settled ? pools.bare() : pools.metered(true);
 }
 
 void Bench::first_run() {
     const Clock::time_point start = Clock::now();
-    within_limit(
-        [&] { net.run_checked(inputs, net.last_position(), pools.metered(true), &names); });
+    net.run_checked(inputs, net.last_position(), RunnableNet::on(pools), &names);
     report.first_run_ms = milliseconds_since(start);
-    ++pools.runs;
+    pools.note_run();
 }
 
 void Bench::steady_state() {
@@ -311,11 +209,9 @@ void Bench::profile() {
     const Clock::time_point start = Clock::now();
     while (report.profiled_runs < runs &&
            (report.profiled_runs == 0 || seconds_since(start) < most_profiling)) {
-        const RunnableNet::Settings timed = settings();
-        within_limit([&] {
-            timer.start_run();
-            net.run(inputs, net.last_position(), timed, &timer);
-        });
+        const RunnableNet::Settings timed = RunnableNet::on(pools);
+        timer.start_run();
+        net.run(inputs, net.last_position(), timed, &timer);
         progress.step(static_cast<int64_t>(++report.profiled_runs));
     }
 
@@ -359,7 +255,7 @@ void Bench::profile() {
 
 void Bench::count_heap_calls() {
     // The bookkeeping of pools that have not settled would count.
-    if (!heap_calls_are_counted() || !pools.settled) return;
+    if (!heap_calls_are_counted() || !pools.settled()) return;
     HeapCalls calls;
     timed_run();
     calls.stop();
@@ -367,7 +263,7 @@ void Bench::count_heap_calls() {
     report.frees = calls.frees;
 }
 
-Json json_of(const PoolBytes& bytes) {
+Json json_of(const MemoryMeter& bytes) {
     return Json{{"peak_bytes", bytes.peak}, {"held_bytes", bytes.held}};
 }
 
@@ -478,7 +374,7 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
     }
     line("peak memory", bytes_text(report.resident_bytes) + " resident in the whole process");
     line("", bytes_text(plan.weight_bytes) + " in weights");
-    const auto pools_text = [](const PoolBytes& bytes) {
+    const auto pools_text = [](const MemoryMeter& bytes) {
         return bytes_text(bytes.peak) + " in tensors and scratch at once, the pools hold " +
                bytes_text(bytes.held);
     };
@@ -532,6 +428,10 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
 }  // namespace
 
 void bench(const BenchCommand& command) {
+    if (command.on_gpu) {
+        bench_gpu(command);
+        return;
+    }
     LibraryReports reports(command.verbose);
     BenchReport report;
     ModelFile model;
@@ -550,7 +450,8 @@ void bench(const BenchCommand& command) {
         const RunnableNet by_rule(model, plan, reports);
         const RunnableNet by_table(model, plan, reports, &configs);
         const int runs = command.runs ? *command.runs : default_runs;
-        print_comparison(compare_nets(by_rule, by_table, inputs, command.warmup, runs),
+        MeteredPools pools(command.limits.memory, weight_bytes(plan, WeightsOf::RuleAndTable));
+        print_comparison(compare_nets(by_rule, by_table, inputs, command.warmup, runs, pools),
                          command.json);
         return;
     }
@@ -559,7 +460,9 @@ void bench(const BenchCommand& command) {
     const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
     report.build_ms = milliseconds_since(start);
 
-    Bench(command, model, plan, net, inputs, report).run();
+    const int64_t weights =
+        weight_bytes(plan, command.table.empty() ? WeightsOf::Rule : WeightsOf::Table);
+    Bench(command, plan, weights, net, inputs, report).run();
     if (command.json) {
         print_json(command, model, plan, report);
     } else {

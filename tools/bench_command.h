@@ -4,12 +4,15 @@
 #include <optional>
 #include <string>
 
+#include "gpu_rules.h"
 #include "model_plan.h"
 
 namespace tool {
 
 struct BenchCommand {
     std::string model;
+    bool on_gpu = false;
+    GpuOptions gpu;
     std::string table;            ///< tuning table; empty for the default rule
     bool compare_tables = false;  ///< the default rule beside the table, layer by layer
     int warmup = 10;

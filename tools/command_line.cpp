@@ -108,6 +108,7 @@ struct Texts {
     std::string work_limit;
     std::string mean;
     std::string norm;
+    std::string engine = "cpu";
 };
 
 void add_size(CLI::App* app, Texts& texts) {
@@ -123,10 +124,61 @@ void add_verbose(CLI::App* app, bool& verbose) {
     app->add_flag("--verbose", verbose, "Show the library's log lines on standard error.");
 }
 
+void add_gpu_options(CLI::App* app, GpuOptions& gpu) {
+    app->add_option("--tricks-mode", gpu.tricks_mode,
+                    "Forms of the GPU engine's shaders: 0 the four-point and constant-index forms, "
+                    "any other number the basic ones. 4 unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("MODE");
+    app->add_option("--ubo-slice-limit", gpu.ubo_slice_limit,
+                    "Weights of the GPU engine in at most so many uniform blocks a layer, in a "
+                    "storage buffer where that is not enough. 0, storage buffers alone, unless "
+                    "told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("COUNT");
+}
+
+void add_engine(CLI::App* app, Texts& texts, GpuOptions& gpu) {
+    app->add_option("--engine", texts.engine,
+                    "cpu or gpu, which takes OpenGL 4.3. cpu unless told otherwise.")
+        ->type_name("ENGINE");
+    add_gpu_options(app, gpu);
+}
+
+void add_preparation(CLI::App* app, InputRules& rules, Texts& texts) {
+    app->add_option(
+           "--pixel-type", rules.pixel_type,
+           "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
+           "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
+           "where it is not wanted.")
+        ->type_name("TYPE");
+    app->add_option(
+           "--mean", texts.mean,
+           "Subtracted from the values 0 to 255 of each channel; one number for all or one "
+           "for each, in the order of --pixel-type. 0 unless told otherwise.")
+        ->type_name("NUMBERS");
+    app->add_option("--norm", texts.norm,
+                    "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
+        ->type_name("NUMBERS");
+}
+
+void add_inputs(CLI::App* app, std::vector<std::string>& inputs) {
+    app->add_option(
+           "--input", inputs,
+           "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
+           "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
+           "order of their indices.")
+        ->type_name("FILE")
+        ->required()
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
 void add_limits(CLI::App* app, Texts& texts) {
-    app->add_option("--memory-limit", texts.memory_limit,
-                    "Refuse a model that needs more bytes than this for weights, tensors and "
-                    "scratch. 2G unless told otherwise.")
+    app->add_option(
+           "--memory-limit", texts.memory_limit,
+           "Refuse what needs more bytes than this for weights, tensors and scratch, with all "
+           "that the command keeps of them. 2G unless told otherwise.")
         ->type_name("BYTES");
     app->add_option("--work-limit", texts.work_limit,
                     "Refuse a model of which one run takes more inner steps (multiply-adds and the "
@@ -174,15 +226,8 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
     CLI::App* run = app.add_subcommand("run", "Run a model over a picture or an array.");
     run->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
     add_table(run, command.table);
-    run->add_option(
-           "--input", command.inputs,
-           "A PNG or JPEG picture, resized to the input of the net; or an .npy array (<f4, "
-           "<f8 or |u1, C order), taken as it is. Once for each input of the model, in the "
-           "order of their indices.")
-        ->type_name("FILE")
-        ->required()
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    add_engine(run, texts, command.gpu);
+    add_inputs(run, command.inputs);
     run->add_option("--output", command.output,
                     "Where the result goes. An .npy file gets the numbers, as float32 of channels, "
                     "rows, columns. A .png file gets 0 to 1 as 0 to 255, what is outside clamped: "
@@ -207,20 +252,7 @@ CLI::App* add_run(CLI::App& app, RunCommand& command, Texts& texts) {
                     "Background of the composite: R,G,B from 0 to 255, or a picture, which is "
                     "stretched. White unless told otherwise.")
         ->type_name("COLOUR|FILE");
-    run->add_option(
-           "--pixel-type", command.rules.pixel_type,
-           "Channels that the net wants: rgb, bgr, gray or rgba. By their number unless "
-           "told otherwise: 1 gray, 3 rgb, 4 rgba. Pictures are converted, alpha is dropped "
-           "where it is not wanted.")
-        ->type_name("TYPE");
-    run->add_option(
-           "--mean", texts.mean,
-           "Subtracted from the values 0 to 255 of each channel; one number for all or one "
-           "for each, in the order of --pixel-type. 0 unless told otherwise.")
-        ->type_name("NUMBERS");
-    run->add_option("--norm", texts.norm,
-                    "Multiplied behind it. 1/255 unless told otherwise, and 1 for an array.")
-        ->type_name("NUMBERS");
+    add_preparation(run, command.rules, texts);
     add_size(run, texts);
     run->add_option("--repeat", command.repeat,
                     "Feed the input this many times; an LSTM keeps its state from one time to the "
@@ -262,15 +294,18 @@ CLI::App* add_tune(CLI::App& app, TuneCommand& command, Texts& texts) {
         "one\n"
         "whose output rounding does not explain is rejected. The table is the cheapest path "
         "through\n"
-        "the whole net, changes of layout included. Times are of one run with the machine as it "
-        "is:\n"
-        "tune on the machine that the table is for, with nothing else running.");
+        "the whole net, changes of layout included; all that was tried is listed with its time. "
+        "Times\n"
+        "are the fastest of several runs with the machine as it is: tune on the machine that the "
+        "table\n"
+        "is for, with nothing else running.");
     return tune;
 }
 
 CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
     CLI::App* bench = app.add_subcommand("bench", "Measure time and memory of a model.");
     bench->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_engine(bench, texts, command.gpu);
     add_table(bench, command.table);
     bench
         ->add_option(
@@ -315,7 +350,11 @@ CLI::App* add_bench(CLI::App& app, BenchCommand& command, Texts& texts) {
         "all\n"
         "runs share, the input, the last layer. The input is random numbers from 0 to 1, the same "
         "in\n"
-        "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.");
+        "every run. Percentiles are by nearest rank. The layers are timed in runs of their own.\n"
+        "\n"
+        "With --engine gpu a run is an upload, the layers, and the last output read back, each of "
+        "them\n"
+        "waited for. The layers are timed by the GPU's own clock.");
     return bench;
 }
 
@@ -376,14 +415,71 @@ CLI::App* add_convert(CLI::App& app, ConvertCommand& command) {
     return convert;
 }
 
+CLI::App* add_compare(CLI::App& app, CompareCommand& command, Texts& texts) {
+    CLI::App* compare =
+        app.add_subcommand("compare", "Run both engines on one input and compare layer by layer.");
+    compare->add_option("--model", command.model, "The model file.")->type_name("FILE")->required();
+    add_inputs(compare, command.inputs);
+    add_preparation(compare, command.rules, texts);
+    add_gpu_options(compare, command.gpu);
+    compare->add_flag("--json", command.json, "Write JSON.");
+    add_size(compare, texts);
+    add_limits(compare, texts);
+    add_verbose(compare, command.verbose);
+    compare->footer(
+        "The GPU engine stores every tensor as halves. How far the engines may lie apart for that\n"
+        "reason is carried along the net: what reached a layer's inputs goes through the layer at "
+        "its\n"
+        "worst, with the rounding of its sums and of its output. The exit status is 1 when a layer "
+        "is\n"
+        "beyond it; the first such layer is named.\n"
+        "\n"
+        "A layer that one engine does not have is left out, with all that read it. One that the "
+        "engines\n"
+        "do not mean alike is measured and not judged.");
+    return compare;
+}
+
 void require(bool holds, const std::string& text) {
     if (!holds) throw UsageError(text);
 }
 
+void check_gpu(const GpuOptions& gpu) {
+    require(gpu.tricks_mode >= 0,
+            "--tricks-mode: expected at least 0, found " + std::to_string(gpu.tricks_mode));
+    require(gpu.ubo_slice_limit >= 0,
+            "--ubo-slice-limit: expected at least 0, found " + std::to_string(gpu.ubo_slice_limit));
+}
+
+/// Whether the engine is the GPU's.
+bool check_engine(const Texts& texts, const GpuOptions& gpu, const std::string& table) {
+    require(texts.engine == "cpu" || texts.engine == "gpu",
+            "--engine: expected cpu or gpu, found \"" + texts.engine + "\"");
+    const bool on_gpu = texts.engine == "gpu";
+    require(!on_gpu || table.empty(), "--table: expected --engine cpu with it, found gpu");
+    check_gpu(gpu);
+    return on_gpu;
+}
+
+void check_preparation(const Texts& texts, InputRules& rules) {
+    if (!texts.mean.empty()) rules.mean = parse_numbers("--mean", texts.mean);
+    if (!texts.norm.empty()) rules.norm = parse_numbers("--norm", texts.norm);
+    std::string& type = rules.pixel_type;
+    if (type == "grey") type = "gray";
+    require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
+            "--pixel-type: expected rgb, bgr, gray or rgba, found \"" + type + "\"");
+}
+
+void check(CompareCommand& command, const Texts& texts) {
+    apply(texts, command.plan, command.limits);
+    check_preparation(texts, command.rules);
+    check_gpu(command.gpu);
+}
+
 void check(RunCommand& command, const Texts& texts) {
     apply(texts, command.plan, command.limits);
-    if (!texts.mean.empty()) command.rules.mean = parse_numbers("--mean", texts.mean);
-    if (!texts.norm.empty()) command.rules.norm = parse_numbers("--norm", texts.norm);
+    command.on_gpu = check_engine(texts, command.gpu, command.table);
+    check_preparation(texts, command.rules);
     require(!command.output.empty() || !command.all_layers.empty() || !command.composite.empty(),
             "run: expected --output, --composite or --all-layers, found none of them");
     const std::string extension = extension_of(command.output);
@@ -402,10 +498,6 @@ void check(RunCommand& command, const Texts& texts) {
     require(!numbers || parse_colour(command.background, colour),
             "--background: expected R,G,B from 0 to 255 or a picture, found \"" +
                 command.background + "\"");
-    std::string& type = command.rules.pixel_type;
-    if (type == "grey") type = "gray";
-    require(type.empty() || type == "rgb" || type == "bgr" || type == "gray" || type == "rgba",
-            "--pixel-type: expected rgb, bgr, gray or rgba, found \"" + type + "\"");
 }
 
 void check(const ConvertCommand& command) {
@@ -422,6 +514,8 @@ void check(const ConvertCommand& command) {
 
 void check(BenchCommand& command, const Texts& texts) {
     apply(texts, command.plan, command.limits);
+    command.on_gpu = check_engine(texts, command.gpu, command.table);
+    require(!command.on_gpu || !command.fps, "--fps: expected --engine cpu with it, found gpu");
     require(command.warmup >= 0 && command.warmup <= 1000000,
             "--warmup: expected 0 to 1000000, found " + std::to_string(command.warmup));
     if (command.runs) {
@@ -437,6 +531,107 @@ void check(BenchCommand& command, const Texts& texts) {
         require(*command.fps >= 0.01 && *command.fps <= 10000.0,
                 "--fps: expected 0.01 to 10000, found " + fixed(*command.fps, 3));
     }
+}
+
+CLI::App* add_image(CLI::App& app, ImageCommand& command, Texts& texts) {
+    CLI::App* image = app.add_subcommand("image", "Run one of the GPU operations on a picture.");
+    image->add_option("--op", command.op, std::string("What to do: ") + image_operations + ".")
+        ->type_name("NAME")
+        ->required();
+    image
+        ->add_option("--input", command.input,
+                     "A PNG or JPEG picture; for yuv2rgb a raw 4:2:0 frame of bytes, plane Y, then "
+                     "U, then V; for guided the mask.")
+        ->type_name("FILE")
+        ->required();
+    image->add_option("--guide", command.guide, "The picture along whose edges guided refines.")
+        ->type_name("FILE");
+    image->add_option("--output", command.output, "A .png file for the result.")
+        ->type_name("FILE")
+        ->required();
+    image
+        ->add_option("--size", texts.size,
+                     "Size of the result of resize, size of the frame of yuv2rgb.")
+        ->type_name("WxH");
+    image
+        ->add_option("--radius", command.radius,
+                     "Reach of the window of box and guided in pixels, 0 to 1024; 8 unless told "
+                     "otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("PIXELS");
+    image
+        ->add_option("--subsampling", command.subsampling,
+                     "guided works on a picture smaller by this factor, 1 to 64; 4 unless told "
+                     "otherwise.")
+        ->check(CLI::Validator(number_fault_of, ""))
+        ->type_name("FACTOR");
+    image
+        ->add_option("--eps", command.eps,
+                     "guided: what is added to the variances of the guide (components 0 to 1); "
+                     "the larger, the smoother. 0.001 unless told otherwise.")
+        ->check(CLI::Validator(number_fault_of, ""))
+        ->type_name("NUMBER");
+    image
+        ->add_option("--levels", command.levels,
+                     "Levels of pyramid, the base included, 1 to 16; 4 unless told otherwise.")
+        ->check(CLI::Validator(whole_number_fault, ""))
+        ->type_name("COUNT");
+    CLI::Option* composite =
+        image
+            ->add_option("--composite", command.composite,
+                         "guided: a .png file for the guide over a new background, by the refined "
+                         "mask.")
+            ->type_name("FILE");
+    image
+        ->add_option("--background", command.background,
+                     "What the composite lies over: a colour R,G,B of 0 to 255, or a picture.")
+        ->type_name("R,G,B|FILE")
+        ->needs(composite);
+    add_verbose(image, command.verbose);
+    image->footer(
+        "resize lays the corner pixels of both pictures upon each other. box counts what lies\n"
+        "outside the picture as black, so borders darken. guided writes the refined mask in grey,\n"
+        "pyramid the grey levels side by side.");
+    return image;
+}
+
+void check(ImageCommand& command, const Texts& texts) {
+    if (!is_image_operation(command.op)) {
+        throw UsageError(std::string("--op: expected ") + image_operations + ", found \"" +
+                         command.op + "\"");
+    }
+    if (!texts.size.empty()) command.size = parse_size("--size", texts.size);
+    if ((command.op == "resize" || command.op == "yuv2rgb") && !command.size) {
+        throw UsageError("--op " + command.op + ": expected --size WxH, found none");
+    }
+    if (command.op == "guided" && command.guide.empty()) {
+        throw UsageError("--op guided: expected --guide FILE, found none");
+    }
+    if (command.op != "guided" && !command.composite.empty()) {
+        throw UsageError("--composite: expected --op guided, found " + command.op);
+    }
+    if (!command.composite.empty() && command.background.empty()) {
+        throw UsageError("--composite: expected --background, found none");
+    }
+    if (command.radius < 0 || command.radius > 1024) {
+        throw UsageError("--radius: expected 0 to 1024, found " + std::to_string(command.radius));
+    }
+    if (command.levels < 1 || command.levels > 16) {
+        throw UsageError("--levels: expected 1 to 16, found " + std::to_string(command.levels));
+    }
+    if (!(command.subsampling >= 1.0 && command.subsampling <= 64.0)) {
+        throw UsageError("--subsampling: expected 1 to 64, found another number");
+    }
+    if (!(command.eps >= 0.0 && command.eps <= 1.0e4)) {
+        throw UsageError("--eps: expected 0 to 10000, found another number");
+    }
+}
+
+CLI::App* add_gpu_info(CLI::App& app, GpuInfoCommand& command) {
+    CLI::App* info = app.add_subcommand(
+        "gpu-info", "Show driver, limits, and which ways to a display were tried.");
+    add_verbose(info, command.verbose);
+    return info;
 }
 
 }  // namespace
@@ -458,22 +653,30 @@ Command parse_command_line(int argc, char** argv) {
     BenchCommand bench_command;
     TuneCommand tune_command;
     ConvertCommand convert_command;
+    CompareCommand compare_command;
+    ImageCommand image_command;
+    GpuInfoCommand gpu_info_command;
     Texts texts;
     CLI::App* info = add_info(app, info_command, texts);
     CLI::App* run = add_run(app, run_command, texts);
     add_bench(app, bench_command, texts);
     CLI::App* tune = add_tune(app, tune_command, texts);
     CLI::App* convert = add_convert(app, convert_command);
+    CLI::App* compare = add_compare(app, compare_command, texts);
+    CLI::App* image = add_image(app, image_command, texts);
+    CLI::App* gpu_info = add_gpu_info(app, gpu_info_command);
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->set_help_flag("-h,--help", "Show this help.");
         sub->group("Commands");
     }
 
-    const char* expected = "expected a command: info, run, bench, tune or convert";
+    const char* expected =
+        "expected a command: info, run, bench, tune, compare, convert, image or gpu-info";
     if (argc < 2) throw UsageError(std::string(expected) + " (see tarno --help)");
     const std::string first = argv[1];
-    if (first.compare(0, 1, "-") != 0 && first != "info" && first != "run" && first != "bench" &&
-        first != "tune" && first != "convert") {
+    const auto commands = app.get_subcommands({});
+    const auto is_named = [&](const CLI::App* sub) { return sub->get_name() == first; };
+    if (first.compare(0, 1, "-") != 0 && std::none_of(commands.begin(), commands.end(), is_named)) {
         throw UsageError(std::string(expected) + ", found \"" + first + "\" (see tarno --help)");
     }
     try {
@@ -509,6 +712,15 @@ Command parse_command_line(int argc, char** argv) {
         check(convert_command);
         return convert_command;
     }
+    if (compare->parsed()) {
+        check(compare_command, texts);
+        return compare_command;
+    }
+    if (image->parsed()) {
+        check(image_command, texts);
+        return image_command;
+    }
+    if (gpu_info->parsed()) return gpu_info_command;
     check(bench_command, texts);
     return bench_command;
 }

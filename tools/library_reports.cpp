@@ -11,19 +11,17 @@ namespace {
 // The library's handler is a plain function.
 LibraryReports* active = nullptr;
 
-void print_line(Tarno::LogLevel, const char* tag, const char* text, void*) {
-    std::fprintf(stderr, "%s: %s\n", tag, text);
-}
-
-void drop_line(Tarno::LogLevel, const char*, const char*, void*) {}
-
 }  // namespace
 
 LibraryReports::LibraryReports(bool verbose) : verbose(verbose) {
     active = this;
     Tarno::SetAssertHandler(&LibraryReports::assertion);
-    Tarno::SetLogSink(verbose ? print_line : drop_line, nullptr);
-    Tarno::SetLogLevel(verbose ? Tarno::LogLevel::Verbose : Tarno::LogLevel::Silent);
+    Tarno::SetLogSink(
+        [](Tarno::LogLevel level, const char* tag, const char* text, void* reports) {
+            static_cast<LibraryReports*>(reports)->take(level == Tarno::LogLevel::Error, tag, text);
+        },
+        this);
+    Tarno::SetLogLevel(verbose ? Tarno::LogLevel::Verbose : Tarno::LogLevel::Error);
 }
 
 LibraryReports::~LibraryReports() {
@@ -40,6 +38,11 @@ LibraryReports::Observation::Observation(LibraryReports& reports, Observer obser
 
 LibraryReports::Observation::~Observation() {
     reports.observer = nullptr;
+}
+
+void LibraryReports::take(bool is_error, const char* tag, const char* text) {
+    if (verbose) std::fprintf(stderr, "%s: %s\n", tag, text);
+    if (is_error && first_error.empty()) first_error = text;
 }
 
 void LibraryReports::assertion(const char* condition, const char* source, int line) {

@@ -30,6 +30,9 @@ void run_command(const tool::Command& command) {
         void operator()(const tool::BenchCommand& bench) const { tool::bench(bench); }
         void operator()(const tool::TuneCommand& tune) const { tool::tune(tune); }
         void operator()(const tool::ConvertCommand& convert) const { tool::convert(convert); }
+        void operator()(const tool::CompareCommand& compare) const { tool::compare(compare); }
+        void operator()(const tool::ImageCommand& image) const { tool::image(image); }
+        void operator()(const tool::GpuInfoCommand& info) const { tool::gpu_info(info); }
     };
     std::visit(Runner(), command);
 }

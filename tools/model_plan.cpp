@@ -64,8 +64,8 @@ private:
 };
 
 void Planner::refuse(const PlannedLayer& layer, const std::string& text) {
-    if (plan.refusal) return;
-    plan.refusal = PlanRefusal{true, layer.id, layer.type, text};
+    plan.refusals.push_back(PlanRefusal{true, layer.id, layer.type, text});
+    if (!plan.refusal) plan.refusal = plan.refusals.back();
 }
 
 void Planner::run() {
@@ -265,6 +265,11 @@ ModelPlan make_plan(const ModelFile& model, const PlanOptions& options) {
     ModelPlan plan;
     Planner(model, options, plan).run();
     return plan;
+}
+
+int64_t weight_bytes(const ModelPlan& plan, WeightsOf nets) {
+    const int64_t copies = nets == WeightsOf::Rule ? 1 : nets == WeightsOf::Table ? 2 : 3;
+    return saturated_product({plan.weight_bytes, copies});
 }
 
 std::string refusal_text(const ModelFile& model, const PlanRefusal& refusal) {

@@ -87,7 +87,8 @@ struct ModelPlan {
     int64_t base_h = 0;
     std::vector<PlannedLayer> layers;  ///< in execution order
     std::vector<ModelInput> inputs;    ///< by ascending index
-    std::optional<PlanRefusal> refusal;
+    std::optional<PlanRefusal> refusal;  ///< the first of them
+    std::vector<PlanRefusal> refusals;   ///< of single layers, all
 
     int64_t parameters = 0;
     int64_t multiply_adds = 0;
@@ -107,6 +108,13 @@ struct RunLimits {
     int64_t memory = int64_t{2} << 30;  ///< bytes of weights, tensors and scratch
     int64_t work = 10'000'000'000;      ///< inner steps of one run
 };
+
+/// Which nets of a plan hold weights.
+enum class WeightsOf { Rule, Table, RuleAndTable };
+
+/// Bytes of weights in the operators of these nets, at the most: an operator of a table may keep a
+/// packed form beside the weights as they came.
+int64_t weight_bytes(const ModelPlan& plan, WeightsOf nets);
 
 /// Throws CommandError when the plan has a refusal or is beyond the limits.
 void require_runnable(const ModelFile& model, const ModelPlan& plan, const RunLimits& limits);

@@ -83,6 +83,9 @@ TarnoCPU::Mat RunnableNet::run(const std::vector<NetInput>& inputs, int position
                                const Settings& settings, TarnoCPU::Statistician* stats) const {
     TarnoCPU::Mat out;
     const int result = extract(built, inputs, position, settings, stats, out);
+    if (result != 0 && settings.meter != nullptr && settings.meter->exceeded) {
+        throw CommandError(model.path + ": " + settings.meter->refusal);
+    }
     if (result != 0) {
         throw CommandError(model.path + ": expected a run without a fault, found result " +
                            std::to_string(result));
@@ -106,6 +109,10 @@ TarnoCPU::Mat RunnableNet::run_checked(const std::vector<NetInput>& inputs, int 
     const TarnoCPU::Layer* layer = finder.asserting != nullptr ? finder.asserting : finder.last;
     if (layer == nullptr) layer = built.layers[0];
     const PlannedLayer& record = planned(*layer);
+    if (settings.meter != nullptr && settings.meter->exceeded) {
+        throw CommandError(
+            layer_fault(model.path, record.id, record.type, settings.meter->refusal));
+    }
     std::string text = "expected ";
     const std::string operator_name = const_cast<TarnoCPU::Layer*>(layer)->operator_name();
     text += operator_name == "nullptr" ? "the layer" : operator_name;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "library_reports.h"
+#include "metered_memory.h"
 #include "model_plan.h"
 #include "net_input.h"
 
@@ -33,7 +34,12 @@ public:
         bool light_mode = true;
         TarnoCPU::Allocator* blob_allocator = nullptr;
         TarnoCPU::Allocator* workspace_allocator = nullptr;
+        const MemoryMeter* meter = nullptr;  ///< of the allocators, for what an error says
     };
+    static Settings on(MeteredPools& pools, bool light_mode = true) {
+        return {light_mode, pools.blob_allocator(), pools.workspace_allocator(), &pools.meter};
+    }
+    static Settings on(MeteredHeap& heap) { return {true, &heap, &heap, &heap.meter}; }
 
     /// Runs the layers up to a position and gives the tensor of the last. Throws CommandError that
     /// names the layer when one fails. `stats` hears of every layer, and may be null.

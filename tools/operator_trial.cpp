@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "errors.h"
+#include "metered_memory.h"
 #include "numbers.h"
 
 namespace tool {
@@ -150,10 +151,12 @@ int64_t logical_total(const Mat& tensor) {
 /// One operator with what it needs for a run: a fresh copy of its bottom where it works in place.
 class Runner {
 public:
-    Runner(const TarnoCPU::OperatorInfo& info, const LayerTask& task, std::vector<Mat> bottoms)
-        : info(info), made(info.creator()), bottoms(std::move(bottoms)) {
-        opt.blob_allocator = &blobs;
-        opt.workspace_allocator = &workspace;
+    Runner(const TarnoCPU::OperatorInfo& info, const LayerTask& task, std::vector<Mat> bottoms,
+           const TrialMemory& memory)
+        : info(info),
+          pools(memory.limit, memory.taken),
+          made(info.creator()),
+          bottoms(std::move(bottoms)) {
         loaded_well =
             made != nullptr && made->load(task.parameters, NotedWeights(task.weights, task.bias),
                                           {info.creator, 0, 0}) == 0;
@@ -165,12 +168,20 @@ public:
     }
 
     bool ready() const { return loaded_well; }
+    /// Whether the last run failed because its pools were at their limit.
+    bool out_of_memory() const { return pools.meter.exceeded; }
 
     /// The value of `forward`; `milliseconds` receives its time.
     int run(double& milliseconds) {
         int result = -100;
+        Option opt;
+        opt.blob_allocator = pools.blob_allocator();
+        opt.workspace_allocator = pools.workspace_allocator();
+        const bool watched = !pools.settled();
         if (info.base == TarnoCPU::OperatorInfo::Base::SISOInplace) {
-            work = bottoms[0].clone(&blobs);
+            work.release();
+            work = bottoms[0].clone(opt.blob_allocator);
+            if (work.empty()) return -100;
             const Clock::time_point start = Clock::now();
             result = static_cast<TarnoCPU::OperatorSISOInplace*>(made.get())->forward(work, opt);
             milliseconds = since(start);
@@ -186,6 +197,7 @@ public:
                 static_cast<TarnoCPU::OperatorSISO*>(made.get())->forward(bottoms[0], top, opt);
             milliseconds = since(start);
         }
+        if (watched) pools.note_run();
         return result;
     }
 
@@ -201,9 +213,7 @@ private:
     }
 
     const TarnoCPU::OperatorInfo& info;
-    TarnoCPU::UnlockedPoolAllocator blobs;
-    TarnoCPU::PoolAllocator workspace;
-    Option opt;
+    MeteredPools pools;
     std::unique_ptr<TarnoCPU::Operator> made;
     bool loaded_well = false;
     std::vector<Mat> bottoms;
@@ -297,7 +307,8 @@ std::vector<LayerTask> record_tasks(const ModelFile& model, const TarnoCPU::Tarn
     return tasks;
 }
 
-std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task) {
+std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task,
+                                 const TrialMemory& memory) {
     const size_t count = static_cast<size_t>(logical_total(task.top));
     if (has_weights(slot.layer)) {
         // The sum of the sizes of the products: the layer once more on absolute values.
@@ -305,9 +316,14 @@ std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task) {
         sizes.weights = absolute(task.weights);
         sizes.bias = task.bias.empty() ? task.bias : absolute(task.bias);
         const TarnoCPU::OperatorInfo& info = *TarnoCPU::find_operator(task.default_creator);
-        Runner runner(info, sizes, {absolute(task.bottoms[0])});
+        Runner runner(info, sizes, {absolute(task.bottoms[0])}, memory);
         double unused = 0.0;
-        if (runner.ready() && runner.run(unused) == 0) {
+        const bool done = runner.ready() && runner.run(unused) == 0;
+        if (!done && runner.out_of_memory()) {
+            throw CommandError(slot_text(slot) + ": " +
+                               MemoryMeter(memory.limit, memory.taken).refusal);
+        }
+        if (done) {
             // Weights per output and a bias. The sums of sizes are rounded themselves, upwards or
             // not: as much again covers it.
             const double terms =
@@ -333,7 +349,7 @@ std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task) {
 }
 
 Trial try_operator(const TarnoCPU::OperatorInfo& info, const LayerTask& task, Packing packing,
-                   const std::vector<double>& bounds) {
+                   const std::vector<double>& bounds, const TrialMemory& memory) {
     Trial trial;
     trial.info = &info;
     trial.in = packing;
@@ -343,13 +359,17 @@ Trial try_operator(const TarnoCPU::OperatorInfo& info, const LayerTask& task, Pa
     for (const Mat& bottom : task.bottoms) {
         bottoms.push_back(packing == Packing::fours ? in_fours(bottom) : bottom);
     }
-    Runner runner(info, task, std::move(bottoms));
+    Runner runner(info, task, std::move(bottoms), memory);
     if (!runner.ready()) {
         trial.rejection = "does not load";
         return trial;
     }
     double first = 0.0;
     const int result = runner.run(first);
+    if (result != 0 && runner.out_of_memory()) {
+        trial.rejection = "takes more memory than --memory-limit leaves";
+        return trial;
+    }
     if (result != 0) {
         trial.rejection = "does not run: result " + std::to_string(result);
         return trial;
@@ -381,7 +401,8 @@ Trial try_operator(const TarnoCPU::OperatorInfo& info, const LayerTask& task, Pa
     trial.milliseconds = first;
     for (int i = 0; i < most && (i < fewest || total < enough_ms) && total < most_ms; ++i) {
         double time = 0.0;
-        runner.run(time);
+        // Pools may grow from run to run, up to their limit.
+        if (runner.run(time) != 0) break;
         total += time;
         trial.milliseconds = std::min(trial.milliseconds, time);
     }

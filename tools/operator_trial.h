@@ -25,6 +25,12 @@ struct LayerTask {
 std::vector<LayerTask> record_tasks(const ModelFile& model, const TarnoCPU::TarnoNet& net,
                                     const std::vector<std::pair<int, TarnoCPU::Mat>>& inputs);
 
+/// The command's limit, and what of it a trial finds taken.
+struct TrialMemory {
+    int64_t limit = 0;
+    int64_t taken = 0;
+};
+
 struct Trial {
     const TarnoCPU::OperatorInfo* info = nullptr;
     Packing in = Packing::planes;
@@ -35,11 +41,14 @@ struct Trial {
 
 /// Largest difference from the exact result that rounding explains, element by element of the top;
 /// for layers that sum products it grows with the length of the sum and the size of the products.
-std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task);
+/// Throws CommandError when the limit is too low for that.
+std::vector<double> error_bounds(const TableSlot& slot, const LayerTask& task,
+                                 const TrialMemory& memory);
 
 /// Runs one operator on one task. The output is right where it differs from the default operator's
-/// by at most twice the bound: both are that far from the exact result at the most.
+/// by at most twice the bound: both are that far from the exact result at the most. What its runs
+/// take from the pools is within the memory, or it is rejected.
 Trial try_operator(const TarnoCPU::OperatorInfo& info, const LayerTask& task, Packing packing,
-                   const std::vector<double>& bounds);
+                   const std::vector<double>& bounds, const TrialMemory& memory);
 
 }  // namespace tool

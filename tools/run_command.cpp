@@ -10,8 +10,10 @@
 #include <new>
 #include <utility>
 
+#include "composite.h"
 #include "errors.h"
 #include "files.h"
+#include "gpu_net.h"
 #include "library_reports.h"
 #include "model_file.h"
 #include "net_run.h"
@@ -24,14 +26,13 @@ namespace tool {
 namespace {
 
 /// "012_7_Convolution3x3s1x1.npy": place in the run, layer id, display name.
-std::string blob_file_name(size_t position, const TarnoCPU::Layer& layer) {
+std::string blob_file_name(size_t position, int id, std::string name) {
     char number[16];
     std::snprintf(number, sizeof(number), "%03zu", position);
-    std::string name = layer.type;
     for (char& c : name) {
         if (c == ':' || c == '/') c = '-';
     }
-    return std::string(number) + "_" + std::to_string(layer.id) + "_" + name + ".npy";
+    return std::string(number) + "_" + std::to_string(id) + "_" + name + ".npy";
 }
 
 /// Hears of every layer as it ends: shows how far the run is, and writes the blobs when there is a
@@ -74,7 +75,7 @@ private:
     void write(const TarnoCPU::Layer& layer, const TarnoCPU::Mat& top) {
         TensorSize size;
         const std::vector<float> values = values_of(top, size);
-        files.write_in_folder(folder, blob_file_name(position, layer),
+        files.write_in_folder(folder, blob_file_name(position, layer.id, layer.type),
                               npy_bytes(values.data(), static_cast<int>(size.c),
                                         static_cast<int>(size.h), static_cast<int>(size.w)));
     }
@@ -138,44 +139,6 @@ void check_outputs(const RunCommand& command, const ModelFile& model, const Plan
     }
 }
 
-/// One colour for all pixels, or a picture stretched to the size of the other.
-Picture background_of(const std::string& text, int w, int h) {
-    Picture background;
-    background.w = w;
-    background.h = h;
-    background.channels = 3;
-    const size_t pixels = static_cast<size_t>(w) * static_cast<size_t>(h);
-    unsigned char colour[3];
-    if (parse_colour(text, colour)) {
-        background.pixels.resize(pixels * 3);
-        for (size_t i = 0; i < pixels * 3; ++i) background.pixels[i] = colour[i % 3];
-        return background;
-    }
-    const Picture picture = read_picture(text, 3);
-    if (picture.w == w && picture.h == h) return picture;
-    background.pixels.resize(pixels * 3);
-    TarnoCPU::resize_bilinear_c3(picture.pixels.data(), picture.w, picture.h,
-                                 background.pixels.data(), w, h);
-    return background;
-}
-
-/// picture * mask + background * (1 - mask), the mask brought to the size of the picture.
-Picture composite_of(const Picture& picture, const Picture& background, const FloatMap& mask) {
-    const FloatMap alpha = resize_bilinear(mask, picture.w, picture.h);
-    Picture result = picture;
-    for (size_t i = 0; i < alpha.values.size(); ++i) {
-        const float value = alpha.values[i];
-        // A NaN fails both comparisons.
-        const float a = value >= 1.0f ? 1.0f : value > 0.0f ? value : 0.0f;
-        for (size_t k = i * 3; k < i * 3 + 3; ++k) {
-            const float mixed = static_cast<float>(picture.pixels[k]) * a +
-                                static_cast<float>(background.pixels[k]) * (1.0f - a);
-            result.pixels[k] = static_cast<unsigned char>(mixed + 0.5f);
-        }
-    }
-    return result;
-}
-
 /// "1x256x256, 0.0012 to 0.9987".
 std::string summary_of(const FloatMap& map) {
     float low = std::numeric_limits<float>::infinity();
@@ -195,6 +158,118 @@ std::string summary_of(const FloatMap& map) {
     return text;
 }
 
+/// Reads layers back as they end: behind the run most have given their textures on.
+class GpuRunObserver : public tesk::NetObserver {
+public:
+    GpuRunObserver(const GpuNet& net, const ModelPlan& plan, OutputFiles& files, std::string folder,
+                   size_t wanted)
+        : net(net),
+          plan(plan),
+          files(files),
+          folder(std::move(folder)),
+          wanted(wanted),
+          progress("layer", static_cast<int64_t>(plan.layers.size())) {}
+
+    /// Inputs hold their textures before the run.
+    void take_inputs() {
+        for (const ModelInput& input : plan.inputs) take(*plan.find(input.id));
+        finish();
+    }
+
+    void afterOperator(int, int layer, tesk::Image&) override {
+        // The library knows nothing of exceptions, so they wait here until it is done.
+        if (failure) return;
+        try {
+            take(*plan.find(layer));
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }
+
+    void finish() const {
+        if (failure) std::rethrow_exception(failure);
+    }
+
+    FloatMap kept;
+
+private:
+    void take(size_t position) {
+        progress.step(static_cast<int64_t>(position) + 1);
+        if (folder.empty() && position != wanted) return;
+        const FloatMap map = net.read(position);
+        if (!folder.empty()) {
+            const PlannedLayer& layer = plan.layers[position];
+            files.write_in_folder(folder, blob_file_name(position, layer.id, layer.kind),
+                                  npy_bytes(map.values.data(), map.c, map.h, map.w));
+        }
+        if (position == wanted) kept = map;
+    }
+
+    const GpuNet& net;
+    const ModelPlan& plan;
+    OutputFiles& files;
+    std::string folder;
+    size_t wanted;
+    Progress progress;
+    std::exception_ptr failure;
+};
+
+/// The wanted layer's output; the outputs of all layers into the folder when there is one.
+FloatMap run_on_cpu(const RunCommand& command, const ModelFile& model, const ModelPlan& plan,
+                    const PlannedLayer& layer, const std::vector<NetInput>& inputs,
+                    LibraryReports& reports, OutputFiles& files, size_t& arrays) {
+    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
+        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
+                              : checked_configs(read_tuning_table(command.table), model, plan);
+    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
+    const int wanted = net.position_of(layer.id);
+    // The plan is that of the default operators; those of a table may take more.
+    MeteredHeap heap(
+        command.limits.memory,
+        weight_bytes(plan, command.table.empty() ? WeightsOf::Rule : WeightsOf::Table));
+    arrays = static_cast<size_t>(net.last_position()) + 1;
+    TarnoCPU::Mat out;
+    for (int i = 0; i < command.repeat; ++i) {
+        // One walk serves the folder and the output: an LSTM would not give the same again.
+        const bool into_folder = !command.all_layers.empty() && i + 1 == command.repeat;
+        const int position = command.all_layers.empty() ? wanted : net.last_position();
+        out.release();
+        RunObserver observer(position + 1, files, into_folder ? command.all_layers : std::string(),
+                             wanted);
+        out = net.run_checked(inputs, position, RunnableNet::on(heap), &observer);
+        if (into_folder) out = observer.kept_copy();
+    }
+    TensorSize size;
+    FloatMap map;
+    map.values = values_of(out, size);
+    map.c = static_cast<int>(size.c);
+    map.h = static_cast<int>(size.h);
+    map.w = static_cast<int>(size.w);
+    return map;
+}
+
+FloatMap run_on_gpu(const RunCommand& command, const ModelFile& model, const ModelPlan& plan,
+                    const PlannedLayer& layer, const std::vector<NetInput>& inputs,
+                    LibraryReports& reports, OutputFiles& files, size_t& arrays) {
+    GpuSession session(command.gpu, reports);
+    GpuNet net(model, plan, session, reports);
+    arrays = plan.layers.size();
+    for (int i = 0; i + 1 < command.repeat; ++i) {
+        net.upload(inputs);
+        net.forward_checked();
+    }
+    net.upload(inputs);
+    GpuRunObserver observer(net, plan, files, command.all_layers, *plan.find(layer.id));
+    observer.take_inputs();
+    net.forward_checked(&observer);
+    observer.finish();
+    return observer.kept;
+}
+
+ModelPlan plan_of(const RunCommand& command, const ModelFile& model, const PlanOptions& options) {
+    return command.on_gpu ? make_gpu_plan(model, options, command.gpu) : make_plan(model, options);
+}
+
 }  // namespace
 
 void run(const RunCommand& command) {
@@ -204,48 +279,31 @@ void run(const RunCommand& command) {
 
     // The first plan tells the inputs, the second has the sizes that the files bring along.
     PlanOptions plan_options = command.plan;
-    const ModelPlan own_sizes = make_plan(model, plan_options);
+    const ModelPlan own_sizes = plan_of(command, model, plan_options);
     const bool number_fits = own_sizes.inputs.size() == command.inputs.size();
-    if (own_sizes.refusal && !number_fits) require_runnable(model, own_sizes, command.limits);
+    if (own_sizes.refusal && (command.on_gpu || !number_fits)) {
+        require_runnable(model, own_sizes, command.limits);
+    }
     const InputFiles input_files(model, own_sizes.inputs, command.inputs);
     plan_options.input_sizes = input_files.sizes();
-    const ModelPlan plan = make_plan(model, plan_options);
+    const ModelPlan plan = plan_of(command, model, plan_options);
     require_runnable(model, plan, command.limits);
     input_files.check(command.rules);
     const PlannedLayer& layer = wanted_layer(command, model, plan);
     check_outputs(command, model, layer, input_files);
-
     const std::vector<NetInput> inputs = input_files.load(command.rules, plan.inputs);
-    const std::vector<TarnoCPU::LayerInferenceConfig> configs =
-        command.table.empty() ? std::vector<TarnoCPU::LayerInferenceConfig>()
-                              : checked_configs(read_tuning_table(command.table), model, plan);
-    const RunnableNet net(model, plan, reports, command.table.empty() ? nullptr : &configs);
 
     OutputFiles files;
     if (!command.all_layers.empty()) files.folder(command.all_layers);
-    const int wanted = net.position_of(layer.id);
-    TarnoCPU::Mat out;
-    for (int i = 0; i < command.repeat; ++i) {
-        // One walk serves the folder and the output: an LSTM would not give the same again.
-        const bool into_folder = !command.all_layers.empty() && i + 1 == command.repeat;
-        const int position = command.all_layers.empty() ? wanted : net.last_position();
-        RunObserver observer(position + 1, files, into_folder ? command.all_layers : std::string(),
-                             wanted);
-        out = net.run_checked(inputs, position, {}, &observer);
-        if (into_folder) out = observer.kept_copy();
-    }
+    size_t arrays = 0;
+    FloatMap map =
+        (command.on_gpu ? run_on_gpu : run_on_cpu)(command, model, plan, layer, inputs, reports,
+                                                   files, arrays);
 
     std::string report;
     if (!command.all_layers.empty()) {
-        report += "wrote " + command.all_layers + ": " + std::to_string(net.last_position() + 1) +
-                  " arrays\n";
+        report += "wrote " + command.all_layers + ": " + std::to_string(arrays) + " arrays\n";
     }
-    TensorSize size;
-    FloatMap map;
-    map.values = values_of(out, size);
-    map.c = static_cast<int>(size.c);
-    map.h = static_cast<int>(size.h);
-    map.w = static_cast<int>(size.w);
 
     if (!command.composite.empty()) {
         const Picture picture = read_picture(input_files.picture_path(), 3);

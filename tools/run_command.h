@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "gpu_rules.h"
 #include "model_plan.h"
 #include "net_input.h"
 
@@ -12,7 +13,9 @@ namespace tool {
 
 struct RunCommand {
     std::string model;
-    std::string table;  ///< tuning table; empty for the default rule
+    bool on_gpu = false;
+    GpuOptions gpu;
+    std::string table;  ///< tuning table of the CPU engine; empty for the default rule
     std::vector<std::string> inputs;
     std::string output;                      ///< .png or .npy; empty for none
     std::string all_layers;                  ///< folder; empty for none

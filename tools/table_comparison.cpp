@@ -1,5 +1,7 @@
 #include "table_comparison.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -22,29 +24,41 @@ std::string ratio(double before, double after) {
 
 }  // namespace
 
-NetComparison compare_nets(const RunnableNet& by_rule, const RunnableNet& by_table,
-                           const std::vector<NetInput>& inputs, int warmup, int runs) {
-    TarnoCPU::UnlockedPoolAllocator blobs;
-    TarnoCPU::PoolAllocator workspace;
-    RunnableNet::Settings settings;
-    settings.blob_allocator = &blobs;
-    settings.workspace_allocator = &workspace;
-    const RunnableNet* nets[2] = {&by_rule, &by_table};
+void settle(const std::vector<const RunnableNet*>& nets, const std::vector<NetInput>& inputs,
+            int at_least, MeteredPools& pools) {
+    constexpr double most_ms = 5000.0;
+    constexpr int most_runs = 200;
+    Progress progress("warm-up run", 0);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < at_least || !pools.settled(); ++i) {
+        if (milliseconds_since(start) >= most_ms || i >= std::max(at_least, most_runs)) break;
+        for (const RunnableNet* net : nets) {
+            net->run(inputs, net->last_position(), RunnableNet::on(pools), nullptr);
+        }
+        pools.note_run();
+        progress.step(i + 1);
+    }
+}
 
+NetComparison compare_nets(const RunnableNet& by_rule, const RunnableNet& by_table,
+                           const std::vector<NetInput>& inputs, int warmup, int runs,
+                           MeteredPools& pools) {
+    const RunnableNet* nets[2] = {&by_rule, &by_table};
     LayerNames names[2];
     for (int k = 0; k < 2; ++k) {
-        nets[k]->run_checked(inputs, nets[k]->last_position(), settings, &names[k]);
+        nets[k]->run_checked(inputs, nets[k]->last_position(), RunnableNet::on(pools), &names[k]);
     }
     const size_t layers = names[0].rows.size();
     LayerTimer timers[2] = {LayerTimer(layers, static_cast<size_t>(runs)),
                             LayerTimer(layers, static_cast<size_t>(runs))};
     std::vector<double> whole[2];
-    Progress progress("run", warmup + runs);
-    for (int i = 0; i < warmup + runs; ++i) {
+    settle({&by_rule, &by_table}, inputs, warmup, pools);
+    Progress progress("run", runs);
+    for (int i = 0; i < runs; ++i) {
         for (int k = 0; k < 2; ++k) {
+            const RunnableNet::Settings settings = RunnableNet::on(pools);
             const auto start = std::chrono::steady_clock::now();
             nets[k]->run(inputs, nets[k]->last_position(), settings, nullptr);
-            if (i < warmup) continue;
             whole[k].push_back(milliseconds_since(start));
             timers[k].start_run();
             nets[k]->run(inputs, nets[k]->last_position(), settings, &timers[k]);

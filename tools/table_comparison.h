@@ -23,9 +23,17 @@ struct NetComparison {
     int runs = 0;
 };
 
-/// Runs both nets in turns, so that what else the machine does hits both.
+/// Runs nets of one model on the same pools until those have stopped growing, at least so many
+/// times, at most five seconds.
+void settle(const std::vector<const RunnableNet*>& nets, const std::vector<NetInput>& inputs,
+            int at_least, MeteredPools& pools);
+
+/// Runs both nets in turns, so that what else the machine does hits both; on the same pools, until
+/// those have stopped growing and `warmup` times before the time counts. Throws CommandError when
+/// the pools reach their limit.
 NetComparison compare_nets(const RunnableNet& by_rule, const RunnableNet& by_table,
-                           const std::vector<NetInput>& inputs, int warmup, int runs);
+                           const std::vector<NetInput>& inputs, int warmup, int runs,
+                           MeteredPools& pools);
 
 void print_comparison(const NetComparison& comparison, bool json);
 

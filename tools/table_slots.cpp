@@ -2,6 +2,7 @@
 
 #include <crossplatform/src/common/src/half_float.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace tool {
@@ -9,7 +10,7 @@ namespace {
 
 using TarnoCPU::OperatorInfo;
 
-std::string pair_text(int w, int h) {
+std::string pair_text(int64_t w, int64_t h) {
     return std::to_string(w) + "x" + std::to_string(h);
 }
 
@@ -137,6 +138,13 @@ bool computes(const std::string& name, int kind) {
     }
 }
 
+/// Whether the class is one of the families that walk their tensors in blocks, by vectors.
+bool is_hand_blocked(const OperatorInfo& info) {
+    const std::string name = info.name;
+    return info.kernel_w != 0 &&
+           (name.find("_SSE_") != std::string::npos || name.find("_AVX2_") != std::string::npos);
+}
+
 std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
     const Window& window = slot.window;
     if (info.kernel_w != 0 &&
@@ -154,10 +162,7 @@ std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
     }
     // The hand-blocked 3x3 kernels walk a bottom with one pixel of border; their tiles divide it
     // then.
-    const std::string name = info.name;
-    const bool hand_blocked =
-        name.find("_SSE_") != std::string::npos || name.find("_AVX2_") != std::string::npos;
-    if (hand_blocked && info.kernel_w == 3 && info.kernel_h == 3) {
+    if (is_hand_blocked(info) && info.kernel_w == 3 && info.kernel_h == 3) {
         if (window.pad_w != 1 || window.pad_h != 1) {
             return "is for a padding of 1, the layer has one of " +
                    pair_text(window.pad_w, window.pad_h);
@@ -166,11 +171,39 @@ std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
             return "is for even sizes, the layer has " + size_text(slot.in);
         }
     }
-    if (name.rfind("Depthewise_", 0) == 0 && slot.in.c != slot.out.c) {
+    if (std::strncmp(info.name, "Depthewise_", 11) == 0 && slot.in.c != slot.out.c) {
         return "is for one filter per channel, the layer makes " + std::to_string(slot.out.c) +
                " channels of " + std::to_string(slot.in.c);
     }
     return "";
+}
+
+/// Convolutions disagree on the size of their top: some take it from the bottom alone, some look at
+/// whether there is padding, some at how much.
+std::string size_misfit(const OperatorInfo& info, const TableSlot& slot) {
+    const Window& window = slot.window;
+    const std::string name = info.name;
+    int64_t h = slot.in.h / std::max(1, window.stride_h);
+    int64_t w = slot.in.w / std::max(1, window.stride_w);
+    if (slot.layer == "Deconvolution") {
+        const bool cuts = window.pad_h > 0 || window.pad_w > 0;
+        h = window.stride_h * slot.in.h;
+        w = window.stride_w * slot.in.w;
+        if (name != "Deconvolution_Float_Blas") {
+            h += 2 - (cuts ? 2 * window.pad_h : 0);
+            w += 2 - (cuts ? 2 * window.pad_w : 0);
+        }
+    } else if (slot.layer != "Convolution" && slot.layer != "ConvolutionDepthWise") {
+        return "";
+    } else if (name == "ConvolutionDepthwise_Float_Fallback") {
+        return "";  // the size of such layers is its own
+    } else if (info.stride == 1 && info.kernel_h > 1 && info.kernel_w > 1) {
+        if (window.pad_h == 0) h -= info.kernel_h - 1;
+        if (window.pad_w == 0) w -= info.kernel_w - 1;
+    }
+    if (h == slot.out.h && w == slot.out.w) return "";
+    return "makes " + pair_text(w, h) + " pixels of " + pair_text(slot.in.w, slot.in.h) +
+           ", the layer has " + pair_text(slot.out.w, slot.out.h);
 }
 
 std::string multiple_misfit(const char* what, int multiple, int64_t number) {
@@ -221,9 +254,14 @@ std::string misfit(const OperatorInfo& info, const TableSlot& slot, Packing pack
     }
     const std::string window = window_misfit(info, slot);
     if (!window.empty()) return window;
-    if (slot.groups != 1 && info.kernel_w != 0) {
-        return "does not apply groups, the layer has " + std::to_string(slot.groups);
+    // The default operators compute several groups as one, with the weights that the file does not
+    // have as 0. So do their sisters; the packed forms of the families lay the weights out by one
+    // group's numbers.
+    if (slot.groups != 1 && is_hand_blocked(info)) {
+        return "is for one group, the layer has " + std::to_string(slot.groups);
     }
+    const std::string size = size_misfit(info, slot);
+    if (!size.empty()) return size;
     for (const std::string& text :
          {multiple_misfit("output channels", info.output_multiple, slot.out.c),
           multiple_misfit("input channels", info.input_multiple, slot.in.c),

@@ -11,12 +11,15 @@
 #include "layout_path.h"
 #include "library_reports.h"
 #include "machine.h"
+#include "metered_memory.h"
 #include "net_run.h"
 #include "operator_trial.h"
 #include "progress.h"
 #include "sample_statistics.h"
+#include "table_comparison.h"
 #include "table_slots.h"
-#include "text_table.h"
+#include "tuning_memory.h"
+#include "tuning_report.h"
 
 namespace tool {
 namespace {
@@ -26,27 +29,17 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned int input_seed = 1;
 constexpr int comparison_runs = 30;
 
-/// All that was tried for one row of the table.
-struct Candidates {
-    std::vector<Trial> right;
-    std::vector<Trial> rejected;
-    double default_ms = 0.0;
-};
-
-Candidates try_all(const TableSlot& slot, const LayerTask& task) {
+Candidates try_all(const TableSlot& slot, const LayerTask& task, const TrialMemory& memory) {
     Candidates candidates;
-    const std::vector<double> bounds = error_bounds(slot, task);
+    const std::vector<double> bounds = error_bounds(slot, task, memory);
     size_t count = 0;
     const TarnoCPU::OperatorInfo* list = TarnoCPU::operator_list(&count);
     for (const Packing packing : {Packing::planes, Packing::fours}) {
         if (packing == Packing::fours && slot.in.c % 4 != 0) continue;
         for (size_t i = 0; i < count; ++i) {
             if (!misfit(list[i], slot, packing).empty()) continue;
-            const Trial trial = try_operator(list[i], task, packing, bounds);
+            const Trial trial = try_operator(list[i], task, packing, bounds, memory);
             (trial.rejection.empty() ? candidates.right : candidates.rejected).push_back(trial);
-            if (packing == Packing::planes && list[i].creator == task.default_creator) {
-                candidates.default_ms = trial.milliseconds;
-            }
         }
     }
     return candidates;
@@ -96,51 +89,65 @@ struct Comparison {
     bool same = true;                 ///< false when rounding can't explain it
 };
 
-Comparison compare(RunnableNet& by_rule, RunnableNet& by_table,
-                   const std::vector<NetInput>& inputs) {
+Comparison compare(RunnableNet& by_rule, RunnableNet& by_table, const std::vector<NetInput>& inputs,
+                   const RunnableNet::Settings& settings) {
     by_rule.reset_state();
     by_table.reset_state();
-    TarnoCPU::UnlockedPoolAllocator blobs;
-    TarnoCPU::PoolAllocator workspace;
-    RunnableNet::Settings settings;
-    settings.blob_allocator = &blobs;
-    settings.workspace_allocator = &workspace;
-    const RunnableNet* nets[2] = {&by_rule, &by_table};
+    const RunnableNet* const nets[2] = {&by_rule, &by_table};
     std::vector<double> times[2];
     Comparison comparison;
-    Progress progress("comparing run", comparison_runs + 2);
-    for (int i = 0; i < comparison_runs + 2; ++i) {
+    const auto run = [&](int k) {
+        return nets[k]->run(inputs, nets[k]->last_position(), settings, nullptr);
+    };
+    {
         TarnoCPU::Mat outputs[2];
+        for (int k = 0; k < 2; ++k) outputs[k] = run(k);
+        TensorSize size;
+        const std::vector<float> a = values_of(outputs[0], size);
+        const std::vector<float> b = values_of(outputs[1], size);
+        comparison.same = a.size() == b.size();
+        double largest = 0.0;
+        for (size_t n = 0; n < std::min(a.size(), b.size()); ++n) {
+            if (std::isnan(a[n]) != std::isnan(b[n])) comparison.same = false;
+            if (std::isnan(a[n]) || std::isnan(b[n]) || a[n] == b[n]) continue;
+            const double difference =
+                std::fabs(static_cast<double>(a[n]) - static_cast<double>(b[n]));
+            comparison.largest_difference = std::max(comparison.largest_difference, difference);
+            largest = std::max(largest, std::fabs(static_cast<double>(a[n])));
+        }
+        // Each operator was judged by its own bound; this catches what no layer showed.
+        if (!(comparison.largest_difference <= 0.01 * largest)) comparison.same &= largest == 0.0;
+    }
+    Progress progress("comparing run", comparison_runs);
+    for (int i = 0; i < comparison_runs; ++i) {
         for (int k = 0; k < 2; ++k) {
             const Clock::time_point start = Clock::now();
-            outputs[k] = nets[k]->run(inputs, nets[k]->last_position(), settings, nullptr);
-            const double time =
-                std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-            if (i >= 2) times[k].push_back(time);  // the first two warm the pools
-        }
-        if (i == 0) {
-            TensorSize size;
-            const std::vector<float> a = values_of(outputs[0], size);
-            const std::vector<float> b = values_of(outputs[1], size);
-            comparison.same = a.size() == b.size();
-            double largest = 0.0;
-            for (size_t n = 0; n < std::min(a.size(), b.size()); ++n) {
-                if (std::isnan(a[n]) != std::isnan(b[n])) comparison.same = false;
-                if (std::isnan(a[n]) || std::isnan(b[n]) || a[n] == b[n]) continue;
-                const double difference =
-                    std::fabs(static_cast<double>(a[n]) - static_cast<double>(b[n]));
-                comparison.largest_difference = std::max(comparison.largest_difference, difference);
-                largest = std::max(largest, std::fabs(static_cast<double>(a[n])));
-            }
-            // Each operator was judged by its own bound; this catches what no layer showed.
-            if (!(comparison.largest_difference <= 0.01 * largest))
-                comparison.same &= largest == 0.0;
+            run(k);
+            times[k].push_back(
+                std::chrono::duration<double, std::milli>(Clock::now() - start).count());
         }
         progress.step(i + 1);
     }
     comparison.default_ms = statistics_of(times[0]).p50;
     comparison.table_ms = statistics_of(times[1]).p50;
     return comparison;
+}
+
+/// On pools, as a host runs them. They may hold far more than is alive; where that is beyond the
+/// limit, both nets go to the heap.
+Comparison compare_within(int64_t memory_limit, int64_t weights, RunnableNet& by_rule,
+                          RunnableNet& by_table, const std::vector<NetInput>& inputs) {
+    {
+        MeteredPools pools(memory_limit, weights);
+        try {
+            settle({&by_rule, &by_table}, inputs, 2, pools);
+            return compare(by_rule, by_table, inputs, RunnableNet::on(pools));
+        } catch (const CommandError&) {
+            if (!pools.meter.exceeded) throw;
+        }
+    }
+    MeteredHeap heap(memory_limit, weights);
+    return compare(by_rule, by_table, inputs, RunnableNet::on(heap));
 }
 
 std::string ms(double milliseconds) {
@@ -155,24 +162,19 @@ void tune(const TuneCommand& command) {
     open_model(command.model, reports, model);
     const ModelPlan plan = make_plan(model, command.plan);
     require_runnable(model, plan, command.limits);
-    // Every tensor is kept, in two layouts while its layer is tried.
-    if (plan.all_tensor_bytes + plan.peak_bytes > command.limits.memory) {
-        throw CommandError(model.path + ": expected at most " + bytes_text(command.limits.memory) +
-                           " for all tensors of a run, found a need of " +
-                           bytes_text(plan.all_tensor_bytes + plan.peak_bytes) +
-                           " (see --memory-limit)");
-    }
+    const std::vector<TableSlot> slots = table_slots(model, plan);
+    require_tunable(model, plan, slots, command.limits);
     const std::vector<NetInput> inputs = random_inputs(plan.inputs, input_seed);
     RunnableNet by_rule(model, plan, reports);
     by_rule.run_checked(inputs, by_rule.last_position(), {}, nullptr);
 
-    const std::vector<TableSlot> slots = table_slots(model, plan);
     std::vector<std::pair<int, TarnoCPU::Mat>> tensors;
     for (const NetInput& input : inputs) tensors.emplace_back(input.index, input.tensor);
-    const std::vector<LayerTask> tasks = record_tasks(model, by_rule.net(), tensors);
+    std::vector<LayerTask> tasks = record_tasks(model, by_rule.net(), tensors);
 
     std::vector<Candidates> candidates(slots.size());
     {
+        const TuningMemory memory = tuning_memory(plan, slots);
         Progress progress("layer", static_cast<int64_t>(slots.size()));
         for (size_t i = 0; i < slots.size(); ++i) {
             if (slots[i].layer == "LSTM") {
@@ -181,11 +183,18 @@ void tune(const TuneCommand& command) {
                 trial.info = TarnoCPU::find_operator(tasks[i].default_creator);
                 candidates[i].right.push_back(trial);
             } else if (slots[i].takes_operator) {
-                candidates[i] = try_all(slots[i], tasks[i]);
+                const TrialMemory trial = {command.limits.memory, memory.kept + memory.trial[i]};
+                candidates[i] = try_all(slots[i], tasks[i], trial);
             }
             progress.step(static_cast<int64_t>(i) + 1);
         }
     }
+
+    // What the operators were tried on is not needed any more.
+    tensors.clear();
+    std::vector<TarnoCPU::OperatorCreator> by_default;
+    for (const LayerTask& task : tasks) by_default.push_back(task.default_creator);
+    tasks.clear();
 
     std::vector<Ways> ways;
     std::vector<PathLayer> layers;
@@ -204,24 +213,32 @@ void tune(const TuneCommand& command) {
     for (size_t i = 0; i < slots.size(); ++i) {
         const Trial* trial = path.empty() ? nullptr : ways[i].trials[path[i]];
         chosen.push_back(trial);
-        configs.push_back({path.empty()       ? tasks[i].default_creator
+        configs.push_back({path.empty()       ? by_default[i]
                            : trial != nullptr ? trial->info->creator
                                               : nullptr,
                            0, 0});
     }
+    const int64_t weights = weight_bytes(plan, WeightsOf::RuleAndTable);
     auto tuned = std::make_unique<RunnableNet>(model, plan, reports, &configs);
-    tuned->run_checked(inputs, tuned->last_position(), {}, nullptr);
-    const Comparison comparison = compare(by_rule, *tuned, inputs);
-    const bool faster = comparison.same && comparison.table_ms < comparison.default_ms;
-    if (!faster) {
+    {
+        MeteredHeap heap(command.limits.memory, weights);
+        tuned->run_checked(inputs, tuned->last_position(), RunnableNet::on(heap), nullptr);
+    }
+    const Comparison comparison =
+        compare_within(command.limits.memory, weights, by_rule, *tuned, inputs);
+    bool another = false;
+    for (size_t i = 0; i < slots.size(); ++i) another |= configs[i].op_creator != by_default[i];
+    const bool faster = another && comparison.same && comparison.table_ms < comparison.default_ms;
+    if (another && !faster) {
         // Layer by layer it looked better than it is: then the table is the default rule's own.
-        for (size_t i = 0; i < slots.size(); ++i) configs[i].op_creator = tasks[i].default_creator;
+        for (size_t i = 0; i < slots.size(); ++i) configs[i].op_creator = by_default[i];
         tuned = std::make_unique<RunnableNet>(model, plan, reports, &configs);
     }
 
     TarnoCPU::ConfigPrinter printer;
     printer.add_header();
-    tuned->run_checked(inputs, tuned->last_position(), {}, &printer);
+    MeteredHeap heap(command.limits.memory, weights);
+    tuned->run_checked(inputs, tuned->last_position(), RunnableNet::on(heap), &printer);
     printer.add_tail();
     const std::string machine = machine_name();
     std::string text =
@@ -233,30 +250,13 @@ void tune(const TuneCommand& command) {
             ms(faster ? comparison.table_ms : comparison.default_ms) + " ms by this table.\n" +
             printer.get_config_string();
 
-    TextTable table;
-    table.column("id", TextTable::right);
-    table.column("layer", TextTable::left);
-    table.column("default operator", TextTable::left);
-    table.column("ms", TextTable::right);
-    table.column("chosen operator", TextTable::left);
-    table.column("ms", TextTable::right);
-    table.column("times", TextTable::right);
+    std::vector<TunedRow> rows;
     for (size_t i = 0; i < slots.size(); ++i) {
-        if (!slots[i].takes_operator) continue;
-        const double before = candidates[i].default_ms;
-        const double after = chosen[i] != nullptr ? chosen[i]->milliseconds : before;
-        table.row({std::to_string(slots[i].id), by_rule.net().layers[i]->type,
-                   TarnoCPU::find_operator(tasks[i].default_creator)->name, ms(before),
-                   chosen[i] != nullptr ? chosen[i]->info->name : "-", ms(after),
-                   after > 0.0 && before > 0.0 ? fixed(before / after, 2) : "-"});
+        rows.push_back({&slots[i], by_rule.net().layers[i]->type,
+                        by_default[i] != nullptr ? TarnoCPU::find_operator(by_default[i]) : nullptr,
+                        &candidates[i], chosen[i]});
     }
-    std::string report = "machine           " + machine + "\n\n" + table.text() + "\n";
-    for (size_t i = 0; i < slots.size(); ++i) {
-        for (const Trial& trial : candidates[i].rejected) {
-            report += "rejected: " + slot_text(slots[i]) + ": " + trial.info->name + " " +
-                      trial.rejection + "\n";
-        }
-    }
+    std::string report = "machine           " + machine + "\n\n" + report_of(rows);
     report += "whole net         " + ms(comparison.default_ms) + " ms by the default rule, " +
               ms(comparison.table_ms) + " ms by the chosen operators, medians of " +
               std::to_string(comparison_runs) +
@@ -265,6 +265,8 @@ void tune(const TuneCommand& command) {
               fixed(comparison.largest_difference, 9) + " at the most\n";
     if (!comparison.same) {
         report += "the outputs are not the same: the table is that of the default rule\n";
+    } else if (!another) {
+        report += "no operator beats those of the default rule: the table is that of the rule\n";
     } else if (!faster) {
         report += "the default rule is faster as a whole: the table is that of the rule\n";
     }

@@ -59,6 +59,9 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     std::vector<Dims> shapes;
     const Status resolved = resolve_shapes(graph, options, shapes);
     if (!resolved) return resolved;
+    // Attributes and inputs that an operator set does not define would be passed over in silence.
+    const Status forms = check_forms(graph);
+    if (!forms) return forms;
     try {
         simplify(graph);
         if (graph.nodes.size() > MOST_LAYERS) {

@@ -2,6 +2,9 @@
 // frame_tool to-rgba PICTURE OUT.raw         four bytes a pixel
 // frame_tool to-nv21 PICTURE OUT.raw         luma, then pairs of V and U for each 2 x 2 pixels
 // frame_tool to-nv12 PICTURE OUT.raw         the same with pairs of U and V
+// frame_tool yuv-to-ppm nv21|nv12 WxH FRAME.raw WxH OUT.ppm
+//                                            what the front end makes of such a frame at a net's
+//                                            size, by the test's own arithmetic
 // frame_tool compare A B LARGEST             fails when two grey pictures differ by more anywhere
 // frame_tool overlap A B PERCENT             fails when the bright parts of two grey pictures have
 //                                            less of their union in common
@@ -76,6 +79,87 @@ int to_yuv(const char* from, const char* to, bool v_first) {
     return write_raw(to, bytes) ? 0 : 1;
 }
 
+/// A plane of `step` bytes a pixel, of which the byte `offset` counts.
+struct Plane {
+    const unsigned char* bytes;
+    int w, h, step, offset;
+
+    double at(int x, int y) const {
+        return bytes[(static_cast<size_t>(y) * w + x) * static_cast<size_t>(step) + offset];
+    }
+};
+
+/// The plane at w x h, pixel centres on pixel centres, by bilinear weights in double. The front end
+/// works in integers with 11 bits of a weight and drops the last bits twice on the way; the sizes
+/// that are compared are a half or the same, where the weights are halves or one and nothing is
+/// lost but the rounding of a quarter sum. So its result is this one, rounded to nearest, halves
+/// upwards.
+std::vector<double> resized(const Plane& plane, int w, int h) {
+    std::vector<double> result;
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const double sx = (x + 0.5) * plane.w / w - 0.5, sy = (y + 0.5) * plane.h / h - 0.5;
+            const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
+            const double fx = sx - x0, fy = sy - y0;
+            double sum = 0.0;
+            for (int i = 0; i < 4; ++i) {
+                const double weight = (i % 2 ? fx : 1.0 - fx) * (i / 2 ? fy : 1.0 - fy);
+                if (weight > 0.0) sum += weight * plane.at(x0 + i % 2, y0 + i / 2);
+            }
+            result.push_back(std::floor(sum + 0.5));
+        }
+    }
+    return result;
+}
+
+/// Red, green and blue of full-range luma and chroma with the front end's factors, in 64ths; what
+/// leaves the range of a byte wraps.
+int yuv_to_ppm(const char* format, const char* size, const char* from, const char* target_size,
+               const char* to) {
+    const bool v_first = std::strcmp(format, "nv21") == 0;
+    int w = 0, h = 0, tw = 0, th = 0;
+    if (std::sscanf(size, "%dx%d", &w, &h) != 2 ||
+        std::sscanf(target_size, "%dx%d", &tw, &th) != 2 || w < 2 || h < 2 || tw < 2 || th < 2 ||
+        (w != tw && w != 2 * tw) || (h != th && h != 2 * th)) {
+        return 2;
+    }
+    const size_t pixels = static_cast<size_t>(w) * h;
+    std::vector<unsigned char> frame(pixels * 3 / 2);
+    std::FILE* file = std::fopen(from, "rb");
+    if (file == nullptr) return 1;
+    const bool whole = std::fread(frame.data(), 1, frame.size(), file) == frame.size();
+    std::fclose(file);
+    if (!whole) return 1;
+
+    const std::vector<double> luma = resized({frame.data(), w, h, 1, 0}, tw, th);
+    const unsigned char* pairs = frame.data() + pixels;
+    const std::vector<double> v =
+        resized({pairs, w / 2, h / 2, 2, v_first ? 0 : 1}, tw / 2, th / 2);
+    const std::vector<double> u =
+        resized({pairs, w / 2, h / 2, 2, v_first ? 1 : 0}, tw / 2, th / 2);
+    std::vector<unsigned char> rgb;
+    for (int y = 0; y < th; ++y) {
+        for (int x = 0; x < tw; ++x) {
+            const size_t pair = static_cast<size_t>(y / 2) * (tw / 2) + x / 2;
+            const double l = luma[static_cast<size_t>(y) * tw + x];
+            const double dv = v[pair] - 128.0, du = u[pair] - 128.0;
+            const double colours[3] = {l + dv * 90.0 / 64.0,
+                                       l - dv * 46.0 / 64.0 - du * 22.0 / 64.0,
+                                       l + du * 113.0 / 64.0};
+            for (const double colour : colours) {
+                const double level = std::floor(colour);
+                rgb.push_back(
+                    static_cast<unsigned char>(level - 256.0 * std::floor(level / 256.0)));
+            }
+        }
+    }
+    std::FILE* out = std::fopen(to, "wb");
+    if (out == nullptr) return 1;
+    std::fprintf(out, "P6\n%d %d\n255\n", tw, th);
+    const bool good = std::fwrite(rgb.data(), 1, rgb.size(), out) == rgb.size();
+    return std::fclose(out) == 0 && good ? 0 : 1;
+}
+
 int overlap(const char* first, const char* second, int percent) {
     int w[2] = {}, h[2] = {}, channels = 0;
     unsigned char* grey[2] = {stbi_load(first, &w[0], &h[0], &channels, 1),
@@ -120,6 +204,9 @@ int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "to-rgba") == 0) return to_rgba(argv[2], argv[3]);
     if (argc == 4 && std::strcmp(argv[1], "to-nv21") == 0) return to_yuv(argv[2], argv[3], true);
     if (argc == 4 && std::strcmp(argv[1], "to-nv12") == 0) return to_yuv(argv[2], argv[3], false);
+    if (argc == 7 && std::strcmp(argv[1], "yuv-to-ppm") == 0) {
+        return yuv_to_ppm(argv[2], argv[3], argv[4], argv[5], argv[6]);
+    }
     if (argc == 5 && std::strcmp(argv[1], "overlap") == 0) {
         return overlap(argv[2], argv[3], std::atoi(argv[4]));
     }

@@ -29,6 +29,7 @@ using testing_support::write_file;
 struct Outcome {
     int status = -1;  ///< exit status; -1 when a signal ended the process
     bool timed_out = false;
+    int64_t peak_resident = 0;  ///< bytes; at least those of the process that started it
     std::string out;
     std::string err;
 
@@ -56,8 +57,7 @@ inline Outcome run_tarno(const std::vector<std::string>& arguments, int seconds 
     std::vector<std::string> words = {TARNO_COMMAND};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
+    for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
 
     const pid_t child = fork();
@@ -79,16 +79,18 @@ inline Outcome run_tarno(const std::vector<std::string>& arguments, int seconds 
     Outcome outcome;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     int state = 0;
-    while (waitpid(child, &state, WNOHANG) == 0) {
+    rusage usage = {};
+    while (wait4(child, &state, WNOHANG, &usage) == 0) {
         if (std::chrono::steady_clock::now() > end) {
             outcome.timed_out = true;
             kill(child, SIGKILL);
-            waitpid(child, &state, 0);
+            wait4(child, &state, 0, &usage);
             break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     if (WIFEXITED(state)) outcome.status = WEXITSTATUS(state);
+    outcome.peak_resident = int64_t{usage.ru_maxrss} * 1024;
     outcome.out = read_file(out_path);
     outcome.err = read_file(err_path);
     return outcome;

@@ -15,12 +15,13 @@ using Words = std::vector<std::string>;
 TEST(CommandLine, HelpFitsAPageAndNamesAllCommands) {
     const Outcome outcome = run_tarno({"--help"});
     expect_success(outcome);
-    for (const char* command : {"info", "run", "bench"}) {
+    for (const char* command : {"info", "run", "bench", "tune", "compare"}) {
         EXPECT_NE(outcome.out.find(std::string("\n  ") + command + " "), std::string::npos)
             << command;
     }
     for (const Words& words :
-         {Words{"--help"}, Words{"info", "--help"}, Words{"run", "--help"}, Words{"bench", "-h"}}) {
+         {Words{"--help"}, Words{"info", "--help"}, Words{"run", "--help"}, Words{"bench", "-h"},
+          Words{"compare", "--help"}}) {
         const Outcome help = run_tarno(words);
         expect_success(help);
         std::istringstream lines(help.out);

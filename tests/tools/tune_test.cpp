@@ -5,13 +5,13 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "tools/array_files.h"
-#include "tools/command.h"
+#include "tools/tuning.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-class Tune : public testing::Test {
+class Tune : public Tuning {
 protected:
     void SetUp() override {
         modelkit::ModelHeader header;
@@ -47,60 +47,16 @@ protected:
         const int twice = net.upsampling(half, 2.0);
         const int joined = net.concat({twice, first});
         net.conv(joined, 4, 1, 1, 0, ActivationType_Sigmoid);
-        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+        save(net, 4, 32, 32);
         layers = 14;
-
-        std::vector<float> values(4 * 32 * 32);
-        for (size_t i = 0; i < values.size(); ++i) {
-            values[i] = std::sin(static_cast<float>(i) * 0.37f);
-        }
-        write_file(input, npy_file("<f4", "(4, 32, 32)", raw(values)));
     }
 
-    std::string tuned() {
-        const Outcome outcome = run_tarno({"tune", "--model", model, "--output", table});
-        expect_success(outcome);
-        return read_file(table);
-    }
-
-    std::vector<float> output_of(const std::vector<std::string>& extra) {
-        const std::string out = folder / "out.npy";
-        std::vector<std::string> words = {"run",    "--model", model,      "--input", input,
-                                          "--norm", "1",       "--output", out};
-        words.insert(words.end(), extra.begin(), extra.end());
-        expect_success(run_tarno(words));
-        return read_array(out).values;
-    }
-
-    /// One line, status 1, and each of the words in it.
-    void expect_refusal(const std::string& text, const std::vector<std::string>& words) {
-        const std::string edited = folder / "edited.h";
-        write_file(edited, text);
-        const Outcome outcome = run_tarno({"run", "--model", model, "--table", edited, "--input",
-                                           input, "--output", folder / "none.npy"});
-        EXPECT_EQ(1, outcome.status) << outcome.err;
-        EXPECT_EQ(1u, outcome.error_lines()) << outcome.err;
-        for (const std::string& word : words) {
-            EXPECT_NE(std::string::npos, outcome.err.find(word)) << word << " in " << outcome.err;
-        }
-        EXPECT_FALSE(std::filesystem::exists(folder / "none.npy"));
-    }
-
-    Folder folder;
-    std::string model = folder / "net.zqnet";
-    std::string table = folder / "table.h";
-    std::string input = folder / "input.npy";
     size_t layers = 0;
 };
 
 TEST_F(Tune, ThePrintedTableGivesTheDefaultRulesOutputWithinRounding) {
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    // Sums of at most 144 products pass through five layers whose weights keep sizes near 1; the
-    // sigmoid at the end divides an error by four at least.
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, TheTableHasAMachineLineAndTheDocumentedColumns) {
@@ -146,15 +102,9 @@ TEST_F(Tune, LayersOfAllSortsRoundTrip) {
         net.conv(wide, 8, modelkit::Window{3, 1, 1, 0, 1, 1, 1, 1}, ActivationType_ReLU);
     const int up = net.upsampling(line, 2.0, 0);
     net.conv(up, 4, 1, 1, 0, ActivationType_Tanh);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-    std::vector<float> values(4 * 30 * 30);
-    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i) * 0.11f);
-    write_file(input, npy_file("<f4", "(4, 30, 30)", raw(values)));
+    save(net, 4, 30, 30);
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, DenseLayersRoundTrip) {
@@ -163,15 +113,56 @@ TEST_F(Tune, DenseLayersRoundTrip) {
     const int flat = net.reshape(features, {1, 32});
     const int dense = net.fully_connected(flat, 32, 10);
     net.lstm(dense, 10, 4);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-    std::vector<float> values(32);
-    for (size_t i = 0; i < values.size(); ++i) values[i] = std::sin(static_cast<float>(i));
-    write_file(input, npy_file("<f4", "(4, 1, 8)", raw(values)));
+    save(net, 4, 1, 8);
     tuned();
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-6) << i;
+    expect_the_same_within_rounding();
+}
+
+TEST_F(Tune, TheReportListsWhatWasTriedForEveryLayerWithItsTime) {
+    tuned();
+    const size_t start = report.find("Operators that were tried");
+    ASSERT_NE(std::string::npos, start) << report;
+    const std::string tried = report.substr(start, report.find("whole net") - start);
+    // id, layer, operator, layout, milliseconds, times as fast, marks
+    const std::regex row(R"( *(\d+) +(\S+) +(\w+) +(\w+(?: to \w+)?) +(\d+\.\d+) +(\S+) *(.*))");
+    std::vector<std::string> defaults, chosen;
+    std::map<std::string, int> trials;
+    for (const std::string& line : lines_of(tried)) {
+        std::smatch match;
+        if (!std::regex_match(line, match, row)) continue;
+        const std::string layer = match[1].str() + " " + match[2].str();
+        ++trials[layer];
+        const std::string marks = match[7];
+        if (marks.find("default") != std::string::npos) {
+            defaults.push_back(match[3]);
+            EXPECT_EQ("1.00", match[6]) << line;
+        }
+        if (marks.find("chosen") != std::string::npos) chosen.push_back(layer);
+    }
+    // One of each for every row of the table but the concat's.
+    EXPECT_EQ((std::vector<std::string>{"Input_Fallback", "Convolution_3x3s1_Float_SGEMM",
+                                        "ReLU_Float_SSE", "Convolution_1x1s1_Float_SGEMM",
+                                        "ReLU_Float_SSE", "ConvolutionDepthwise_Float_Fallback",
+                                        "ReLU_Float_SSE", "Elementwise_Float_SSE", "ReLU_Float_SSE",
+                                        "Pooling_Float_Fallback", "Upsampling_Float_Fallback",
+                                        "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"}),
+              defaults);
+    EXPECT_EQ(layers - 1, chosen.size());
+    // All that fit, whichever won.
+    EXPECT_GE(trials["1 Convolution3x3s1x1"], 12) << tried;
+    EXPECT_GE(trials["2 Convolution1x1s1x1"], 13) << tried;
+    EXPECT_GE(trials["3 ConvolutionDepthWise3x3s1x1"], 11) << tried;
+    EXPECT_EQ(2, trials["8 Sigmoid"]) << "one operator in two layouts\n" << tried;
+}
+
+TEST_F(Tune, ANetWithoutAChoiceGetsTheRulesTableAndSaysSo) {
+    NetBuilder net;
+    net.activation(net.input(4, 0.125, 0.125), ActivationType_Sigmoid);
+    save(net, 4, 32, 32);
+    tuned();
+    EXPECT_NE(std::string::npos, report.find("no operator beats those of the default rule"))
+        << report;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, WithoutAnOutputFileTheTableGoesToStandardOutput) {
@@ -198,8 +189,9 @@ TEST_F(Tune, ATableBenchesLikeAnyNet) {
 
 TEST_F(Tune, AnUnknownOperatorIsNamedWithItsLine) {
     const std::string text = tuned();
-    expect_refusal(replaced(text, "Input_Fallback_operator", "Inpet_Fallback_operator"),
-                   {"edited.h: line 4", "Inpet_Fallback", "expected an operator of the library"});
+    expect_table_refused(
+        replaced(text, "Input_Fallback_operator", "Inpet_Fallback_operator"),
+        {"edited.h: line 4", "Inpet_Fallback", "expected an operator of the library"});
 }
 
 TEST_F(Tune, ATableOfAnotherLengthIsRefusedWithBothNumbers) {
@@ -208,7 +200,7 @@ TEST_F(Tune, ATableOfAnotherLengthIsRefusedWithBothNumbers) {
     lines.erase(lines.begin() + 5);
     std::string shorter;
     for (const std::string& line : lines) shorter += line + "\n";
-    expect_refusal(shorter, {"expected 14 rows", "found 13", "net.zqnet"});
+    expect_table_refused(shorter, {"expected 14 rows", "found 13", "net.zqnet"});
 }
 
 TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
@@ -222,49 +214,24 @@ TEST_F(Tune, AnOperatorThatDoesNotFitIsRefusedWithRowLayerAndReason) {
         return text;
     };
     // Row 1 is the 3x3 convolution, row 2 its ReLU, row 11 the concat.
-    expect_refusal(with_row(1, "Convolution_1x1s1_Float_SGEMM"),
-                   {"line 5", "row 1", "layer 1 (Conv2D)", "kernels of 1x1", "3x3"});
-    expect_refusal(with_row(1, "Convolution_3x3s2_Float_SGEMM"), {"row 1", "stride of 2"});
-    expect_refusal(with_row(1, "ReLU_Float_SSE"), {"row 1", "kind Activation"});
-    expect_refusal(with_row(1, "nullptr"), {"row 1", "expected an operator, found nullptr"});
-    expect_refusal(with_row(2, "Sigmoid_Float_Fallback"),
-                   {"row 2", "its activation", "another activation"});
-    expect_refusal(with_row(11, "Eltwise_Float_Fallback"), {"row 11", "expected nullptr"});
+    expect_table_refused(with_row(1, "Convolution_1x1s1_Float_SGEMM"),
+                         {"line 5", "row 1", "layer 1 (Conv2D)", "kernels of 1x1", "3x3"});
+    expect_table_refused(with_row(1, "Convolution_3x3s2_Float_SGEMM"), {"row 1", "stride of 2"});
+    expect_table_refused(with_row(1, "ReLU_Float_SSE"), {"row 1", "kind Activation"});
+    expect_table_refused(with_row(1, "nullptr"), {"row 1", "expected an operator, found nullptr"});
+    expect_table_refused(with_row(2, "Sigmoid_Float_Fallback"),
+                         {"row 2", "its activation", "another activation"});
+    expect_table_refused(with_row(11, "Eltwise_Float_Fallback"), {"row 11", "expected nullptr"});
 }
 
 TEST_F(Tune, ALayoutThatTheNextLayerDoesNotTakeIsRefused) {
-    std::string text = "{\n";
-    const char* names[] = {"Input_Fallback",
-                           "Convolution_3x3s1_Float_SGEMM",
-                           "ReLU_Float_SSE_CHW_To_C4HW4",
-                           "Convolution_1x1s1_Float_SGEMM",
-                           "ReLU_Float_SSE",
-                           "ConvolutionDepthwise_Float_Fallback",
-                           "ReLU_Float_SSE",
-                           "Elementwise_Float_SSE",
-                           "ReLU_Float_SSE",
-                           "Pooling_Float_Fallback",
-                           "Upsampling_Float_Fallback",
-                           "nullptr",
-                           "Convolution_1x1s1_Float_SGEMM",
-                           "Sigmoid_Float_Fallback"};
-    for (const char* name : names) {
-        text += std::string(name) == "nullptr"
-                    ? "{nullptr, 0, 0},\n"
-                    : "{TarnoCPU::" + std::string(name) + "_operator_creator, 0, 0},\n";
-    }
-    text += "};\n";
-    expect_refusal(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
-}
-
-/// A table of these classes, in this order.
-std::string table_of(const std::vector<std::string>& names) {
-    std::string text = "{\n";
-    for (const std::string& name : names) {
-        text += name == "nullptr" ? "{nullptr, 0, 0},\n"
-                                  : "{TarnoCPU::" + name + "_operator_creator, 0, 0},\n";
-    }
-    return text + "};\n";
+    const std::string text =
+        table_of({"Input_Fallback", "Convolution_3x3s1_Float_SGEMM", "ReLU_Float_SSE_CHW_To_C4HW4",
+                  "Convolution_1x1s1_Float_SGEMM", "ReLU_Float_SSE",
+                  "ConvolutionDepthwise_Float_Fallback", "ReLU_Float_SSE", "Elementwise_Float_SSE",
+                  "ReLU_Float_SSE", "Pooling_Float_Fallback", "Upsampling_Float_Fallback",
+                  "nullptr", "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"});
+    expect_table_refused(text, {"row 3", "layer 2 (Conv2D)", "takes CHW, the layer gets C4HW4"});
 }
 
 TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
@@ -275,10 +242,7 @@ TEST_F(Tune, AHandWrittenChainOfFourChannelsSideBySideGivesTheSameOutput) {
                                 "Elementwise_Float_SSE", "ReLU_Float_SSE_C4HW4_To_CHW",
                                 "Pooling_Float_Fallback", "Upsampling_Float_Fallback", "nullptr",
                                 "Convolution_1x1s1_Float_SGEMM", "Sigmoid_Float_Fallback"}));
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 }
 
 TEST_F(Tune, AConcatJoinsBlocksOfFour) {
@@ -290,7 +254,7 @@ TEST_F(Tune, AConcatJoinsBlocksOfFour) {
     const int first = net.conv(image, 8, 3, 1, 1, ActivationType_ReLU);
     const int second = net.conv(first, 8, 1, 1, 0, ActivationType_ReLU);
     net.conv(net.concat({first, second}), 8, 1, 1, 0, ActivationType_ReLU);
-    ASSERT_TRUE(net.save(model).ok()) << net.status().message();
+    save(net, 4, 32, 32);
     const std::vector<std::string> names = {"Input_Fallback",
                                             "Convolution_3x3s1_Float_SGEMM",
                                             "ReLU_Float_SSE_CHW_To_C4HW4",
@@ -300,14 +264,11 @@ TEST_F(Tune, AConcatJoinsBlocksOfFour) {
                                             "Convolution_1x1s1_Float_SSE_C4HW4_M3",
                                             "ReLU_Float_SSE_C4HW4_To_CHW"};
     write_file(table, table_of(names));
-    const std::vector<float> by_rule = output_of({});
-    const std::vector<float> by_table = output_of({"--table", table});
-    ASSERT_EQ(by_rule.size(), by_table.size());
-    for (size_t i = 0; i < by_rule.size(); ++i) EXPECT_NEAR(by_rule[i], by_table[i], 2e-5) << i;
+    expect_the_same_within_rounding();
 
     std::vector<std::string> unfinished = names;
     unfinished.back() = "ReLU_Float_SSE";
-    expect_refusal(table_of(unfinished), {"row 7", "expected a result in CHW"});
+    expect_table_refused(table_of(unfinished), {"row 7", "expected a result in CHW"});
 }
 
 TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
@@ -324,6 +285,10 @@ TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
         {Window::square(3, 1, 1), 6, true, "Convolution_3x3s1_Float_SSE_M7", "divisible by 4"},
         {Window::square(3, 1, 1), 8, false, "Convolution_3x3s1_Float_SSE_M1", "reads a bias"},
         {Window::square(3, 2, 1), 8, true, "Convolution_3x3s2_Float_SSE_M1", "even sizes"},
+        {Window::square(3, 1, 0), 8, true, "Convolution_Float_Fallback",
+         "makes 32x32 pixels of 32x32, the layer has 30x30"},
+        {Window::square(4, 1, 0), 8, true, "Convolution_4x4s1_Float_SGEMM",
+         "makes 29x29 pixels of 32x32, the layer has 32x32"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -333,22 +298,29 @@ TEST_F(Tune, ShapesPaddingsAndBiasesThatAnOperatorDoesNotTakeAreNamed) {
         NetBuilder net(header, 4);
         net.conv(net.input(4), c.channels, c.window);
         if (!c.bias) static_cast<ZQLayerInfo_Conv2D*>(net.record(1))->has_bias = 0;
-        ASSERT_TRUE(net.save(model).ok()) << net.status().message();
-        std::vector<float> values(static_cast<size_t>(4 * header.base_h * header.base_w), 0.5f);
-        write_file(input,
-                   npy_file("<f4", "(4, " + std::to_string(header.base_h) + ", 32)", raw(values)));
-        expect_refusal(table_of({"Input_Fallback", c.name}),
-                       {"row 1", "layer 1 (Conv2D)", c.reason});
+        save(net, 4, static_cast<int>(header.base_h), 32);
+        expect_table_refused(table_of({"Input_Fallback", c.name}),
+                             {"row 1", "layer 1 (Conv2D)", c.reason});
     }
+}
+
+TEST_F(Tune, ADeconvolutionOfAnotherSizeIsRefused) {
+    NetBuilder net;
+    const int image = net.input(4, 0.125, 0.125);
+    net.deconvolution(image, 4, 3, 2, 0);
+    save(net, 4, 32, 32);
+    expect_table_refused(
+        table_of({"Input_Fallback", "Deconvolution_Float_Blas"}),
+        {"row 1", "layer 1 (Conv2DTranspose)", "makes 64x64 pixels of 32x32, the layer has 66x66"});
 }
 
 TEST_F(Tune, NonsenseIsRefusedWithItsLine) {
     const std::string text = tuned();
-    expect_refusal(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
-    expect_refusal(replaced(text, "};\n", ""), {"expected a line \"};\""});
-    expect_refusal("", {"expected a line \"{\""});
-    expect_refusal(text + "int x;\n", {"nothing behind the table"});
-    expect_refusal("{\n" + std::string(5000, 'x') + "\n};\n", {"line 2", "5000"});
+    expect_table_refused(replaced(text, ",  0,  0},", ",  0},"), {"line 4", "expected a row"});
+    expect_table_refused(replaced(text, "};\n", ""), {"expected a line \"};\""});
+    expect_table_refused("", {"expected a line \"{\""});
+    expect_table_refused(text + "int x;\n", {"nothing behind the table"});
+    expect_table_refused("{\n" + std::string(5000, 'x') + "\n};\n", {"line 2", "5000"});
 }
 
 TEST_F(Tune, AMissingTableIsOneLine) {

@@ -1,0 +1,10 @@
+# Writes OUTPUT: one {"name", R"(text)"} row for each .comp file in FOLDER. Run with cmake -P.
+file(GLOB programs "${FOLDER}/*.comp")
+list(SORT programs)
+set(rows "")
+foreach(program IN LISTS programs)
+  get_filename_component(name "${program}" NAME_WE)
+  file(READ "${program}" text)
+  string(APPEND rows "{\"${name}\", R\"GLSL(${text})GLSL\"},\n")
+endforeach()
+file(WRITE "${OUTPUT}" "${rows}")

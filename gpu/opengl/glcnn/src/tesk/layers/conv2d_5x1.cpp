@@ -1,0 +1,11 @@
+#include "conv2d_5x1.h"
+
+#include "../tricks/tricks_conv2d_kxk.h"
+
+namespace tesk {
+
+void Conv2D_5x1::setup(ZQLayerInfo* record) {
+    if (take(record)) useByMode<Tricks_Conv2d_5x1_CI, Tricks_Conv2d_5x1_Basic>(record);
+}
+
+}  // namespace tesk

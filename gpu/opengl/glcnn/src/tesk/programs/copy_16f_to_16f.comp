@@ -1,0 +1,22 @@
+#version 310 es
+// Copies an image. What lies outside src counts as 0.
+//
+// in   src  image2D, unit 0
+// out  dst  image2D, unit 1: src
+// map  one thread per texel of dst
+// tail threads outside dst return
+precision highp float;
+
+layout(local_size_x = 8, local_size_y = 8, local_size_z = 1) in;
+
+layout(rgba16f, binding = 0) readonly uniform highp image2D src;
+layout(rgba16f, binding = 1) writeonly uniform highp image2D dst;
+
+void main()
+{
+    ivec2 pos = ivec2(gl_GlobalInvocationID.xy);
+    if (any(greaterThanEqual(pos, imageSize(dst)))) {
+        return;
+    }
+    imageStore(dst, pos, imageLoad(src, pos));
+}

@@ -1,0 +1,24 @@
+#version 310 es
+// Brings byte values to 0 to 1.
+//
+// in   src  image2D, unit 0: picture, components 0 to 255
+// out  dst  image2D, unit 1: (x, y, z) / 255, 0
+// map  one thread per texel of dst
+// tail threads outside dst return
+precision highp float;
+
+layout(local_size_x = 8, local_size_y = 8, local_size_z = 1) in;
+
+layout(rgba16f, binding = 0) readonly uniform highp image2D src;
+layout(rgba16f, binding = 1) writeonly uniform highp image2D dst;
+
+const float BYTE_MAX = 255.0;
+
+void main()
+{
+    ivec2 pos = ivec2(gl_GlobalInvocationID.xy);
+    if (any(greaterThanEqual(pos, imageSize(dst)))) {
+        return;
+    }
+    imageStore(dst, pos, vec4(imageLoad(src, pos).xyz / BYTE_MAX, 0.0));
+}

@@ -1,0 +1,27 @@
+#version 310 es
+// Takes the mean colour off a picture and puts the previous mask beside it.
+//
+// in   src  image2D, unit 0: picture, components 0 to 1
+//      pre  image2D, unit 1: previous mask in its first component, of the
+//      size of dst
+// out  dst  image2D, unit 2: (src.xyz - MEAN, pre.x)
+// map  one thread per texel of dst
+// tail threads outside dst return
+precision highp float;
+
+layout(local_size_x = 8, local_size_y = 8, local_size_z = 1) in;
+
+layout(rgba16f, binding = 0) readonly uniform highp image2D src;
+layout(rgba16f, binding = 1) readonly uniform highp image2D pre;
+layout(rgba16f, binding = 2) writeonly uniform highp image2D dst;
+
+const vec3 MEAN = vec3(0.485, 0.456, 0.406);
+
+void main()
+{
+    ivec2 pos = ivec2(gl_GlobalInvocationID.xy);
+    if (any(greaterThanEqual(pos, imageSize(dst)))) {
+        return;
+    }
+    imageStore(dst, pos, vec4(imageLoad(src, pos).xyz - MEAN, imageLoad(pre, pos).x));
+}

@@ -1,0 +1,32 @@
+#version 310 es
+// Resizes a picture by linear sampling and turns it by a quarter, against
+// downscale_rotate_program: the columns of dst run over the rows of src from
+// the bottom.
+//
+// in   src  sampler2D: any picture
+//      widthScale, heightScale  pixels of src per pixel of dst, along the
+//      width and the height of src
+// out  dst  image2D, unit 1: the sample at (widthScale * y, heightScale * (W
+//      - x)) of src, W the width of dst. Column 0 stands on the bottom edge
+//      of src, half in the border of zeros.
+// map  one thread per texel of dst
+// tail threads outside dst return
+precision highp float;
+
+layout(local_size_x = 8, local_size_y = 8, local_size_z = 1) in;
+
+uniform highp sampler2D src;
+layout(rgba16f, binding = 1) writeonly uniform highp image2D dst;
+uniform float widthScale;
+uniform float heightScale;
+
+void main()
+{
+    ivec2 pos = ivec2(gl_GlobalInvocationID.xy);
+    if (any(greaterThanEqual(pos, imageSize(dst)))) {
+        return;
+    }
+    vec2 turned = vec2(float(pos.y), float(imageSize(dst).x - pos.x));
+    vec2 at = vec2(widthScale, heightScale) * turned / vec2(textureSize(src, 0));
+    imageStore(dst, pos, texture(src, at));
+}

@@ -1,0 +1,45 @@
+// How far two engines may lie apart behind a layer when one of them stores its tensors as halves.
+#pragma once
+
+#include <tarno/model.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "gpu_rules.h"
+#include "model_plan.h"
+
+namespace tool {
+
+/// One layer's output on both engines, in the order of channels, rows, columns. `size` is the GPU
+/// engine's: the CPU engine has dense layers and reshapes as one row of the same elements.
+struct EnginePair {
+    TensorSize size;
+    std::vector<float> cpu;
+    std::vector<float> gpu;
+};
+
+/// |cpu - gpu|; 0 where both are the same infinity or no number, infinite where one alone is none.
+double element_difference(float cpu, float gpu);
+
+/// Why the two engines do not mean the same by a layer; nothing for layers that they run alike.
+std::optional<std::string> unlike_reason(const ZQLayerInfo& record, const TensorSize& cpu_size,
+                                         const TensorSize& gpu_size);
+
+/// For each element of a layer's output the difference that is explained: the measured differences
+/// of its inputs, through the layer at its worst; the rounding of sums of floats in any order; one
+/// rounding to half at the end, to nearest or towards zero. Where constant-index programs add up
+/// slice by slice in the output itself, one for each of these.
+///
+/// As the inputs' differences are measured ones, the bound is carried along the net and yet stays
+/// as tight as the net is: a layer is beyond it only for what the layer itself did. Infinite where
+/// a value may leave the range of halves. Not for layers that the engines do not run alike.
+std::vector<float> explained_difference(const ZQLayerInfo& record,
+                                        const std::vector<const EnginePair*>& bottoms,
+                                        const EnginePair& output, const GpuOptions& gpu);
+
+/// The same for an input: one rounding to half.
+std::vector<float> explained_input_difference(const EnginePair& input);
+
+}  // namespace tool
