@@ -54,8 +54,6 @@ Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::ve
 Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     result = Conversion();
     if (graph.inputs.empty()) return Status::failure("has no inputs");
-    const Status known = check_forms(graph);
-    if (!known) return known;
     std::vector<Dims> shapes;
     const Status resolved = resolve_shapes(graph, options, shapes);
     if (!resolved) return resolved;
