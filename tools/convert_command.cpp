@@ -168,6 +168,12 @@ void verify(const ConvertCommand& command, const onnx::Graph& original,
     for (const onnx::ValueProof& output : proof.outputs) {
         if (output.holds()) continue;
         std::fflush(stdout);
+        if (!output.halves_hold()) {
+            throw CommandError(command.input + ": the output \"" + onnx::printable(output.name) +
+                               "\": expected halves to change it by at most " +
+                               scientific(output.halves_bound) + ", found " +
+                               scientific(output.by_halves.maximum));
+        }
         throw CommandError(command.input + ": the output \"" + onnx::printable(output.name) +
                            "\": expected a difference of at most " + scientific(output.bound) +
                            " beside that of the halves, found " + scientific(output.unexplained));

@@ -317,7 +317,7 @@ void Lowering::split() {
     const Dims from = data.dims;
     int64_t start = 0;
     for (size_t i = 0; i < parts.size(); ++i) {
-        require(parts[i] >= 1 && start + parts[i] <= from[axis],
+        require(parts[i] >= 1 && parts[i] <= from[axis] - start,
                 "parts that make up " + std::to_string(from[axis]) + " expected");
         Dims dims = from;
         dims[axis] = parts[i];

@@ -5,8 +5,11 @@
 // layer's length can be off. A float sum is the exact sum of products that are each off by no more
 // than that (the classic backward error bound), so the third run shows what float arithmetic can do
 // to this network's outputs. The engine has to agree with the second run within a multiple of the
-// distance to the third; whatever else lies between the engine and the graph is the halves' doing,
-// and is told, not judged.
+// distance to the third.
+//
+// The second run's graph is the converter's own work. So that it may not be its own judge, the graph
+// as it was read is run with its weights off by as much as halves can make them (weight_noise.h):
+// the second run has to agree with the first within a multiple of what these runs are off.
 #pragma once
 
 #include <cstdint>
@@ -35,8 +38,10 @@ struct ValueProof {
     Difference by_halves;         ///< between the graph with the file's constants and the graph
     double unexplained = 0;       ///< largest difference between the engine and that graph
     double bound = 0;             ///< for `unexplained`
+    double halves_bound = 0;      ///< for `by_halves.maximum`
     std::vector<double> numbers;  ///< of the engine; for outputs only
-    bool holds() const { return unexplained <= bound; }
+    bool halves_hold() const { return by_halves.maximum <= halves_bound; }
+    bool holds() const { return unexplained <= bound && halves_hold(); }
 };
 
 struct Proof {

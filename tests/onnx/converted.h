@@ -87,6 +87,7 @@ inline void expect_proof(const Converted& result) {
     ASSERT_FALSE(result.proof.outputs.empty());
     for (const ValueProof& output : result.proof.outputs) {
         EXPECT_LE(output.unexplained, output.bound) << output.name;
+        EXPECT_LE(output.by_halves.maximum, output.halves_bound) << output.name;
     }
 }
 

@@ -57,6 +57,28 @@ TEST(Proof, HoldsForTheFileAsItIs) {
     EXPECT_GT(output.from_graph.relative, 0.0);
 }
 
+// File and rounded graph agree, as they do when a pass over the graph is wrong: the graph as it was
+// read has the last word.
+TEST(Proof, FailsWhenTheSimplifiedGraphIsAnotherOne) {
+    MadeModel model = two_convolutions();
+    Converted converted = convert_only(model.bytes());
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    for (const double change : {0.0, 0.02}) {
+        SCOPED_TRACE(change);
+        Tensor& bias = converted.original.initializers.at("b");
+        std::vector<double> values = bias.numbers();
+        for (double& value : values) value += change;
+        bias = Tensor::of_doubles(bias.dims, values);
+        prove_converted(converted);
+        ASSERT_TRUE(converted.status) << converted.status.message();
+        const ValueProof& output = converted.proof.outputs[0];
+        EXPECT_LE(output.unexplained, output.bound);
+        EXPECT_EQ(output.halves_hold(), change == 0.0)
+            << output.by_halves.maximum << " within " << output.halves_bound;
+        EXPECT_EQ(converted.proof.holds(), change == 0.0);
+    }
+}
+
 TEST(Proof, FailsWhenOneWeightIsTheNextHalf) {
     expect_failure(
         [](ZQLayerInfo& record) {
