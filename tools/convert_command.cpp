@@ -243,7 +243,8 @@ void convert(const ConvertCommand& command) {
     print_model(conversion);
     for (const std::string& note : conversion.notes) std::printf("\nnote: %s\n", note.c_str());
     if (command.engines != "cpu") {
-        std::printf("\nThe GPU engine is checked by its layer tables, not run.\n");
+        std::printf(
+            "\nThe GPU engine is checked by its layer tables, not run: tarno compare runs both.\n");
     }
     if (!command.no_verify) verify(command, original, conversion, model_path);
     files.commit();

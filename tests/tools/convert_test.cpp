@@ -14,6 +14,7 @@ namespace {
 
 using namespace command_test;
 using onnx_test::MadeModel;
+using onnx_test::With;
 using Ints = std::vector<int64_t>;
 using Words = std::vector<std::string>;
 
@@ -184,6 +185,36 @@ TEST_F(Convert, EnginesAreNamed) {
     write_file(input, model.bytes());
     expect_refusal(convert({"--engines", "both"}), 1, {"node \"y\" (Tanh)", "the GPU engine"});
     expect_success(convert());
+}
+
+TEST_F(Convert, AModelForBothEnginesAgreesOnBoth) {
+    MadeModel model;
+    model.input("x", {1, 3, 32, 32}).output("y");
+    model.random("w", {8, 3, 3, 3}, 1, 0.4).random("d", {8, 1, 3, 3}, 2, 0.5);
+    model.random("p", {12, 8, 1, 1}, 3, 0.5).random("t", {12, 4, 2, 2}, 4, 0.4);
+    model.floats("scale", {8, 1, 1}, {1, 2, 0.5f, 1, 1, 1.5f, 1, 1});
+    model.floats("scales", {4}, {1, 1, 2, 2});
+    const With pads = {"pads", Ints{1, 1, 1, 1}};
+    const With two = {"strides", Ints{2, 2}};
+    model.node("Conv", {"x", "w"}, {"1"}, {pads, two}).node("Relu", {"1"}, {"2"});
+    model.node("Conv", {"2", "d"}, {"3"}, {pads, {"group", 8}}).node("Relu", {"3"}, {"4"});
+    model.node("Mul", {"4", "scale"}, {"5"}).node("Add", {"5", "2"}, {"6"});
+    model.node("Relu", {"6"}, {"7"});
+    model.node("MaxPool", {"7"}, {"8"}, {{"kernel_shape", Ints{3, 3}}, pads, two});
+    model.node("Conv", {"8", "p"}, {"9"}).node("ConvTranspose", {"9", "t"}, {"10"}, {two});
+    model.node("Resize", {"10", "", "scales"}, {"11"}, {{"mode", "linear"}});
+    model.node("Sigmoid", {"11"}, {"y"});
+    write_file(input, model.bytes());
+    expect_success(convert({"--engines", "both"}));
+    std::vector<float> numbers(3 * 32 * 32);
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        numbers[i] = static_cast<float>(i * 37 % 101) / 101.0f;
+    }
+    write_file(folder / "x.npy", npy_file("<f4", "(3, 32, 32)", raw(numbers)));
+    const Outcome compared = run_tarno({"compare", "--model", output, "--input", folder / "x.npy"});
+    expect_success(compared);
+    EXPECT_NE(compared.out.find("differ by no more than half storage explains"), std::string::npos)
+        << compared.out;
 }
 
 TEST_F(Convert, TheWordsOfTheCommandLineAreChecked) {
