@@ -135,7 +135,8 @@ TEST_F(ElementWise, AProductOfThreeDoesNotCompileAndIsNotDispatched) {
     Images images;
     for (unsigned int i = 0; i < 3; ++i) images.push_back(upload(random_halves(4, 4, 4, i)));
     const auto target = make_output(4, 4, 4);
-    EXPECT_EQ(errors_of([&] { generator.compute(images, target.get()); }), 1u);
+    // Set-up has said why; a frame says so at verbose level only.
+    EXPECT_EQ(errors_of([&] { generator.compute(images, target.get()); }), 0u);
     EXPECT_TRUE(std::isnan(read_back(*target).at(0, 0, 0)));
 }
 
@@ -511,7 +512,7 @@ TEST_F(ActivationGenerator, AnyOtherCodeIsLoggedDoesNotCompileAndIsNotDispatched
         }
         const auto source = upload(random_halves(4, 4, 4, 1));
         const auto target = make_output(4, 4, 4);
-        EXPECT_EQ(errors_of([&] { generator.compute(source.get(), target.get()); }), 1u);
+        EXPECT_EQ(errors_of([&] { generator.compute(source.get(), target.get()); }), 0u);
         EXPECT_TRUE(std::isnan(read_back(*target).at(0, 0, 0)));
     }
 }
