@@ -423,6 +423,7 @@ void compare(const CompareCommand& command) {
         auto reduced = std::make_unique<ModelFile>();
         open_model(part->path, reports, *reduced);
         model = std::move(reduced);
+        model->path = command.model;  // the user knows nothing of the part's file
         cpu_plan = make_plan(*model, options);
         gpu_plan = make_gpu_plan(*model, options, command.gpu);
     }

@@ -29,7 +29,7 @@ GpuNet::GpuNet(const ModelFile& model, const ModelPlan& plan, GpuSession& sessio
     if (needs_catalogue(plan)) {
         session.manager.initProgramBinary(tesk::BinFileInfo{}, &session.manager);
     }
-    const bool made = built.loadFromFile(model.path, &session.pool, &session.manager);
+    const bool made = built.loadFromFile(model.file, &session.pool, &session.manager);
     if (!made || !reports.error().empty()) {
         throw CommandError(model.path + ": " +
                            (reports.error().empty()

@@ -375,8 +375,12 @@ void GpuPlanner::conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bott
             layer, "1x1, 3x1, 1x3, 3x3, 4x4, 5x1, 1x5, 5x5, 7x1 or 1x7",
             {{1, 1}, {3, 1}, {1, 3}, {3, 3}, {4, 4}, {5, 1}, {1, 5}, {5, 5}, {7, 1}, {1, 7}});
         if (pointwise_in_points(record, top)) {
-            // Four-point forms: code 6 does nothing there, 8 does not compile.
-            check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7});
+            // Leaky ReLU does nothing there, and ReLU6 does not compile in the form of one slice.
+            if (top.c > 4) {
+                check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7, 8});
+            } else {
+                check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7});
+            }
             check_shared_padding(layer, "points " + text_of(slices_of(bottom.c)) + " " +
                                             (top.c <= 4 ? "plain " : "array ") +
                                             text_of(record.activation) + " " +

@@ -7,6 +7,7 @@
 namespace tool {
 void open_model(const std::string& path, LibraryReports& reports, ModelFile& model) {
     model.path = path;
+    model.file = path;
     model.size = size_of_regular_file(path);
     // All fields are of 2 or 4 bytes. The reader takes a single last byte for the end.
     const bool odd = model.size % 2 != 0;

@@ -12,7 +12,8 @@ namespace tool {
 
 /// A model that was read without a fault.
 struct ModelFile {
-    std::string path;
+    std::string path;  ///< named in messages
+    std::string file;  ///< what was read; the same, but for a part of a model
     int64_t size = 0;
     ZQNetLoader loader;
 };

@@ -2,13 +2,17 @@
 #include <gtest/gtest.h>
 #include <tarno/gpu.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "gpu/opengl/glcnn/src/tesk/tricks/tricks_conv2d_1x1.h"
 #include "gpu/opengl/glcnn/src/tesk/tricks/tricks_conv2d_kxk.h"
 #include "support/gpu_convolutions.h"
+#include "support/gpu_dispatches.h"
 #include "support/recorders.h"
 
 namespace {
@@ -169,19 +173,27 @@ const int channel_counts[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 16};
 
 TEST_P(EachConvolution, AgreesForAllChannelCounts) {
     const Form& form = GetParam();
+    std::set<int> inputs, outputs;
     unsigned int seed = 1;
-    for (const int in_channels : channel_counts) {
+    for (int i = 0; i < 10; ++i) {
+        const int in_channels = channel_counts[i];
         if (is_four_slice(form) && in_channels <= 4) continue;  // does not compile
-        // Those that name the output channels share few programs.
-        for (const int shift : {0, 3}) {
+        // 3 and 10 have no common factor, so that the outputs run through all ten, too. Those forms
+        // that name the output channels share few programs.
+        for (const int shift : {0, 5}) {
             if (shift > 0 && form.rounding == Rounding::AfterEachInputSlice) continue;
             ConvolutionCase tested;
             tested.in_channels = in_channels;
-            tested.out_channels = channel_counts[(seed + static_cast<unsigned int>(shift)) % 10];
+            tested.out_channels = channel_counts[(3 * i + shift) % 10];
             tested.seed = seed++;
             check(form, tested);
+            inputs.insert(tested.in_channels);
+            outputs.insert(tested.out_channels);
         }
     }
+    const std::set<int> all(std::begin(channel_counts), std::end(channel_counts));
+    EXPECT_EQ(outputs, all);
+    EXPECT_EQ(inputs, is_four_slice(form) ? (std::set<int>{5, 6, 7, 8, 9, 16}) : all);
 }
 
 TEST_P(EachConvolution, AgreesForStridesPaddingsAndSizes) {
@@ -222,8 +234,10 @@ TEST_P(EachConvolution, AgreesForStridesPaddingsAndSizes) {
 TEST_P(EachConvolution, AgreesForAllActivationCodesWithAndWithoutBias) {
     const Form& form = GetParam();
     for (const int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}) {
-        // What the several-value forms make of leaky ReLU and ReLU6 has tests of its own.
-        if (has_points(form) && (code == 6 || code == 8)) continue;
+        // What the several-value forms make of leaky ReLU has a test of its own, and ReLU6 is the
+        // two-slice form's alone.
+        const bool two_slices = std::string(form.name) == "4Points_2Slice_1x1";
+        if (has_points(form) && (code == 6 || (code == 8 && !two_slices))) continue;
         ConvolutionCase tested;
         tested.in_channels = is_four_slice(form) ? 5 : 3;
         tested.out_channels = 6;
@@ -253,23 +267,115 @@ TEST_P(EachConvolution, DividesThePaddingByTheDilation) {
     }
 }
 
+/// Into how many blocks of four output slices at most: as few as divide the slices evenly.
+int blocks_of_four(int slices) {
+    int count = (slices + 3) / 4;
+    while (slices % count != 0) ++count;
+    return count;
+}
+
 TEST_P(EachConvolution, AgreesWithUniformBlocks) {
     const Form& form = GetParam();
     manager.uboSliceLimit = 4;
+    const int in_slices = 3;
+    // Four output slices to a block: 6, 8 and 16 of them are split.
+    manager.maxUniformBlockSize = 4 * in_slices * form.kernel_w * form.kernel_h * 32;
     unsigned int seed = 400;
+    int most = 0;
+    for (const int out_channels : {3, 13, 24, 32, 64}) {
+        if (form.rounding == Rounding::AfterEachInputSlice) continue;
+        ConvolutionCase tested;
+        tested.in_channels = 9;
+        tested.out_channels = out_channels;
+        tested.activation = 2;
+        tested.seed = seed++;
+        const DispatchRecorder dispatches;
+        check(form, tested);
+        const int blocks = blocks_of_four((out_channels + 3) / 4);
+        // This form alone takes a storage buffer for weights that one block holds.
+        const bool storage = std::string(form.name) == "Basic_1x3" && out_channels <= 16;
+        EXPECT_EQ(dispatches.all(), blocks) << out_channels << " output channels";
+        EXPECT_EQ(dispatches.with_uniform_weights(), storage ? 0 : blocks)
+            << out_channels << " output channels";
+        most = std::max(most, dispatches.with_uniform_weights());
+    }
+    if (form.rounding == Rounding::Once) {
+        EXPECT_EQ(most, 4);
+    }
+}
+
+TEST_P(EachConvolution, OfConstantIndicesAgreesWithUniformBlocks) {
+    const Form& form = GetParam();
+    if (form.rounding == Rounding::Once) return;
+    unsigned int seed = 450;
     for (const int block_bytes : {65536, 4096}) {
         manager.maxUniformBlockSize = block_bytes;
-        for (const int out_channels : {3, 16, 24, 13}) {
-            if (form.rounding == Rounding::AfterEachInputSlice && out_channels > 16) continue;
+        // Slices in ones, twos, threes and fours.
+        const int cases[][2] = {{3, 1}, {20, 5}, {8, 1}, {24, 2}, {13, 1}};
+        for (const auto& [out_channels, blocks] : cases) {
             ConvolutionCase tested;
             tested.in_channels = 9;
             tested.out_channels = out_channels;
             tested.activation = 2;
             tested.seed = seed++;
+            const DispatchRecorder dispatches;
             check(form, tested);
+            EXPECT_EQ(dispatches.with_uniform_weights(), 3 * blocks) << out_channels;
+            EXPECT_EQ(dispatches.all(), 3 * blocks + 2) << "clearing and the last pass";
         }
-        manager.release();
     }
+}
+
+class UniformBlocks : public ConvolutionTest {
+protected:
+    /// Dispatches of a 1x1 layer that read uniform blocks; its values are checked.
+    int uniform_dispatches(const std::string& name, int in_channels, int out_channels) {
+        const auto form = std::find_if(forms().begin(), forms().end(),
+                                       [&](const Form& each) { return each.name == name; });
+        ConvolutionCase tested;
+        tested.in_channels = in_channels;
+        tested.out_channels = out_channels;
+        tested.in_width = tested.out_width = 3;
+        tested.in_height = tested.out_height = 3;
+        tested.seed = 700;
+        const DispatchRecorder dispatches;
+        check(*form, tested);
+        return dispatches.with_uniform_weights();
+    }
+};
+
+TEST_F(UniformBlocks, OfASplitThatReadsBehindTheBiasBlockAreStorageBuffers) {
+    // Two input slices: 64 bytes for each output slice. Three blocks of 85 slices: the last of the
+    // four-slice form reads on to slice 170 + 88, of the two-slice form to 170 + 86.
+    manager.uboSliceLimit = 4;
+    manager.maxUniformBlockSize = 88 * 64;
+    EXPECT_EQ(uniform_dispatches("4Points_4Slice_1x1", 8, 4 * 255), 0);
+    EXPECT_EQ(uniform_dispatches("4Points_2Slice_1x1", 8, 4 * 255), 3);
+    EXPECT_EQ(uniform_dispatches("4PointsOut_1x1", 8, 4 * 255), 3);
+    // The two-slice form ends with slice 256 at most.
+    manager.uboSliceLimit = 256;
+    manager.maxUniformBlockSize = 2 * 64;
+    EXPECT_EQ(uniform_dispatches("4Points_2Slice_1x1", 8, 4 * 256), 128);
+    EXPECT_EQ(uniform_dispatches("4Points_2Slice_1x1", 8, 4 * 255), 255);
+}
+
+TEST_F(UniformBlocks, AreOf64KiBWhateverTheDriverAllows) {
+    manager.uboSliceLimit = 4;
+    manager.maxUniformBlockSize = 1 << 30;
+    EXPECT_EQ(uniform_dispatches("Basic_1x1", 8, 16), 1);
+    GLint program = 0;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &program);
+    const GLuint block = glGetUniformBlockIndex(static_cast<GLuint>(program), "weight_buffer");
+    ASSERT_NE(block, GL_INVALID_INDEX);
+    GLint bytes = 0;
+    glGetActiveUniformBlockiv(static_cast<GLuint>(program), block, GL_UNIFORM_BLOCK_DATA_SIZE,
+                              &bytes);
+    EXPECT_EQ(bytes, 65536);
+    // Three slices of 512 input slices are 48 KiB; what one block of 64 KiB does not hold is read
+    // from storage.
+    EXPECT_EQ(uniform_dispatches("Basic_1x1", 2048, 12), 1);
+    EXPECT_EQ(uniform_dispatches("Basic_1x1", 2048, 16), 1);
+    EXPECT_EQ(uniform_dispatches("Basic_1x1", 2048, 20), 0);
 }
 
 class ConvolutionPrograms : public ConvolutionTest {
@@ -298,6 +404,22 @@ TEST_F(ConvolutionPrograms, AreSharedByLayersThatDifferInNothingButWeights) {
     EXPECT_EQ(programsOf(tested), 1);
     EXPECT_EQ(manager.setupCosts.programsMade, 2);
     EXPECT_EQ(manager.setupCosts.programsShared, 1);
+}
+
+TEST_F(ConvolutionPrograms, ThreeToFiveChannels3x3EqualAPlainConvolutionOnChannels0To4) {
+    // ic 3, oc 5, 3x3 equals a plain convolution on channels 0 to 4.
+    int tested_forms = 0;
+    for (const Form& form : forms()) {
+        if (form.kernel_w != 3 || form.kernel_h != 3) continue;
+        ConvolutionCase tested;
+        tested.in_channels = 3;
+        tested.out_channels = 5;
+        tested.pad_x = tested.pad_y = 1;
+        tested.seed = 600;
+        check(form, tested);
+        ++tested_forms;
+    }
+    EXPECT_EQ(tested_forms, 2);
 }
 
 TEST_F(ConvolutionPrograms, FourPointFormsShareThemOverDifferentPaddings) {
@@ -339,6 +461,36 @@ TEST_F(ConvolutionPrograms, FourPointLeakyReluDoesNothing) {
         }
         EXPECT_GT(negative, 0);
     }
+}
+
+TEST_F(ConvolutionPrograms, TwoSliceReluSixClamps) {
+    ConvolutionCase tested;
+    tested.in_channels = 16;
+    tested.out_channels = 16;
+    tested.activation = 8;
+    Layer layer(tested);
+    const Tensor input = random_halves(16, 7, 9, 502, -8.0, 8.0);
+    tesk::Tricks_Conv2d_1x1_4Points_2Slice generator(&manager);
+    generator.setup(&layer.record);
+    const std::shared_ptr<tesk::Image> in = upload(input);
+    const std::shared_ptr<tesk::Image> out = make_output(16, 7, 9);
+    generator.compute(in.get(), out.get());
+    const Tensor result = read_back(*out);
+    const Form& form = forms()[forms().size() - 2];
+    ASSERT_STREQ(form.name, "4Points_2Slice_1x1");
+    int at_six = 0, at_zero = 0, between = 0;
+    for (int o = 0; o < 16; ++o) {
+        for (int y = 0; y < 7; ++y) {
+            for (int x = 0; x < 9; ++x) {
+                const Expected expected = reference(form, tested, input, layer, o, y, x);
+                ASSERT_NEAR(result.at(o, y, x), expected.value, expected.bound);
+                ++(expected.value == 6.0 ? at_six : expected.value == 0.0 ? at_zero : between);
+            }
+        }
+    }
+    EXPECT_GT(at_six, 0);
+    EXPECT_GT(at_zero, 0);
+    EXPECT_GT(between, 0);
 }
 
 TEST_F(ConvolutionPrograms, FourSliceReluSixDoesNotClamp) {

@@ -90,6 +90,8 @@ TEST(ConvolutionSource, OfManyIntoFewChannelsSparesTheOutputOffset) {
     expect_all(source, {"4;//do nothing for spare", "int offset = i * 2;",
                         "out_value += (unpack2Mat(weights[offset], weights[offset + 1]))\n"
                         "\t\t\t* texelFetchOffset(src, in_pos, 0, ivec2(0, 0));\t\n",
+                        "uniform lowp sampler2D dstIn;",
+                        "layout(rgba16f, binding = 1) writeonly uniform lowp image2D dst;",
                         "bias[0]"});
 }
 

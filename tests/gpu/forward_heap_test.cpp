@@ -77,7 +77,50 @@ TEST_F(ForwardHeap, TheCountSeesWhatTheLibraryTakes) {
     EXPECT_GT(from_library, 0);
 }
 
-TEST_F(ForwardHeap, AForwardTakesNothingBehindTheFirstRun) {
+TEST_F(ForwardHeap, ASecondRunThatMakesATextureTakesNothing) {
+    manager.netWidth = 16;
+    manager.netHeight = 16;
+    modelkit::ModelHeader header;
+    header.base_w = header.base_h = 16;
+    modelkit::NetBuilder model(header);
+    int last = model.input(8);
+    for (int i = 0; i < 10; ++i) last = model.conv(last, 8, 3, 1, 1, ActivationType_ReLU);
+    std::vector<unsigned char> bytes;
+    const modelkit::Status status = model.write(bytes);
+    ASSERT_TRUE(status.ok()) << status.message();
+    const testing_support::TemporaryFile file(bytes);
+    // The lists of a pool that grows as it likes have room for 1, 2, 4 or 8 entries: with up to
+    // three inputs of other nets on it, one of these is full when the second run begins.
+    for (int others = 0; others < 4; ++others) {
+        tesk::TexturePool shared(0);
+        std::vector<std::shared_ptr<tesk::Image>> images;
+        tesk::Net net;
+        ASSERT_TRUE(net.loadFromFile(file.path(), &shared, &manager));
+        for (int i = 0; i <= others; ++i) {
+            images.push_back(std::make_shared<tesk::Image>(16, 16, 8, GL_RGBA16F, &shared));
+            images.back()->addReadCount();
+            images.back()->texture();
+        }
+        std::vector<std::shared_ptr<tesk::Image>> first = {images[0]};
+        net.setInputs(first);
+        net.forward();
+        const int textures = shared.textureCount();
+        from_library = 0;
+        counting = true;
+        net.forward();
+        counting = false;
+        EXPECT_EQ(from_library, 0) << others;
+        // The output keeps the texture of the first run.
+        EXPECT_EQ(shared.textureCount(), textures + 1);
+        net.forward();
+        EXPECT_EQ(shared.textureCount(), textures + 1);
+        images.clear();
+        first.clear();
+        shared.release();
+    }
+}
+
+TEST_F(ForwardHeap, AForwardTakesNothingFromTheSecondFrameOn) {
     manager.netWidth = 16;
     manager.netHeight = 16;
     manager.initProgramBinary(tesk::BinFileInfo{}, &manager);

@@ -118,6 +118,56 @@ TEST_F(Net, AFileThatIsNoModelLeavesTheNetEmpty) {
     EXPECT_FALSE(net.ready());
 }
 
+TEST_F(Net, AFileThatIsNoModelEmptiesANetThatWasReady) {
+    tesk::Net net;
+    ASSERT_TRUE(load(net, chain(2)));
+    const LogRecorder log;
+    const AssertRecorder asserts;
+    EXPECT_FALSE(net.loadFile("/nowhere"));
+    EXPECT_FALSE(net.ready());
+    EXPECT_EQ(net.operatorCount(), 0);
+    EXPECT_EQ(net.getFeature(0), nullptr);
+    EXPECT_FALSE(net.setupNet(&pool, &manager));
+    net.forward();
+    EXPECT_EQ(lines_with(log, "Net not ready, please load first."), 1u);
+    EXPECT_TRUE(load(net, chain(3)));
+    EXPECT_EQ(net.operatorCount(), 3);
+}
+
+TEST_F(Net, ALayerWhoseProgramDoesNotLinkIsNamedAndNotDispatched) {
+    // ReLU6 of the four-point form of one slice.
+    manager.tricksMode = 0;
+    NetBuilder model = builder();
+    const int bottom = model.activation(model.input(8), ActivationType_ReLU);
+    const int top = model.conv(bottom, 4, 1, 1, 0, ActivationType_ReLU6);
+    tesk::Net net;
+    const LogRecorder log;
+    EXPECT_TRUE(load(net, model));
+    EXPECT_TRUE(net.ready());
+    EXPECT_EQ(lines_with(log, "layer " + std::to_string(top) +
+                                  " (Conv2D): expected a program that links, found none"),
+              1u);
+    EXPECT_EQ(lines_with(log, "layer " + std::to_string(bottom) + " "), 0u);
+    feed(net);
+    net.forward();
+    EXPECT_EQ(net.getOutputImage()->textureId(), 0u);
+}
+
+TEST_F(Net, ALayerWhoseGeneratorRefusesItsRecordIsNamedOnceAndTheNetIsReady) {
+    NetBuilder model = builder();
+    const int top = model.conv(model.input(8), 8, 3, 1, 1);
+    auto* const record = static_cast<ZQLayerInfo_Conv2D*>(model.record(top));
+    record->groups = 4;  // of two channels
+    tesk::Net net;
+    const LogRecorder log;
+    EXPECT_TRUE(load(net, model));
+    EXPECT_TRUE(net.ready());
+    EXPECT_EQ(lines_with(log, "layer " + std::to_string(top) + " (Conv2D): expected"), 1u);
+    feed(net);
+    net.forward();
+    EXPECT_EQ(net.getOutputImage()->textureId(), 0u);
+}
+
 TEST_F(Net, HeaderWordsAreCopiedWhenAFileIsLoaded) {
     modelkit::ModelHeader header = header_of(side, side);
     header.gesture_mode = 5;
@@ -534,7 +584,9 @@ TEST_F(Net, TexturesAreHandedFromLayerToLayer) {
     // The input's, and two that take turns.
     EXPECT_EQ(pool.textureCount(), 3);
     EXPECT_EQ(pool.texturesInUse(), 2);
-    // The output keeps its texture, so that the second run has one fewer to take turns with.
+    // Nobody reads the output: its count is 0 and it keeps its texture for the client, so that the
+    // second run has one fewer to take turns with. From then on there are enough.
+    EXPECT_EQ(net.getOutputImage()->readCount(), 0);
     net.forward();
     EXPECT_EQ(pool.textureCount(), 4);
     for (int run = 0; run < 5; ++run) net.forward();
@@ -664,6 +716,21 @@ TEST_F(Net, NullImagesAndOneTooManyAreLeftOut) {
     EXPECT_EQ(lines_with(log, "expected an image for each input layer"), 2u);
     tesk::Net empty;
     empty.setInputs(images);
+}
+
+TEST_F(Net, AnImageBeyondTheInputsBecomesTheOutputOfTheNextLayer) {
+    tesk::Net net;
+    ASSERT_TRUE(load(net, chain(2)));
+    const auto own = upload(Tensor(8, side, side, -1.0));
+    input = upload(random_halves(8, side, side, 7));
+    Images images = {input, own};
+    net.setInputs(images);
+    EXPECT_EQ(net.getFeature(1)->textureId(), own->textureId());
+    net.forward();
+    const Tensor written = read_back(*own);
+    const Tensor values = random_halves(8, side, side, 7);
+    for (size_t i = 0; i < values.values.size(); ++i)
+        ASSERT_EQ(written.values[i], std::fmax(values.values[i], 0.0));
 }
 
 TEST_F(Net, TwoInputsGoToTheFeaturesInTheirOrder) {

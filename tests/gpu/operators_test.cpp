@@ -132,6 +132,7 @@ TEST_F(Operators, PointwiseGoesByModeOutputSizeAndChannels) {
     using namespace tesk;
     manager.tricksMode = 4;
     expect_generator<Tricks_Conv2d_1x1_Basic>(pointwise(16, 16, 8));
+    expect_generator<Tricks_Conv2d_1x1_Basic>(pointwise(1, 1, 8));
     manager.tricksMode = 0;
     expect_generator<Tricks_Conv2d_1x1_4Points_2Slice>(pointwise(16, 16, 5));
     expect_generator<Tricks_Conv2d_1x1_4PointsOut>(pointwise(16, 16, 4));

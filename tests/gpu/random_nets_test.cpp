@@ -138,8 +138,10 @@ private:
         const NetBuilder::Size in = size(bottom);
         const bool even = in.width % 2 == 0 && in.height % 2 == 0;
         const int stride = even && out == 0 ? 2 : 1;
-        // The four-point forms of mode 0 have neither ReLU6 nor the leaky one.
-        const int activation = gpu.tricks_mode == 0 ? pick({0, 2, 3, 4}) : pick({0, 2, 3, 4, 6, 8});
+        // The four-point forms of mode 0 have no leaky ReLU, that of one slice no ReLU6 either.
+        const int activation = gpu.tricks_mode != 0 ? pick({0, 2, 3, 4, 6, 8})
+                               : out > 4            ? pick({0, 2, 3, 4, 8})
+                                                    : pick({0, 2, 3, 4});
         return net.conv(bottom, out == 0 ? 1 : out, 1, stride, 0, activation);
     }
 

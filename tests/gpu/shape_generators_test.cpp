@@ -437,6 +437,23 @@ TEST_F(FullConnection, UnusableNumbersAreRefused) {
     FullLayer bias(8, 8, false);
     bias.record.has_bias = 1;
     expect_refused(bias, "layer 7 (FullConnection): expected 8 biases, found 0");
+    manager.uboSliceLimit = 4;
+    FullLayer large(256, 132, true);
+    expect_refused(large,
+                   "layer 7 (FullConnection): expected weights of at most 65536 bytes in a uniform "
+                   "block, found 67584");
+    FullLayer many(8, 1025, true);
+    expect_refused(many,
+                   "layer 7 (FullConnection): expected at most 1024 outputs with uniform blocks, "
+                   "found 1025");
+}
+
+TEST_F(FullConnection, WeightsThatFillTheUniformBlock) {
+    manager.uboSliceLimit = 4;
+    expect_right(256, 128, true);
+    expect_right(8, 1024, true);
+    manager.uboSliceLimit = 0;
+    expect_right(256, 132, true);
 }
 
 TEST_F(ShapeTexts, FullConnectionNamesThatNothingIsKeptUnder) {

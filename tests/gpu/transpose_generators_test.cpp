@@ -8,6 +8,7 @@
 
 #include "gpu/opengl/glcnn/src/tesk/tricks/tricks_transpose_conv2d.h"
 #include "support/gpu_convolutions.h"
+#include "support/gpu_dispatches.h"
 #include "support/recorders.h"
 
 namespace {
@@ -187,16 +188,27 @@ TEST_P(EachTranspose, AgreesForTheActivationCodesThatItKnows) {
 }
 
 TEST_P(EachTranspose, AgreesWithUniformBlocks) {
+    const Form& form = GetParam();
     manager.uboSliceLimit = 4;
-    manager.maxUniformBlockSize = 4096;
-    for (const int out_channels : {3, 16, 13}) {
-        ConvolutionCase tested = base_case(GetParam());
+    // Four output slices to a block; constant indices take one, two, three or four at a time.
+    const int in_slices = 3;
+    manager.maxUniformBlockSize = 4 * in_slices * form.kernel_w * form.kernel_h * 32;
+    struct Case {
+        int out_channels, blocks, constant_blocks;
+    };
+    const Case cases[] = {{3, 1, 1}, {13, 1, 1}, {24, 2, 2}, {32, 2, 2}, {64, 4, 4}};
+    for (const Case& each : cases) {
+        if (form.constant_index && each.out_channels > 24) continue;
+        ConvolutionCase tested = base_case(form);
         tested.in_channels = 9;
-        tested.out_channels = out_channels;
-        tested.seed = 90 + static_cast<unsigned int>(out_channels);
-        check(GetParam(), tested);
+        tested.out_channels = each.out_channels;
+        tested.seed = 90 + static_cast<unsigned int>(each.out_channels);
+        const DispatchRecorder dispatches;
+        check(form, tested);
+        EXPECT_EQ(dispatches.with_uniform_weights(),
+                  form.constant_index ? in_slices * each.constant_blocks : each.blocks)
+            << each.out_channels << " output channels";
     }
-    manager.release();
 }
 
 INSTANTIATE_TEST_SUITE_P(Gpu, EachTranspose, testing::ValuesIn(forms),

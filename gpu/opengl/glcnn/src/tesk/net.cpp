@@ -7,6 +7,7 @@
 #include "crossplatform/src/common/src/crossplatform_zqnetloader.h"
 #include "crossplatform/src/common/src/half_float.h"
 #include "glutil/gl.h"
+#include "glutil/texture_pool.h"
 #include "layers/create_operator.h"
 #include "operator.h"
 #include "platform/assertion.h"
@@ -312,6 +313,8 @@ bool NetImpl::createImages(const ShapeLists& vvOutFtrShapes, tesk::TexturePool* 
     }
     const int largest = *std::max_element(_image_ids.begin(), _image_ids.end());
     _features.resize(static_cast<size_t>(largest) + 1);
+    // At most one texture for each image: a run then books nothing.
+    pool->reserve(static_cast<int>(_image_ids.size()));
     _inputs.clear();
     _outputs.clear();
     for (size_t i = 0; i < vvOutFtrShapes.size(); ++i) {
@@ -381,6 +384,7 @@ bool Net::loadFile(const std::string& path) {
     if (_impl->_loader == nullptr) _impl->_loader = std::make_unique<ZQNetLoader>();
     if (!_impl->_loader->LoadFile(path.c_str(), false)) {
         _impl->_loader.reset();
+        _impl->clear();
         return false;
     }
     _impl->_gesture_mode = _impl->_loader->getGestureMode();

@@ -41,7 +41,9 @@ public:
 ///
 /// Images take their textures from the pool at the first run and hand them on as the readers of
 /// each are done, so that a run lives in a few. Behind a run only the outputs that no layer reads
-/// hold one. `forward` takes nothing from the heap.
+/// hold one, for the client to read: the second run starts without these and may make as many
+/// textures anew, later ones make none. From the second frame on `forward` takes nothing from the
+/// heap; what the driver takes is its own affair.
 ///
 /// Copies share one network.
 class TN_API Net {
@@ -51,12 +53,17 @@ public:
     Net& operator=(const Net& other);
     virtual ~Net();
 
-    /// Reads a model file. False when that fails; the net then has no file.
+    /// Reads a model file. False when that fails; the net is then empty, also one that was ready.
     bool loadFile(const std::string& path);
     /// Makes the operators and their programs, then lets the file go: a second call gives false
     /// until `loadFile` has run again. False also for a layer that the engine has no operator for,
     /// a bottom that does not come before its layer, or a size that rounds to 0; one line in the
     /// log names the layer, and the net is empty.
+    ///
+    /// True does not say that every layer runs. A generator that refuses its record (a full
+    /// connection of at most 4 inputs, groups that are not of 4 channels, fewer weights than the
+    /// shapes ask for) or whose program the driver does not take logs one error line that names the
+    /// layer; the layer then dispatches nothing, and its output stays as it was.
     ///
     /// The input layers must have the lowest ids. A net is meant to be set up once: a further
     /// file's operators stand behind those of the first.
@@ -70,6 +77,15 @@ public:
     /// pool. Raise an image's read count by one beforehand: otherwise the first run gives its
     /// texture back to the pool. Null pointers and images beyond the features are left out, with a
     /// log line.
+    ///
+    /// Image and feature are two owners of one texture, of which neither hears of the other: the
+    /// first to give it back (its count at 0, `resize`, its end) frees it in the pool for both, and
+    /// the other then reads and writes what may be another tensor's. Keep the image, its count
+    /// raised, as long as the net runs on it.
+    ///
+    /// Features are counted in layer ids, not in inputs: with more images than the model has
+    /// inputs, the further ones become the outputs of the first layers, which from then on write
+    /// these textures, at these sizes.
     void setInputs(std::vector<std::shared_ptr<tesk::Image>>& images);
     void forward();
     /// Operators `beg` up to, not including, `opEnd`.

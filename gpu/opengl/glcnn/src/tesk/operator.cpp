@@ -44,6 +44,12 @@ void Operator::refuse(const char* expected, int found) {
                      zq_layer_type_name(operatorRow(typeCode)->recordType), expected, found);
 }
 
+void Operator::reportLackingProgram() const {
+    if (!tricks->lacksProgram()) return;
+    Tarno::_LogError("Tarno", "layer %d (%s): expected a program that links, found none", layerId,
+                     zq_layer_type_name(operatorRow(typeCode)->recordType));
+}
+
 void Operator::forwardOneToOne(Images& inputs, Images& outputs) {
     const bool pairs = inputs.size() == outputs.size();
     TN_ASSERT(inputs.size() == outputs.size());

@@ -64,6 +64,7 @@ protected:
     void use(ZQLayerInfo* record) {
         tricks = std::make_unique<Generator>(manager);
         tricks->setup(record);
+        reportLackingProgram();
     }
     /// `tricksMode` 0 asks for weights at constant indices, all other modes for the basic form.
     template <typename ConstantIndex, typename Basic>
@@ -88,6 +89,9 @@ protected:
     std::unique_ptr<Tricks> tricks;
 
 private:
+    /// Logs the layer whose generator has a program that does not link.
+    void reportLackingProgram() const;
+
     bool setUp = false;
 };
 

@@ -40,8 +40,7 @@ std::string declareZero(const std::string& array) {
     return text;
 }
 
-/// Leaky ReLU does nothing here: the slope's product is made and not used. Models were trained
-/// around it.
+/// Leaky ReLU does nothing here: the slope's product is made and not used.
 std::string leakyNothing(const std::string& array) {
     std::string text = "vec4 leakyValue_" + array + "[4];\n";
     int i = 0;
@@ -103,7 +102,7 @@ std::string sliceBody(int slices, int stepX, int stepY, bool keep_weights) {
 }
 
 /// In the one-slice form of the four-slice text, brackets of another character set stand where
-/// plain ones belong: that source does not compile. No net has ever asked for it.
+/// plain ones belong: that source does not compile. No operator makes the class.
 std::string sliceLoop(const TricksParams& params, int slices, const std::string& body) {
     if (params.inChannels <= 4) {
         std::string text = "ivec2 in_pos = ivec2(ipx0.x, ipx0.y);\n";

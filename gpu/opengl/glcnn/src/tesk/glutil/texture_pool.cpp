@@ -67,6 +67,12 @@ void TexturePool::release() {
     textures.clear();
 }
 
+void TexturePool::reserve(int count) {
+    if (count <= 0) return;
+    reserved += static_cast<size_t>(count);
+    textures.reserve(reserved);
+}
+
 int TexturePool::texturesInUse() const {
     return static_cast<int>(std::count_if(textures.begin(), textures.end(),
                                           [](const _Texture& entry) { return entry.in_use; }));

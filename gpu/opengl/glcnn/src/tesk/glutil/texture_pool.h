@@ -31,6 +31,10 @@ public:
     /// Deletes all textures, those in use too; images that hold one are not told.
     void release();
 
+    /// Books list entries, not memory of the GPU: that many textures more than booked before can be
+    /// made without anything from the heap.
+    void reserve(int count);
+
     /// Textures of the pool, and how many of them are handed out.
     int textureCount() const { return static_cast<int>(textures.size()); }
     int texturesInUse() const;
@@ -55,6 +59,7 @@ private:
                                unsigned int format);
 
     std::vector<_Texture> textures;  ///< in order of creation
+    size_t reserved = 0;
     [[maybe_unused]] int value;
 };
 

@@ -12,6 +12,8 @@ namespace {
 /// `uvec4 bias[256]` of the sources: a uniform block must be there in full.
 constexpr int uniform_bias_slices = 256;
 constexpr int bytes_per_slice_of_bias = 16;
+/// `uvec4 weights[4096]` at most. Drivers allow up to 2 GiB, and every buffer is a whole block.
+constexpr int most_weight_block = 4096 * 16;
 
 /// `size` bytes from `data`, zeros behind the `available` ones.
 std::vector<unsigned char> padded(const void* data, int available, int size) {
@@ -66,9 +68,12 @@ void PackedConvolution::makeBuffers(ConvolutionRecord& record, const Coverage& c
     const auto whole = [&](int count) {
         return groupCount(count, coverage.slices) * coverage.slices;
     };
-    if (blockCount > 0 &&
-        whole(slices / blockCount) * slice_bytes > manager.maxUniformBlockSize) {
-        blockCount = 0;
+    const int block_limit = std::min(manager.maxUniformBlockSize, most_weight_block);
+    if (blockCount > 0) {
+        const int slices_per_block = slices / blockCount;
+        const int read = whole(slices_per_block);
+        const int last_bias = (blockCount - 1) * slices_per_block + read;
+        if (read > block_limit / slice_bytes || last_bias > uniform_bias_slices) blockCount = 0;
     }
 
     BiasPacker bias(record.params.outChannels);
@@ -87,7 +92,7 @@ void PackedConvolution::makeBuffers(ConvolutionRecord& record, const Coverage& c
     const int block_bytes = groupCount(bytes, blockCount);
     // Programs are shared under names that do not tell the number of output slices, so all of them
     // declare the largest block there is, and each buffer is one.
-    const int entries = manager.maxUniformBlockSize / 16;
+    const int entries = block_limit / 16;
     const int padded_bytes = entries * 16;
     record.params.uboWeightCount = entries;
     for (int block = 0; block < blockCount; ++block) {

@@ -55,7 +55,7 @@ Extent truncatedExtent(const shape3& shape, const ComputeProgramManager& manager
 }
 
 void chooseLocalSize(int& x, int& y, int& z, const ComputeProgramManager*) {
-    // No search: limits and tuning words were tried as its input and changed nothing worth keeping.
+    // No search: neither the limits of the driver nor the tuning words have a say.
     x = 8;
     y = 8;
     z = 1;

@@ -36,6 +36,10 @@ public:
     /// Logs one line that names the class.
     virtual void print();
 
+    /// Whether a program that `setup` asked for does not link. What it says of a record that
+    /// `setup` refused: false.
+    bool lacksProgram() const { return lacks_program; }
+
     Tricks(const Tricks&) = delete;
     Tricks& operator=(const Tricks&) = delete;
 
@@ -55,7 +59,9 @@ protected:
             addTime(costs.compiling,
                     [&] { manager->addComputeProgramFromString(source.c_str(), name); });
         }
-        return manager->getComputeProgram(name);
+        const std::shared_ptr<tesk::ComputeProgram> program = manager->getComputeProgram(name);
+        if (program == nullptr || !program->isLinked()) lacks_program = true;
+        return program;
     }
 
     /// Runs `work` and adds its milliseconds to `total`.
@@ -72,6 +78,9 @@ protected:
     static bool useProgram(const std::shared_ptr<tesk::ComputeProgram>& program);
 
     tesk::ComputeProgramManager* manager;
+
+private:
+    bool lacks_program = false;
 };
 
 /// Width and height in pixels.

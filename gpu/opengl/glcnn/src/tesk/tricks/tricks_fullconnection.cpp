@@ -53,10 +53,19 @@ void Tricks_FullConnection::setup(ZQLayerInfo* info) {
         !holdsAtLeast(*record, "biases", outputs, record->bias_half, record->bias_count)) {
         return;
     }
+    const bool uniform = manager->uboSliceLimit > 0;
+    const long long weight_bytes = 32LL * sliceCount(inputs) * sliceCount(outputs);
+    if (uniform && weight_bytes > weight_block_bytes) {
+        reportLayer(*record, "weights of at most 65536 bytes in a uniform block", weight_bytes);
+        return;
+    }
+    if (uniform && sliceCount(outputs) > bias_block_bytes / 16) {
+        reportLayer(*record, "at most 1024 outputs with uniform blocks", outputs);
+        return;
+    }
     inputChannels = record->num_input;
     outputChannels = record->num_output;
 
-    const bool uniform = manager->uboSliceLimit > 0;
     addTime(manager->setupCosts.packing, [&] {
         WeightPacker packed_weights(inputs, outputs, 1, 1, 1, manager);
         packed_weights.packHalfTransposedSource(record->weights_half);

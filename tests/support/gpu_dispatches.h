@@ -1,0 +1,45 @@
+// What reaches the driver: the dispatches of a scope, and whether they read uniform blocks.
+#pragma once
+
+#include <GL/glew.h>
+
+#include "support/gl_hooks.h"
+
+namespace testing_support {
+
+/// Counts the dispatches while it lives. One at a time.
+class DispatchRecorder {
+public:
+    DispatchRecorder() : entry(__glewDispatchCompute, &dispatch) {
+        counts() = {entry.original(), 0, 0};
+    }
+
+    int all() const { return counts().all; }
+    /// Of programs whose weights stand in a uniform block.
+    int with_uniform_weights() const { return counts().with_uniform_weights; }
+
+private:
+    struct Counts {
+        PFNGLDISPATCHCOMPUTEPROC driver;
+        int all;
+        int with_uniform_weights;
+    };
+    static Counts& counts() {
+        static Counts of_the_scope = {};
+        return of_the_scope;
+    }
+    static void GLAPIENTRY dispatch(GLuint x, GLuint y, GLuint z) {
+        GLint program = 0;
+        glGetIntegerv(GL_CURRENT_PROGRAM, &program);
+        ++counts().all;
+        if (glGetUniformBlockIndex(static_cast<GLuint>(program), "weight_buffer") !=
+            GL_INVALID_INDEX) {
+            ++counts().with_uniform_weights;
+        }
+        counts().driver(x, y, z);
+    }
+
+    ReplacedEntryPoint<PFNGLDISPATCHCOMPUTEPROC> entry;
+};
+
+}  // namespace testing_support
