@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "gl_platform.h"
+#include "tn_core.h"
 
 namespace Tarno {
 namespace {
@@ -59,6 +60,12 @@ struct Window {
     EGLSurface surface;
 };
 
+/// A context's display is its window's: the platform's may have become another since.
+struct Context {
+    EGLDisplay display;
+    EGLContext context;
+};
+
 class EglPlatform final : public GLPlatform {
 public:
     /// A window class has no counterpart here; the display is found on the first one.
@@ -79,13 +86,13 @@ public:
 
     int choosePixelFormat(void* device_context) override {
         Window* window = static_cast<Window*>(device_context);
-        window->config = choose_config(window->display, surfaceless() ? 0 : EGL_PBUFFER_BIT);
+        window->config = choose_config(window->display, surfaceless(window->display) ? 0 : EGL_PBUFFER_BIT);
         last_error = eglGetError();
         return window->config != nullptr ? 1 : 0;
     }
     bool setPixelFormat(void* device_context, int) override {
         Window* window = static_cast<Window*>(device_context);
-        if (surfaceless()) return true;
+        if (surfaceless(window->display)) return true;
         const EGLint size[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
         window->surface = eglCreatePbufferSurface(window->display, window->config, size);
         last_error = eglGetError();
@@ -95,21 +102,27 @@ public:
     void* createContext(void* device_context) override {
         const Window* window = static_cast<Window*>(device_context);
         const BoundApi api;
-        void* const context =
+        const EGLContext context =
             eglCreateContext(window->display, window->config, EGL_NO_CONTEXT, nullptr);
         last_error = eglGetError();
-        return context;
+        if (context == EGL_NO_CONTEXT) return nullptr;
+        return new Context{window->display, context};
     }
-    void deleteContext(void* context) override { eglDestroyContext(display, context); }
-    /// What is current is kept for each API, so desktop GL is bound for the release, too.
+    void deleteContext(void* context) override {
+        const std::unique_ptr<Context> doomed(static_cast<Context*>(context));
+        eglDestroyContext(doomed->display, doomed->context);
+    }
+    /// What is current is kept for each API, so desktop GL is bound for the release, too. A release
+    /// goes to the display of what is current on the thread; there may be nothing.
     bool makeCurrent(void* device_context, void* context) override {
         const BoundApi api;
         EGLBoolean done = EGL_TRUE;
         if (context != nullptr) {
             const Window* window = static_cast<Window*>(device_context);
-            done = eglMakeCurrent(window->display, window->surface, window->surface, context);
-        } else if (display != EGL_NO_DISPLAY) {
-            done = eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+            done = eglMakeCurrent(window->display, window->surface, window->surface,
+                                  static_cast<Context*>(context)->context);
+        } else if (const EGLDisplay current = eglGetCurrentDisplay(); current != EGL_NO_DISPLAY) {
+            done = eglMakeCurrent(current, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
         }
         last_error = eglGetError();
         return done == EGL_TRUE;
@@ -142,8 +155,8 @@ private:
         BoundApi& operator=(const BoundApi&) = delete;
     };
 
-    bool surfaceless() const {
-        return has_word(eglQueryString(display, EGL_EXTENSIONS), "EGL_KHR_surfaceless_context");
+    static bool surfaceless(EGLDisplay asked) {
+        return has_word(eglQueryString(asked, EGL_EXTENSIONS), "EGL_KHR_surfaceless_context");
     }
 
     bool find_display() {
@@ -157,7 +170,18 @@ private:
         const char* extensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
         if (try_hardware_devices(extensions)) return true;
         if (try_display("default display", eglGetDisplay(EGL_DEFAULT_DISPLAY))) return true;
-        return try_surfaceless_platform(extensions);
+        if (try_surfaceless_platform(extensions)) return true;
+        report_trials();
+        return false;
+    }
+
+    /// No step behind this one runs that could say why there is no context.
+    void report_trials() const {
+        std::string tried;
+        for (const DisplayTrial& trial : trials)
+            tried += (tried.empty() ? "" : "; ") + trial.display + ": " + trial.outcome;
+        _LogError("Tarno", "EGL: expected a display with desktop OpenGL, found none (%s)",
+                  tried.c_str());
     }
 
     bool try_hardware_devices(const char* extensions) {

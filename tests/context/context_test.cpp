@@ -4,6 +4,7 @@
 #include <tarno/gpu.h>
 #include <tarno/log.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -15,6 +16,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing_support::LogRecorder;
 
@@ -297,6 +299,18 @@ std::string probe(const std::string& environment, const std::string& argument = 
     return line;
 }
 
+/// What the probe's library logs.
+std::string probe_errors(const std::string& environment) {
+    const std::string command = "env " + environment + " " TARNO_CONTEXT_PROBE " 2>&1 >/dev/null";
+    std::FILE* const output = popen(command.c_str(), "r");
+    if (output == nullptr) return "";
+    std::string lines;
+    char line[1024] = "";
+    while (std::fgets(line, sizeof(line), output) != nullptr) lines += line;
+    EXPECT_EQ(pclose(output), 0);
+    return lines;
+}
+
 TEST(Context, IsMadeOnThisMachinesDriver) {
     EXPECT_EQ(probe(""), "init 0 check 0 uninit 0 again 1\n");
 }
@@ -322,6 +336,15 @@ TEST(Context, ObjectsThatOutliveTheirContextDoNothing) {
 TEST(Context, AMachineWithoutADriverIsAFailure) {
     EXPECT_EQ(probe("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent"),
               "init 1 check 5 uninit 0 again 1\n");
+}
+
+TEST(Context, AMachineWithoutADriverIsOneErrorLineThatNamesTheDisplays) {
+    const std::string lines = probe_errors("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent");
+    EXPECT_THAT(lines, HasSubstr("EGL: expected a display with desktop OpenGL, found none ("));
+    for (const char* display : {"hardware devices: ", "default display: ", "surfaceless platform: "})
+        EXPECT_THAT(lines, HasSubstr(display));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 1) << lines;
+    EXPECT_EQ(probe_errors("").find("EGL:"), std::string::npos);
 }
 
 }  // namespace

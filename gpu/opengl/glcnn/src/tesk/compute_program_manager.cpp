@@ -117,7 +117,11 @@ void ComputeProgramManager::initOpenglParameters() {
 }
 
 void ComputeProgramManager::initTricksParameters() {
-    // One setting serves every driver met so far; vendor, version and renderer decide nothing.
+    // One setting serves every driver met so far; what the three say decides nothing. They are read
+    // all the same: this is the place for a driver that needs another setting.
+    if (entryPointsLoaded()) {
+        for (const GLenum name : {GL_VENDOR, GL_VERSION, GL_RENDERER}) gl_text(name);
+    }
     tricksMode = 4;
     uboSliceLimit = 0;
 }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "tesk.h"
@@ -27,14 +28,15 @@ ContextTable& table() {
     return *contexts;
 }
 
-size_t take_slot(ContextTable& contexts) {
+/// The slot that comes next; it stays free until the record stands in it.
+size_t next_slot(ContextTable& contexts) {
     if (contexts.free_slots.empty()) {
+        // Whoever is released finds room on the stack.
+        contexts.free_slots.reserve(contexts.slots.size() + 1);
         contexts.slots.emplace_back();
-        return contexts.slots.size() - 1;
+        contexts.free_slots.push_back(contexts.slots.size() - 1);
     }
-    const size_t slot = contexts.free_slots.back();
-    contexts.free_slots.pop_back();
-    return slot;
+    return contexts.free_slots.back();
 }
 
 }  // namespace
@@ -43,10 +45,13 @@ _TN_Result tesk_Init(unsigned int* id) {
     if (id == nullptr) return TN_Result_Failure;
     ContextTable& contexts = table();
     const std::lock_guard<std::mutex> lock(contexts.mutex);
-    const size_t slot = take_slot(contexts);
+    const size_t slot = next_slot(contexts);
     *id = static_cast<unsigned int>(slot) + 1;
-    contexts.slots[slot].reset(new ContextRecord{*id, std::make_unique<tesk::Tesk>()});
+    // What may throw comes first, so that no slot is lost.
+    std::unique_ptr<ContextRecord> record(new ContextRecord{*id, std::make_unique<tesk::Tesk>()});
     contexts.ids_in_use.push_back(*id);
+    contexts.free_slots.pop_back();
+    contexts.slots[slot] = std::move(record);
     return contexts.slots[slot]->context->tesk_init_win(*id);
 }
 

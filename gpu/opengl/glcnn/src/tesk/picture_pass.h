@@ -21,8 +21,8 @@ inline void computeOver(ComputeProgram& program, int width, int height, int slic
     program.compute(groupsOfEight(width), groupsOfEight(height), static_cast<unsigned int>(slices));
 }
 
-/// Gives every image that has none its texture. A new texture is bound to the active texture unit,
-/// so that making one between binding a sampler and the dispatch would take the sampler's place.
+/// Gives every image that has none its texture, before anything is bound: behind it a pass is binds
+/// and a dispatch alone. The pool puts back what it unbinds while it makes a texture.
 inline void holdTextures(std::initializer_list<Image*> images) {
     for (Image* image : images) image->texture();
 }

@@ -11,7 +11,9 @@ class Buffer;
 class Image;
 
 /// Sources are written in GLSL ES 3.10 and rewritten for desktop OpenGL 4.3 on their way to the
-/// driver. Everything here needs the context current; uniform setters act on the program in use.
+/// driver. Where the driver cuts numbers off in stores to rgba16f images, which GL allows, sources
+/// that store to no other images also get a function around their stores that rounds to the nearest
+/// half, so that all drivers give the same pictures. Everything here needs the context current; uniform setters act on the program in use.
 /// Before the first context nothing is done, and the creators are false.
 ///
 /// The order of a dispatch: `use`, then uniforms and bindings, then `compute`. Units and bindings

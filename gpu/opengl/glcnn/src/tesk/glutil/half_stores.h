@@ -12,8 +12,14 @@ namespace tesk {
 /// context.
 TESK_TESTED bool halfStoresCutOff();
 
+/// The trial itself: one store, read back. The program in use, the texture of the active unit, image
+/// unit 0 and the pixel pack buffer are bound afterwards as before. Needs a context.
+TESK_TESTED bool tryHalfStores();
+
 /// GLSL text, without a version line, with stores to rgba16f images through a function that rounds
-/// to the nearest half. As it stands when there are none, or images of other formats beside them.
+/// to the nearest half. As it stands when it stores nothing, asks for an extension, or declares any
+/// image but single-sample float images of the format rgba16f: the function fits no others, and
+/// must not stand before an extension line.
 TESK_TESTED std::string withNearestHalfStores(const std::string& text);
 
 }  // namespace tesk
