@@ -3,9 +3,9 @@
 //   FLOPS           a product and a sum are two; the mean of the runs
 //   best_FLOPS      the same of the best of nine rounds, from which all ratios are
 //   of_limit        parts of what a loop on registers alone reaches with the same instruction set
-//   of_sgemm        parts of what the bare matrix product of the layer's size reaches: weights *
-//   bottom of_sgemm_peak   parts of what the machine's BLAS reaches on a product that suits it,
-//   with all
+//   of_sgemm        parts of what the bare matrix product of the layer's size reaches:
+//                   weights * bottom
+//   of_sgemm_peak   parts of what the machine's BLAS reaches on a product that suits it, with all
 //                   the vectors that the processor has
 //   times_default   times as fast as the operator that the default rule takes for the layer, whose
 //                   nine rounds are in turns with these

@@ -12,6 +12,6 @@ cp assets/models/portrait_segmentation.zqnet "$work"
 for model in "$work"/*.zqnet; do
     name=$(basename "$model" .zqnet)
     printf '\n== %s\n' "$name"
-    "$build/tarno" tune --model "$model" --output "$work/$name.h" | grep -E '^(whole|outputs|rejected|the default)'
+    "$build/tarno" tune --model "$model" --output "$work/$name.h" | grep -E '^(whole net|outputs|rejected|the |no operator)'
     "$build/tarno" bench --model "$model" --table "$work/$name.h" --compare-tables --runs 40
 done

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -145,6 +146,50 @@ bool is_hand_blocked(const OperatorInfo& info) {
            (name.find("_SSE_") != std::string::npos || name.find("_AVX2_") != std::string::npos);
 }
 
+bool is_depthwise(const OperatorInfo& info) {
+    return std::strncmp(info.name, "Depthewise_", 11) == 0;
+}
+
+/// The borders with which a hand-blocked 3x3 member computes the layer.
+std::string border_misfit(const OperatorInfo& info, const TableSlot& slot) {
+    const Window& window = slot.window;
+    const std::string padding = pair_text(window.pad_w, window.pad_h);
+    if (is_depthwise(info)) {
+        // Their top is as large as the bottom, or half of it: one pixel of border, no less.
+        if (window.pad_w != 1 || window.pad_h != 1) {
+            return "is for a padding of 1, the layer has one of " + padding;
+        }
+        if (info.stride == 2 && (slot.in.h % 2 != 0 || slot.in.w % 2 != 0)) {
+            return "is for even sizes, the layer has " + size_text(slot.in);
+        }
+        return "";
+    }
+    if (info.stride == 1) return "";  // any padding; a top without has two pixels less
+    const std::string name = info.name;
+    // These look at the sizes for their border, and not at the padding.
+    const bool by_size =
+        name == "Convolution_3x3s2_Float_SSE_M1" || name == "Convolution_3x3s2_Float_SSE_M2";
+    const bool only_even =
+        name == "Convolution_3x3s2_Float_SSE_M3" || name == "Convolution_3x3s2_Float_SSE_M6";
+    const std::pair<int64_t, int> directions[] = {{slot.in.h, window.pad_h},
+                                                  {slot.in.w, window.pad_w}};
+    for (const auto& [size, pad] : directions) {
+        const bool even = size % 2 == 0;
+        if (!even && only_even) return "is for even sizes, the layer has " + size_text(slot.in);
+        if (by_size && pad != (even ? 1 : 0)) {
+            return "is for a padding of 1 on even sizes and none on odd ones, the layer has one "
+                   "of " +
+                   padding + " on " + size_text(slot.in);
+        }
+        // The last taps of an even bottom lie behind it.
+        if (even && pad == 0) {
+            return "is for a padding of 1 on even sizes, the layer has one of " + padding + " on " +
+                   size_text(slot.in);
+        }
+    }
+    return "";
+}
+
 std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
     const Window& window = slot.window;
     if (info.kernel_w != 0 &&
@@ -160,18 +205,11 @@ std::string window_misfit(const OperatorInfo& info, const TableSlot& slot) {
         return "is for kernels without dilation, the layer has one of " +
                pair_text(window.dilation_w, window.dilation_h);
     }
-    // The hand-blocked 3x3 kernels walk a bottom with one pixel of border; their tiles divide it
-    // then.
     if (is_hand_blocked(info) && info.kernel_w == 3 && info.kernel_h == 3) {
-        if (window.pad_w != 1 || window.pad_h != 1) {
-            return "is for a padding of 1, the layer has one of " +
-                   pair_text(window.pad_w, window.pad_h);
-        }
-        if (info.stride == 2 && (slot.in.h % 2 != 0 || slot.in.w % 2 != 0)) {
-            return "is for even sizes, the layer has " + size_text(slot.in);
-        }
+        const std::string border = border_misfit(info, slot);
+        if (!border.empty()) return border;
     }
-    if (std::strncmp(info.name, "Depthewise_", 11) == 0 && slot.in.c != slot.out.c) {
+    if (is_depthwise(info) && slot.in.c != slot.out.c) {
         return "is for one filter per channel, the layer makes " + std::to_string(slot.out.c) +
                " channels of " + std::to_string(slot.in.c);
     }
@@ -210,6 +248,22 @@ std::string multiple_misfit(const char* what, int multiple, int64_t number) {
     if (multiple <= 1 || number % multiple == 0) return "";
     return std::string("wants ") + what + " divisible by " + std::to_string(multiple) +
            ", the layer has " + std::to_string(number);
+}
+
+/// The list's divisors of rows and columns are those of the bottom. The tiles of the hand-blocked
+/// 3x3 convolutions divide top, which is smaller without padding.
+std::string tile_misfit(const OperatorInfo& info, const TableSlot& slot) {
+    if (slot.layer == "Convolution" && is_hand_blocked(info) && info.kernel_h == 3 &&
+        info.kernel_w == 3) {
+        const std::string rows =
+            multiple_misfit("rows in the result", info.height_multiple / info.stride, slot.out.h);
+        if (!rows.empty()) return rows;
+        return multiple_misfit("columns in the result", info.width_multiple / info.stride,
+                               slot.out.w);
+    }
+    const std::string rows = multiple_misfit("rows", info.height_multiple, slot.in.h);
+    if (!rows.empty()) return rows;
+    return multiple_misfit("columns", info.width_multiple, slot.in.w);
 }
 
 }  // namespace
@@ -265,8 +319,7 @@ std::string misfit(const OperatorInfo& info, const TableSlot& slot, Packing pack
     for (const std::string& text :
          {multiple_misfit("output channels", info.output_multiple, slot.out.c),
           multiple_misfit("input channels", info.input_multiple, slot.in.c),
-          multiple_misfit("rows", info.height_multiple, slot.in.h),
-          multiple_misfit("columns", info.width_multiple, slot.in.w)}) {
+          tile_misfit(info, slot)}) {
         if (!text.empty()) return text;
     }
     if (info.bias == OperatorInfo::Bias::Needed && !slot.has_bias) {

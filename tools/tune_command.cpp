@@ -14,6 +14,7 @@
 #include "metered_memory.h"
 #include "net_run.h"
 #include "operator_trial.h"
+#include "output_difference.h"
 #include "progress.h"
 #include "sample_statistics.h"
 #include "table_comparison.h"
@@ -29,9 +30,24 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned int input_seed = 1;
 constexpr int comparison_runs = 30;
 
-Candidates try_all(const TableSlot& slot, const LayerTask& task, const TrialMemory& memory) {
+/// How far two right operators can be apart, as a part of the largest number of the layer's output.
+double relative_difference(const std::vector<double>& bounds, const TarnoCPU::Mat& top) {
+    double bound = 0.0, magnitude = 0.0;
+    for (size_t i = 0; i < bounds.size(); ++i) {
+        const double value = std::fabs(static_cast<double>(top.ptr<float>()[i]));
+        if (!std::isfinite(value) || !std::isfinite(bounds[i])) continue;
+        bound = std::max(bound, bounds[i]);
+        magnitude = std::max(magnitude, value);
+    }
+    return magnitude > 0.0 ? 2.0 * bound / magnitude : 0.0;
+}
+
+/// `explained` grows by what the layer's roundings can add to the difference of two nets.
+Candidates try_all(const TableSlot& slot, const LayerTask& task, const TrialMemory& memory,
+                   double& explained) {
     Candidates candidates;
     const std::vector<double> bounds = error_bounds(slot, task, memory);
+    explained += relative_difference(bounds, task.top);
     size_t count = 0;
     const TarnoCPU::OperatorInfo* list = TarnoCPU::operator_list(&count);
     for (const Packing packing : {Packing::planes, Packing::fours}) {
@@ -85,12 +101,11 @@ Ways ways_of(const TarnoCPU::Layer& layer, const TableSlot& slot, const Candidat
 struct Comparison {
     double default_ms = 0.0;
     double table_ms = 0.0;
-    double largest_difference = 0.0;  ///< between the two outputs
-    bool same = true;                 ///< false when rounding can't explain it
+    OutputDifference outputs;
 };
 
 Comparison compare(RunnableNet& by_rule, RunnableNet& by_table, const std::vector<NetInput>& inputs,
-                   const RunnableNet::Settings& settings) {
+                   double explained, const RunnableNet::Settings& settings) {
     by_rule.reset_state();
     by_table.reset_state();
     const RunnableNet* const nets[2] = {&by_rule, &by_table};
@@ -105,18 +120,7 @@ Comparison compare(RunnableNet& by_rule, RunnableNet& by_table, const std::vecto
         TensorSize size;
         const std::vector<float> a = values_of(outputs[0], size);
         const std::vector<float> b = values_of(outputs[1], size);
-        comparison.same = a.size() == b.size();
-        double largest = 0.0;
-        for (size_t n = 0; n < std::min(a.size(), b.size()); ++n) {
-            if (std::isnan(a[n]) != std::isnan(b[n])) comparison.same = false;
-            if (std::isnan(a[n]) || std::isnan(b[n]) || a[n] == b[n]) continue;
-            const double difference =
-                std::fabs(static_cast<double>(a[n]) - static_cast<double>(b[n]));
-            comparison.largest_difference = std::max(comparison.largest_difference, difference);
-            largest = std::max(largest, std::fabs(static_cast<double>(a[n])));
-        }
-        // Each operator was judged by its own bound; this catches what no layer showed.
-        if (!(comparison.largest_difference <= 0.01 * largest)) comparison.same &= largest == 0.0;
+        comparison.outputs = output_difference(a, b, explained);
     }
     Progress progress("comparing run", comparison_runs);
     for (int i = 0; i < comparison_runs; ++i) {
@@ -136,18 +140,19 @@ Comparison compare(RunnableNet& by_rule, RunnableNet& by_table, const std::vecto
 /// On pools, as a host runs them. They may hold far more than is alive; where that is beyond the
 /// limit, both nets go to the heap.
 Comparison compare_within(int64_t memory_limit, int64_t weights, RunnableNet& by_rule,
-                          RunnableNet& by_table, const std::vector<NetInput>& inputs) {
+                          RunnableNet& by_table, const std::vector<NetInput>& inputs,
+                          double explained) {
     {
         MeteredPools pools(memory_limit, weights);
         try {
             settle({&by_rule, &by_table}, inputs, 2, pools);
-            return compare(by_rule, by_table, inputs, RunnableNet::on(pools));
+            return compare(by_rule, by_table, inputs, explained, RunnableNet::on(pools));
         } catch (const CommandError&) {
             if (!pools.meter.exceeded) throw;
         }
     }
     MeteredHeap heap(memory_limit, weights);
-    return compare(by_rule, by_table, inputs, RunnableNet::on(heap));
+    return compare(by_rule, by_table, inputs, explained, RunnableNet::on(heap));
 }
 
 std::string ms(double milliseconds) {
@@ -172,6 +177,12 @@ void tune(const TuneCommand& command) {
     for (const NetInput& input : inputs) tensors.emplace_back(input.index, input.tensor);
     std::vector<LayerTask> tasks = record_tasks(model, by_rule.net(), tensors);
 
+    // What rounding explains of a difference between the outputs of two nets of right operators, as
+    // a part of the largest number: the sum of what each layer can add. It takes for granted that a
+    // layer hands a difference on as a part no larger than it came. That is not so for every net,
+    // but the parts are those of the worst case, gamma(n) times the sizes of the products, while n
+    // roundings up and down come to about the root of n of them: there is room for it.
+    double explained = 0.0;
     std::vector<Candidates> candidates(slots.size());
     {
         const TuningMemory memory = tuning_memory(plan, slots);
@@ -184,7 +195,7 @@ void tune(const TuneCommand& command) {
                 candidates[i].right.push_back(trial);
             } else if (slots[i].takes_operator) {
                 const TrialMemory trial = {command.limits.memory, memory.kept + memory.trial[i]};
-                candidates[i] = try_all(slots[i], tasks[i], trial);
+                candidates[i] = try_all(slots[i], tasks[i], trial, explained);
             }
             progress.step(static_cast<int64_t>(i) + 1);
         }
@@ -225,10 +236,11 @@ void tune(const TuneCommand& command) {
         tuned->run_checked(inputs, tuned->last_position(), RunnableNet::on(heap), nullptr);
     }
     const Comparison comparison =
-        compare_within(command.limits.memory, weights, by_rule, *tuned, inputs);
+        compare_within(command.limits.memory, weights, by_rule, *tuned, inputs, explained);
     bool another = false;
     for (size_t i = 0; i < slots.size(); ++i) another |= configs[i].op_creator != by_default[i];
-    const bool faster = another && comparison.same && comparison.table_ms < comparison.default_ms;
+    const bool faster =
+        another && comparison.outputs.same && comparison.table_ms < comparison.default_ms;
     if (another && !faster) {
         // Layer by layer it looked better than it is: then the table is the default rule's own.
         for (size_t i = 0; i < slots.size(); ++i) configs[i].op_creator = by_default[i];
@@ -262,8 +274,9 @@ void tune(const TuneCommand& command) {
               std::to_string(comparison_runs) +
               " runs in turns: " + fixed(comparison.default_ms / comparison.table_ms, 2) +
               " times as fast\n" + "outputs           differ by " +
-              fixed(comparison.largest_difference, 9) + " at the most\n";
-    if (!comparison.same) {
+              fixed(comparison.outputs.largest, 9) + " at the most, rounding explains " +
+              fixed(explained * comparison.outputs.magnitude, 9) + "\n";
+    if (!comparison.outputs.same) {
         report += "the outputs are not the same: the table is that of the default rule\n";
     } else if (!another) {
         report += "no operator beats those of the default rule: the table is that of the rule\n";

@@ -1,8 +1,8 @@
 // portrait_cpu MODEL nv21|nv12|rgba WIDTHxHEIGHT FRAME.raw MASK.pgm
 //
 // A detector on the library's front end: takes camera frames as they come from a driver, and gives
-// the person's mask in the size of the net. Build it with -DPORTRAIT_TABLE="\"table.h\"" to run the
-// operators that `tarno tune` chose for a machine.
+// the person's mask in the size of the net. Configured with -DPORTRAIT_TABLE=/path/table.h, it runs
+// the operators that `tarno tune` chose for a machine.
 #include <tarno/cpu.h>
 #include <tarno/log.h>
 #include <tarno/model.h>
