@@ -99,6 +99,8 @@ TEST_F(MatrixColor, QuarterTurnsRunOverTheSourceAndTheOthersOverTheDestination) 
     const DispatchRecorder::Groups over_source{3, 2, 1}, over_destination{5, 4, 1};
     const Tensor src = random_halves(4, of_source.height, of_source.width, 6050);
     using Transforms = tesk::MatrixColor;
+    // The first program of a thread tries the driver out with a dispatch of its own.
+    applied(&Transforms::CopyImage, src, of_destination);
     const DispatchRecorder recorder;
     for (const Operation turn : {&Transforms::Rotate90, &Transforms::Rotate270}) {
         DispatchRecorder::recorded().clear();

@@ -155,9 +155,8 @@ TEST_F(Net, ALayerWhoseProgramDoesNotLinkIsNamedAndNotDispatched) {
 
 TEST_F(Net, ALayerWhoseGeneratorRefusesItsRecordIsNamedOnceAndTheNetIsReady) {
     NetBuilder model = builder();
-    const int top = model.conv(model.input(8), 8, 3, 1, 1);
-    auto* const record = static_cast<ZQLayerInfo_Conv2D*>(model.record(top));
-    record->groups = 4;  // of two channels
+    // Four groups of two channels: the generator has groups of four.
+    const int top = model.conv(model.input(8), 8, modelkit::Window::square(3, 1, 1), 0, 4);
     tesk::Net net;
     const LogRecorder log;
     EXPECT_TRUE(load(net, model));
