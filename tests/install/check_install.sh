@@ -26,7 +26,7 @@ done
 
 foreign=$(nm -DC --defined-only "$libdir/libtarno.so" | awk '{$1=""; $2=""; print}' |
     sed 's/^ *//' |
-    grep -vE '^(typeinfo (name )?for |vtable for |VTT for |guard variable for )?(TarnoCPU::|Tarno::|ZQ|zq_)|^GetModelVersion$' || true)
+    grep -vE '^(typeinfo (name )?for |vtable for |VTT for |guard variable for )?(TarnoCPU::|Tarno::|tesk::|ZQ|zq_)|^(GetModelVersion|tesk_Init|tesk_UnInit|tesk_CheckGLVersion)$' || true)
 if [ -n "$foreign" ]; then
     echo "exported beside the interface:" >&2
     echo "$foreign" | head >&2
