@@ -36,6 +36,16 @@ using ImagePointer = std::shared_ptr<tesk::Image>;
 /// More pixels than this in one direction are refused: every OpenGL 4.3 takes as many.
 constexpr int most_texels = 16384;
 
+/// The library leaves GL's errors to its client, and a step that GL refused leaves a picture of what
+/// was in memory before.
+void expect_no_gl_error(const std::string& expected) {
+    const GLenum error = glGetError();
+    if (error == GL_NO_ERROR) return;
+    char code[16];
+    std::snprintf(code, sizeof(code), "0x%04x", error);
+    throw CommandError(expected + ", found the GL error " + code);
+}
+
 /// The pictures of one command on the GPU. Each image is held by a read count of its own.
 class Pictures {
 public:
@@ -49,6 +59,10 @@ public:
         }
         const ImagePointer image = std::make_shared<tesk::Image>(h, w, 4, GL_RGBA16F, &pool);
         image->addReadCount();
+        // Asked at once: a step over pixels that are not there would take its time.
+        image->texture();
+        expect_no_gl_error("picture: expected a texture of " + std::to_string(w) + " x " +
+                           std::to_string(h) + " pixels");
         return image;
     }
 
@@ -227,6 +241,7 @@ void image(const ImageCommand& command) {
     if (!reports.error().empty()) {
         throw CommandError(command.op + ": expected the GPU to do it, found: " + reports.error());
     }
+    expect_no_gl_error(command.op + ": expected the GPU to do it");
     OutputFiles files;
     files.write(command.output, png_bytes(picture_of(result)));
     if (!command.composite.empty()) {
