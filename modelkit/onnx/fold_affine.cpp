@@ -174,6 +174,11 @@ bool fold_into(Graph& graph, Node& layer, const Node& node, const std::string& d
     const Tensor* bias = layer.has_input(2) ? constant(graph, layer.inputs[2]) : nullptr;
     if (layer.has_input(2) && bias == nullptr) return false;
     if (bias != nullptr && bias->size() != layout->channels && bias->size() != 1) return false;
+    // A column of as many numbers has one for each row of the result, not for each channel.
+    if (bias != nullptr && bias->size() != 1 &&
+        bias->dims.back() != static_cast<int64_t>(layout->channels)) {
+        return false;
+    }
 
     const auto scale = [&](size_t c) { return affine.scale[found->per_channel ? c : 0]; };
     const auto shift = [&](size_t c) { return affine.shift[found->per_channel ? c : 0]; };

@@ -305,6 +305,8 @@ void Lowering::binary() {
         const size_t side = constant(0) != nullptr ? 1 : 0;
         require(type != "Div" || side == 0, "a constant to divide by expected");
         const Value& data = value(side);
+        require(broadcast_dims(data.dims, constant(1 - side)->dims) == data.dims,
+                "a constant that does not enlarge the tensor expected");
         const std::optional<AffineNode> found = affine_of(graph, node(), data.dims.size());
         const int64_t count = element_count(data.dims);
         const auto channel = static_cast<int64_t>(data.dims.size()) - 2;

@@ -414,6 +414,29 @@ TEST(ActivationRewrite, ASoftmaxOverTwoChannelsIsASigmoidOfTheirDistance) {
     expect_numbers(result, {0.5, share, 0.5, 1 - share}, 1e-6);
 }
 
+TEST(ActivationRewrite, AConstantThatEnlargesTheTensorIsRefused) {
+    const std::vector<std::vector<int64_t>> cases[] = {{{1, 8}, {8, 1}},
+                                                       {{1, 1, 2, 4}, {1, 8, 1, 1}},
+                                                       {{1, 8, 1, 1}, {1, 1, 2, 4}},
+                                                       {{1, 8}, {1, 1, 8}}};
+    for (const auto& dims : cases) {
+        for (const char* op_type : {"Add", "Mul"}) {
+            MadeModel model;
+            model.input("x", dims[0]).output("y").floats("c", dims[1], std::vector<float>(8, 1.5f));
+            model.node(op_type, {"x", "c"}, {"y"});
+            expect_refusal(convert_only(model.bytes()), op_type, "expected");
+        }
+    }
+}
+
+TEST(DenseRewrite, ABiasOfOneColumnIsNotFoldedAsOneRow) {
+    MadeModel model;
+    model.input("x", {4, 8}).output("y").random("w", {8, 4}, 3);
+    model.floats("b", {4, 1}, {1, 2, 3, 4}).floats("k", {}, {2});
+    model.node("Gemm", {"x", "w", "b"}, {"t"}).node("Mul", {"t", "k"}, {"y"});
+    expect_refusal(convert_only(model.bytes()), "Gemm", "a bias of 4 numbers expected");
+}
+
 TEST(ConcatRewrite, AFirstTensorOfOneChannelIsNoStackOfRows) {
     MadeModel model;
     model.input("a", {1, 1, 2, 2}).input("b", {1, 2, 2, 2}).output("y");
