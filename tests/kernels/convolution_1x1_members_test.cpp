@@ -175,8 +175,18 @@ TEST_P(Convolution1x1Members, PaddingStrideAndDilationOfTheParametersAreNotAppli
     expect_sums(layer.sums(true), planes_of(top));
 }
 
-TEST_P(Convolution1x1Members, WithoutABiasTheTensorOfPlanesGetsThePlainSums) {
-    if (blocks()) GTEST_SKIP() << "blocks of four are for layers with a bias";
+// Blocks of four are for layers with a bias; the others take both.
+class Convolution1x1PlaneMembers : public Convolution1x1Members {};
+
+std::vector<const char*> plane_members() {
+    std::vector<const char*> names;
+    for (const char* name : members) {
+        if (find_operator(name)->layout_in != OperatorInfo::Layout::C4HW4) names.push_back(name);
+    }
+    return names;
+}
+
+TEST_P(Convolution1x1PlaneMembers, WithoutABiasTheTensorOfPlanesGetsThePlainSums) {
     const Size size{info->input_multiple, 2 * info->output_multiple, info->height_multiple,
                     info->width_multiple};
     const Layer layer(size, info->stride, 10);
@@ -332,6 +342,8 @@ TEST_P(Convolution1x1Members, WeightsThatAreTooFewForTheTensorEndInZeros) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Convolution1x1Members, testing::ValuesIn(members), class_name_of);
+INSTANTIATE_TEST_SUITE_P(All, Convolution1x1PlaneMembers, testing::ValuesIn(plane_members()),
+                         class_name_of);
 
 TEST(Convolution1x1, DotProductsOfTwoByTwoPixelsNeedEvenSizesAndInputsInFours) {
     const Layer layer({8, 4, 2, 2}, 1, 20);
