@@ -138,21 +138,16 @@ protected:
             make_output(tested.out_channels, tested.out_height, tested.out_width);
         generator->compute(in.get(), out.get());
         const Tensor result = read_back(*out);
-        int wrong = 0;
+        Mismatches wrong;
         for (int o = 0; o < tested.out_channels; ++o) {
             for (int y = 0; y < tested.out_height; ++y) {
                 for (int x = 0; x < tested.out_width; ++x) {
-                    const Expected expected = reference(form, tested, input, layer, o, y, x);
-                    const double found = result.at(o, y, x);
-                    if (!(std::fabs(found - expected.value) <= expected.bound) && ++wrong <= 3) {
-                        ADD_FAILURE() << "at (" << o << ", " << y << ", " << x << "): expected "
-                                      << expected.value << " +- " << expected.bound << ", found "
-                                      << found;
-                    }
+                    wrong.compare(o, y, x, reference(form, tested, input, layer, o, y, x),
+                                  result.at(o, y, x));
                 }
             }
         }
-        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(wrong.count(), 0);
     }
 
     /// Names of the programs that `manager` gains while `work` runs.

@@ -154,4 +154,19 @@ inline Expected activated(const Expected& before, int code) {
     }
 }
 
+/// Counts the numbers beyond their bounds and reports the first three.
+class Mismatches {
+public:
+    void compare(int channel, int y, int x, const Expected& expected, double found) {
+        if (std::fabs(found - expected.value) <= expected.bound) return;
+        if (++wrong > 3) return;
+        ADD_FAILURE() << "at (" << channel << ", " << y << ", " << x << "): expected "
+                      << expected.value << " +- " << expected.bound << ", found " << found;
+    }
+    int count() const { return wrong; }
+
+private:
+    int wrong = 0;
+};
+
 }  // namespace testing_support
