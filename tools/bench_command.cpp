@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_limits.h"
 #include "errors.h"
 #include "gpu_bench.h"
 #include "heap_calls.h"
@@ -33,14 +34,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
-// Where nobody says otherwise, a slow model ends after a while, too.
-constexpr int64_t default_runs = 100;
-constexpr double default_duration = 10.0;  // seconds
-constexpr double most_warmup = 5.0;
 constexpr int most_runs_to_settle = 200;
 constexpr double most_profiling = 10.0;
-constexpr size_t most_profiled_runs = 100;
-constexpr unsigned int input_seed = 1;
 
 double seconds_since(Clock::time_point start) {
     return milliseconds_since(start) / 1e3;

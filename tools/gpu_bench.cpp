@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "bench_limits.h"
 #include "errors.h"
 #include "gpu_net.h"
 #include "heap_calls.h"
@@ -24,13 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::ordered_json;
 
-// Where nobody says otherwise, a slow model ends after a while, too.
-constexpr int64_t default_runs = 100;
-constexpr double default_duration = 10.0;  // seconds
-constexpr double most_warmup = 5.0;
 constexpr double most_profiling = 5.0;
-constexpr size_t most_profiled_runs = 100;
-constexpr unsigned int input_seed = 1;
 constexpr int calls_of_the_stand = 100000;
 
 /// Milliseconds by operator, one sample a run.
