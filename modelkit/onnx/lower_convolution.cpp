@@ -345,6 +345,8 @@ void Lowering::conv_transpose() {
         int64_t out = full + more[i] - axis.begin - axis.end;
         const bool same_size = automatic == "SAME_UPPER" || automatic == "SAME_LOWER";
         if (!wanted.empty() || same_size) {
+            require(wanted.empty() || (wanted[i] >= 1 && wanted[i] <= 65535),
+                    "an output_shape of 1 to 65535 expected, found " + text_of(wanted));
             out = wanted.empty() ? int64_t{axis.in} * axis.stride : wanted[i];
             const int64_t total = full + more[i] - out;
             // Negative padding, which asks for more pixels than there are.
