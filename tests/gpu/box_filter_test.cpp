@@ -29,11 +29,11 @@ Tensor box_mean(const Tensor& src, int radius) {
     return made;
 }
 
-/// What a box mean may be off by that keeps its row sums in textures: each row sum loses a step of
+/// What a box mean may be off by that keeps its row sums in textures: each row sum is rounded to
 /// its format, and the mean of all losses is the loss of the mean. `highest` bounds the values.
 double row_sum_error(int radius, double highest, GLenum format) {
     const double row = (2 * radius + 1) * highest;
-    const double stored = format == GL_RGBA16F ? half_step(row) : std::ldexp(row, -23);
+    const double stored = format == GL_RGBA16F ? store_error(row) : std::ldexp(row, -23);
     return stored / (2 * radius + 1) + float_error(2 * (2 * radius + 1), highest);
 }
 

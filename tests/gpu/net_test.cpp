@@ -747,8 +747,7 @@ TEST_F(Net, TwoInputsGoToTheFeaturesInTheirOrder) {
     const Tensor out = read_back(*net.getOutputImage());
     for (size_t i = 0; i < first.values.size(); ++i) {
         const double sum = first.values[i] + second.values[i];
-        // One rounding to half, to nearest or towards zero.
-        ASSERT_NEAR(out.values[i], sum, std::fabs(sum) * 0x1p-10 + 0x1p-24);
+        ASSERT_EQ(out.values[i], testing_support::nearest_half(sum));
     }
 }
 

@@ -358,7 +358,7 @@ void expect_one_of(const std::vector<Expectation>& candidates, const Tensor& act
                 candidates.begin(), candidates.end(), [&](const Expectation& candidate) {
                     for (int c = 0; c < 4; ++c) {
                         const double value = candidate.value.at(c, y, x);
-                        const double allowed = error + half_step(std::fabs(value) + error) +
+                        const double allowed = error + store_error(std::fabs(value) + error) +
                                                candidate.tolerance.at(c, y, x);
                         if (!(std::fabs(actual.at(c, y, x) - value) <= allowed)) return false;
                     }

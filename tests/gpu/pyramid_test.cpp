@@ -37,8 +37,8 @@ Tensor halved_height(const Tensor& src, int height) {
     return made;
 }
 
-// The first pass loses a step of a half, which the second one averages and adds its own to.
-const double first_pass_error = half_step(1.0) + float_error(10, 1.0);
+// What storing the first pass loses is averaged by the second one, which adds its own.
+const double first_pass_error = store_error(1.0) + float_error(10, 1.0);
 
 class Pyramid : public ProgramTest {
 protected:

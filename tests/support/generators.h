@@ -102,7 +102,7 @@ inline void expect_matches(const Tensor& stored, const Reference& reference) {
                 const double error = reference.errors.at(c, y, x);
                 const double found = stored.at(c, y, x);
                 const double bound =
-                    error + std::ldexp(std::fabs(want) + error, -10) + std::ldexp(1.0, -24);
+                    error + std::ldexp(std::fabs(want) + error, -11) + std::ldexp(1.0, -25);
                 if (std::fabs(found - want) <= bound) continue;
                 ADD_FAILURE() << "channel " << c << ", row " << y << ", column " << x << ": "
                               << found << ", expected " << want << " +- " << bound;

@@ -89,10 +89,10 @@ struct ConvolutionLayer {
             }
             return patterns;
         };
-        modelkit::assign_weights(
-            record, fill(static_cast<size_t>(tested.out_channels * tested.in_channels *
-                                             tested.kernel_w * tested.kernel_h),
-                         weights));
+        modelkit::assign_weights(record,
+                                 fill(static_cast<size_t>(tested.out_channels * tested.in_channels *
+                                                          tested.kernel_w * tested.kernel_h),
+                                      weights));
         modelkit::assign_bias(record, fill(static_cast<size_t>(tested.out_channels), bias));
     }
 
@@ -116,9 +116,7 @@ public:
         magnitude += std::fabs(product);
         ++terms;
     }
-    Expected result() const {
-        return {sum, (terms + 1) * 2.0 * std::ldexp(1.0, -24) * magnitude};
-    }
+    Expected result() const { return {sum, (terms + 1) * 2.0 * std::ldexp(1.0, -24) * magnitude}; }
 
 private:
     double sum = 0.0;
@@ -126,12 +124,11 @@ private:
     int terms = 0;
 };
 
-/// The value after storing it in a texture of halves. GL leaves open which of the two neighbouring
-/// halves a store takes (llvmpipe rounds toward zero), so it is a whole unit in the last place more,
-/// at least the smallest subnormal.
+/// The value after storing it in a texture as the nearest half: at most half a unit in the last
+/// place from it, which is 2^-11 of it, or half the smallest subnormal.
 inline Expected stored(const Expected& before) {
     const double reach = std::fabs(before.value) + before.bound;
-    return {before.value, before.bound + std::ldexp(reach, -10) + std::ldexp(1.0, -24)};
+    return {before.value, before.bound + std::ldexp(reach, -11) + std::ldexp(1.0, -25)};
 }
 
 /// The activation codes of the convolution sources. GLSL promises exp to (3 + 2 |x|) units in the
@@ -141,16 +138,22 @@ inline Expected activated(const Expected& before, int code) {
     const double x = before.value;
     const double e = before.bound;
     switch (code) {
-        case 2: return {std::fmax(0.0, x), e};
-        case 3: return {std::tanh(x), e + std::ldexp(1.0, -14)};
-        case 4: return {1.0 / (1.0 + std::exp(-x)), e / 4.0 + std::ldexp(1.0, -15)};
-        case 6: return {x > 0.0 ? x : 0.1 * x, e + std::ldexp(std::fabs(x), -24)};
+        case 2:
+            return {std::fmax(0.0, x), e};
+        case 3:
+            return {std::tanh(x), e + std::ldexp(1.0, -14)};
+        case 4:
+            return {1.0 / (1.0 + std::exp(-x)), e / 4.0 + std::ldexp(1.0, -15)};
+        case 6:
+            return {x > 0.0 ? x : 0.1 * x, e + std::ldexp(std::fabs(x), -24)};
         case 7: {
             const double value = std::exp(x / 100.0);
             return {value, value * (e / 100.0 * 1.01 + std::ldexp(1.0, -20))};
         }
-        case 8: return {std::fmin(std::fmax(0.0, x), 6.0), e};
-        default: return before;
+        case 8:
+            return {std::fmin(std::fmax(0.0, x), 6.0), e};
+        default:
+            return before;
     }
 }
 
