@@ -14,6 +14,14 @@
 #include "support/gl_objects.h"
 #include "support/recorders.h"
 
+namespace tesk {
+
+struct PboDownloaderProbe {
+    static unsigned int& calls(PboDownloader& downloader) { return downloader.download_count; }
+};
+
+}  // namespace tesk
+
 namespace {
 
 using testing::ElementsAre;
@@ -69,8 +77,7 @@ TEST_F(Downloads, TheFirstFrameComesWithTheCallBehindAFullRing) {
         const bool fetched = downloader.download(GL_TEXTURE_2D, frame->texture(), 0);
         EXPECT_EQ(fetched, call >= 2) << call;
         const int expected = call >= 2 ? 10 + call - 2 : 0;
-        for (int i = 0; i < 3 * 2 * 4; ++i)
-            EXPECT_EQ(downloader.data()[i], expected) << call;
+        for (int i = 0; i < 3 * 2 * 4; ++i) EXPECT_EQ(downloader.data()[i], expected) << call;
     }
 }
 
@@ -86,6 +93,30 @@ TEST_F(Downloads, TheLatencyIsTheCountOfTheRing) {
             }
         }
     }
+}
+
+TEST_F(Downloads, AWrapOfTheCounterKeepsTheRingFull) {
+    tesk::PboDownloader downloader;
+    ASSERT_EQ(downloader.init(GL_RED, GL_UNSIGNED_BYTE, 1, 1, 3), 0);
+    unsigned int& calls = tesk::PboDownloaderProbe::calls(downloader);
+    for (int call = 0; call < 10; ++call) {
+        if (call == 4) {
+            ASSERT_EQ(calls, 4u);
+            calls = 0xFFFFFFFDu;
+        }
+        const auto frame = colour(1, 1, static_cast<unsigned char>(1 + call));
+        ASSERT_EQ(downloader.download(GL_TEXTURE_2D, frame->texture(), 0), call >= 3) << call;
+        if (call >= 3) {
+            ASSERT_EQ(downloader.data()[0], 1 + call - 3) << call;
+        }
+        if (call == 4) {
+            ASSERT_EQ(calls, 0xFFFFFFFEu);
+        }
+        if (call == 5) {
+            ASSERT_EQ(calls, 3u);
+        }
+    }
+    EXPECT_EQ(calls, 7u);
 }
 
 TEST_F(Downloads, ReadsTheFramebufferThatIsBound) {
@@ -144,8 +175,7 @@ TEST_F(Downloads, EveryFormatHasRoomForFloats) {
         int first;
     };
     Tensor tensor(4, 2, 3);
-    for (size_t i = 0; i < tensor.values.size(); ++i)
-        tensor.values[i] = static_cast<double>(i);
+    for (size_t i = 0; i < tensor.values.size(); ++i) tensor.values[i] = static_cast<double>(i);
     const auto image = upload(tensor);
     for (const Case& tested : {Case{GL_RED, 1, 0}, Case{GL_GREEN, 1, 1}, Case{GL_BLUE, 1, 2},
                                Case{GL_RGB, 3, 0}, Case{GL_RGBA, 4, 0}}) {
@@ -167,8 +197,7 @@ TEST_F(Downloads, EveryFormatHasRoomForFloats) {
 TEST_F(Downloads, RowsOfBytesArePaddedToFour) {
     const auto frame = make_image(4, 3, 3, GL_RGBA8);
     std::vector<char> bytes(3 * 3 * 4);
-    for (size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<char>(i);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i);
     frame->update(bytes.data(), 0);
     for (const GLint alignment : {4, 8, 1}) {
         glPixelStorei(GL_PACK_ALIGNMENT, alignment);
@@ -247,17 +276,16 @@ TEST_F(Downloads, ArgumentsAreTestedInOrder) {
         int result;
         std::vector<std::string> log;
     };
-    const Case cases[] = {
-        {GL_RG, 0, 0, 0, -3, {unhandled}},
-        {GL_RG, 2, 2, 2, -3, {unhandled}},
-        {GL_RG, 2, 2, 11, -3, {too_many, unhandled}},
-        {GL_RED, 0, 2, 0, -4, {"Invalid width or height given: 0 x 2"}},
-        {GL_RED, 2, 0, 2, -4, {"Invalid width or height given: 2 x 0"}},
-        {GL_RED, -2, -2, 2, -4, {"Invalid width or height given: -2 x -2"}},
-        {GL_RGBA, INT_MAX, INT_MAX, 0, -5, {"Cannot allocate pixel buffer."}},
-        {GL_RGBA, 46341, 46341, 2, -5, {"Cannot allocate pixel buffer."}},
-        {GL_RED, 2, 2, 0, -2, {"Invalid number of PBOs: 0"}},
-        {GL_RED, 2, 2, -1, -2, {"Invalid number of PBOs: -1"}}};
+    const Case cases[] = {{GL_RG, 0, 0, 0, -3, {unhandled}},
+                          {GL_RG, 2, 2, 2, -3, {unhandled}},
+                          {GL_RG, 2, 2, 11, -3, {too_many, unhandled}},
+                          {GL_RED, 0, 2, 0, -4, {"Invalid width or height given: 0 x 2"}},
+                          {GL_RED, 2, 0, 2, -4, {"Invalid width or height given: 2 x 0"}},
+                          {GL_RED, -2, -2, 2, -4, {"Invalid width or height given: -2 x -2"}},
+                          {GL_RGBA, INT_MAX, INT_MAX, 0, -5, {"Cannot allocate pixel buffer."}},
+                          {GL_RGBA, 46341, 46341, 2, -5, {"Cannot allocate pixel buffer."}},
+                          {GL_RED, 2, 2, 0, -2, {"Invalid number of PBOs: 0"}},
+                          {GL_RED, 2, 2, -1, -2, {"Invalid number of PBOs: -1"}}};
     for (const Case& tested : cases) {
         tesk::PboDownloader downloader;
         LogRecorder log;

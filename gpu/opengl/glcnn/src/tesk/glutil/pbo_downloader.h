@@ -33,6 +33,9 @@ public:
     unsigned char* data() { return pixels; }
 
 private:
+    /// Of the tests: the counter wraps once in 2^32 frames.
+    friend struct PboDownloaderProbe;
+
     void bindFbo(unsigned int target, unsigned int texture, int layer);
     bool checkSupported();
 
