@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include "support/convolution_contract.h"
 #include "support/convolutions.h"
 #include "support/recorders.h"
 #include "support/tensors.h"
@@ -42,36 +43,28 @@ TEST(ConvolutionFloatFallback, EveryOutputIsOneFloatChainInTheDocumentedOrder) {
             for (const int stride : {1, 2, 3})
                 for (const int dilation : {1, 2})
                     for (const bool bias : {false, true}) {
-                        ConvolutionCase a;
-                        a.c = c;
-                        a.h = 7 + static_cast<int>(seed % 3);
-                        a.w = 9 + static_cast<int>(seed % 13);
-                        a.num_output = 1 + static_cast<int>(seed % 5);
-                        a.kernel_w = a.kernel_h = kernel;
-                        a.stride_w = a.stride_h = stride;
-                        a.dilation_w = a.dilation_h = dilation;
-                        a.pad_w = a.pad_h = (kernel - 1) * dilation / 2;
-                        a.bias = bias;
-                        a.seed = seed++;
+                        ConvolutionCase a = ConvolutionCase::of(c, 7 + static_cast<int>(seed % 3),
+                                                                9 + static_cast<int>(seed % 13))
+                                                .outputs(1 + static_cast<int>(seed % 5))
+                                                .kernel(kernel)
+                                                .stride(stride)
+                                                .dilation(dilation)
+                                                .pad((kernel - 1) * dilation / 2)
+                                                .with_bias(bias)
+                                                .seeded(seed);
                         expect_plain_convolution(a);
+                        ++seed;
                     }
 }
 
 TEST(ConvolutionFloatFallback, DirectionsAreIndependent) {
-    ConvolutionCase a;
-    a.c = 3;
-    a.h = 11;
-    a.w = 37;
-    a.num_output = 4;
-    a.kernel_w = 5;
-    a.kernel_h = 2;
-    a.stride_w = 2;
-    a.stride_h = 3;
-    a.dilation_w = 1;
-    a.dilation_h = 2;
-    a.pad_w = 2;
-    a.pad_h = 0;
-    a.bias = true;
+    ConvolutionCase a = ConvolutionCase::of(3, 11, 37)
+                            .outputs(4)
+                            .kernel(5, 2)
+                            .stride(2, 3)
+                            .dilation(1, 2)
+                            .pad(2, 0)
+                            .with_bias();
     expect_plain_convolution(a);
     a.pad_w = 0;
     a.pad_h = 1;
@@ -79,33 +72,20 @@ TEST(ConvolutionFloatFallback, DirectionsAreIndependent) {
 }
 
 TEST(ConvolutionFloatFallback, AOneByOneBottomGivesAOneByOneTop) {
-    ConvolutionCase a;
-    a.c = 8;
-    a.num_output = 3;
-    a.bias = true;
+    ConvolutionCase a = ConvolutionCase::of(8, 1, 1).outputs(3).with_bias();
     expect_plain_convolution(a);
     a.kernel_w = a.kernel_h = 3;
-    a.pad_w = a.pad_h = 1;
+    a.pad(1);
     expect_plain_convolution(a);
 }
 
 TEST(ConvolutionFloatFallback, AKernelOfMoreTapsThanTheStackTableHoldsIsComputedToo) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 19;
-    a.num_output = 2;
-    a.kernel_w = 13;
-    a.kernel_h = 11;
-    a.pad_w = 6;
-    a.pad_h = 5;
+    ConvolutionCase a = ConvolutionCase::of(2, 19, 19).outputs(2).kernel(13, 11).pad(6, 5);
     expect_plain_convolution(a);
 }
 
 TEST(ConvolutionFloatFallback, WithoutPaddingNothingIsCopied) {
-    ConvolutionCase a;
-    a.c = 4;
-    a.h = a.w = 6;
-    a.num_output = 4;
+    ConvolutionCase a = ConvolutionCase::of(4, 6, 6).outputs(4);
     const Data data(a);
     auto op = load_convolution(plain, a, data);
     PoisoningAllocator workspace;
@@ -118,100 +98,54 @@ TEST(ConvolutionFloatFallback, WithoutPaddingNothingIsCopied) {
 
 TEST(ConvolutionFloatFallback, TheSizeIsTheBottomsDividedByTheStrideWhateverThePadding) {
     for (const int pad : {0, 1, 4}) {
-        ConvolutionCase a;
-        a.c = 2;
-        a.h = 9;
-        a.w = 7;
-        a.num_output = 2;
-        a.kernel_w = a.kernel_h = 3;
-        a.stride_w = a.stride_h = 2;
-        a.pad_w = a.pad_h = pad;
+        ConvolutionCase a = ConvolutionCase::of(2, 9, 7).outputs(2).kernel(3).stride(2).pad(pad);
         SCOPED_TRACE(a.text());
         const Data data(a);
-        auto op = load_convolution(plain, a, data);
-        Mat top;
-        ASSERT_EQ(0, op->forward(data.bottom(a), top, get_default_option()));
+        const Mat top = convolved(plain, a, data);
         EXPECT_EQ(chw(2, 4, 3), top.shape);
         expect_plain_convolution(a);
     }
 }
 
 TEST(ConvolutionFloatFallback, WithoutABorderWindowsRunOnIntoTheNextRowAndTheNextChannel) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = 2;
-    a.w = 3;
-    a.num_output = 1;
-    a.kernel_w = 3;
-    a.kernel_h = 1;
+    ConvolutionCase a = ConvolutionCase::of(2, 2, 3).outputs(1).kernel(3, 1);
     Data data(a);
     data.input = {1, 2, 3, 4, 5, 6, 10, 20, 30, 40, 50, 60};
     data.weights = {1, 1, 1, 0, 0, 0};
-    auto op = load_convolution(plain, a, data);
-    Mat top;
-    ASSERT_EQ(0, op->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     // The last windows of a row see the next row, the last of the channel see the second channel.
     EXPECT_EQ((std::vector<float>{6, 9, 12, 15, 21, 36}), values_of(top));
 }
 
 TEST(ConvolutionFloatFallback, WhatLiesBehindTheEndOfTheBottomCountsAsZero) {
-    ConvolutionCase a;
-    a.h = 1;
-    a.w = 4;
-    a.num_output = 1;
-    a.kernel_w = 3;
-    a.kernel_h = 1;
+    ConvolutionCase a = ConvolutionCase::of(1, 1, 4).outputs(1).kernel(3, 1);
     Data data(a);
     data.input = {1, 2, 3, 4};
     data.weights = {1, 10, 100};
-    auto op = load_convolution(plain, a, data);
-    Mat top;
-    ASSERT_EQ(0, op->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     EXPECT_EQ((std::vector<float>{321, 432, 43, 4}), values_of(top));
 
     unsigned int seed = 77;
     for (const int kernel : {2, 4, 7}) {
-        ConvolutionCase wide;
-        wide.c = 3;
-        wide.h = 5;
-        wide.w = 18;
-        wide.num_output = 2;
-        wide.kernel_w = wide.kernel_h = kernel;
-        wide.dilation_w = wide.dilation_h = 3;
-        wide.seed = seed++;
+        ConvolutionCase wide =
+            ConvolutionCase::of(3, 5, 18).outputs(2).kernel(kernel).dilation(3).seeded(seed);
         expect_plain_convolution(wide);
+        ++seed;
     }
 }
 
 TEST(ConvolutionFloatFallback, ThePaddingThatKeepsTheSizePutsTheLargerHalfBelowAndRight) {
     // wpad = 4 + (9 - 1) / 2 * 2 - 9 = 3, hpad = 3 + (8 - 1) / 2 * 2 - 8 = 1.
-    ConvolutionCase a;
-    a.c = 3;
-    a.h = 8;
-    a.w = 9;
-    a.num_output = 2;
-    a.kernel_w = 4;
-    a.kernel_h = 3;
-    a.stride_w = a.stride_h = 2;
-    a.pad_w = a.pad_h = -233;
+    ConvolutionCase a = ConvolutionCase::of(3, 8, 9).outputs(2).kernel(4, 3).stride(2).pad(-233);
     SCOPED_TRACE(a.text());
     const Data data(a);
-    auto op = load_convolution(plain, a, data);
-    Mat top;
-    ASSERT_EQ(0, op->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     expect_same_bits(reference_convolution(a, data, 0, 1, 1, 2, 4, 4), top);
 }
 
 TEST(ConvolutionFloatFallback, ThePaddingThatKeepsTheSizeMakesABorderInOneDirectionAlone) {
     // wpad = 1 + 7 / 1 * 1 - 8 = 0, hpad = 2.
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = 5;
-    a.w = 8;
-    a.num_output = 2;
-    a.kernel_w = 1;
-    a.kernel_h = 3;
-    a.pad_w = a.pad_h = -233;
+    ConvolutionCase a = ConvolutionCase::of(2, 5, 8).outputs(2).kernel(1, 3).pad(-233);
     const Data data(a);
     auto op = load_convolution(plain, a, data);
     PoisoningAllocator workspace;
@@ -224,11 +158,7 @@ TEST(ConvolutionFloatFallback, ThePaddingThatKeepsTheSizeMakesABorderInOneDirect
 }
 
 TEST(ConvolutionFloatFallback, OtherNegativePaddingMeansNoBorder) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 5;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
+    ConvolutionCase a = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3);
     for (const int pad_h : {0, -1, -233}) {
         a.pad_w = -5;
         a.pad_h = pad_h;
@@ -246,13 +176,7 @@ TEST(ConvolutionFloatFallback, OtherNegativePaddingMeansNoBorder) {
 }
 
 TEST(ConvolutionFloatFallback, PaddingInOneDirectionAndANegativeOneInTheOtherGivesNoTensor) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 5;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
-    a.pad_w = 1;
-    a.pad_h = -233;
+    ConvolutionCase a = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3).pad(1, -233);
     const Data data(a);
     auto op = load_convolution(plain, a, data);
     Mat top;
@@ -260,10 +184,7 @@ TEST(ConvolutionFloatFallback, PaddingInOneDirectionAndANegativeOneInTheOtherGiv
 }
 
 TEST(ConvolutionFloatFallback, WithoutABiasNoneIsAskedFor) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 3;
-    a.num_output = 2;
+    ConvolutionCase a = ConvolutionCase::of(2, 3, 3).outputs(2);
     const Data data(a);
     const ModelBinFromTarnoWeightBias arrays(data.weights.data(), nullptr);
     auto op = make_operator(plain);
@@ -274,10 +195,7 @@ TEST(ConvolutionFloatFallback, WithoutABiasNoneIsAskedFor) {
 }
 
 TEST(ConvolutionFloatFallback, AGroupIsNotApplied) {
-    ConvolutionCase a;
-    a.c = 4;
-    a.h = a.w = 5;
-    a.num_output = 4;
+    ConvolutionCase a = ConvolutionCase::of(4, 5, 5).outputs(4);
     const Data data(a);
     ParamDict pd = a.params();
     pd.set(11, 2);
@@ -290,14 +208,8 @@ TEST(ConvolutionFloatFallback, AGroupIsNotApplied) {
 }
 
 TEST(ConvolutionFloatFallback, HeightsDefaultToWidths) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 11;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
-    a.dilation_w = a.dilation_h = 2;
-    a.stride_w = a.stride_h = 2;
-    a.pad_w = a.pad_h = 2;
+    ConvolutionCase a =
+        ConvolutionCase::of(2, 11, 11).outputs(2).kernel(3).stride(2).dilation(2).pad(2);
     const Data data(a);
     ParamDict pd;
     pd.set(0, 2);
@@ -315,13 +227,7 @@ TEST(ConvolutionFloatFallback, HeightsDefaultToWidths) {
 }
 
 TEST(ConvolutionFloatFallback, ChannelsBeyondTheWeightsMeetZeros) {
-    ConvolutionCase a;
-    a.c = 3;
-    a.h = 4;
-    a.w = 20;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
-    a.pad_w = a.pad_h = 1;
+    ConvolutionCase a = ConvolutionCase::of(3, 4, 20).outputs(2).kernel(3).pad(1);
     Data data(a);
     auto op = load_convolution(plain, a, data);
     ConvolutionCase more = a;
@@ -344,107 +250,46 @@ TEST(ConvolutionFloatFallback, TheTopKeepsTheBottomsFractionalBits) {
 }
 
 TEST(ConvolutionFloatFallback, ATensorOfAnotherLayoutOrElementSizeRaisesTheAssertion) {
-    ConvolutionCase a;
-    a.w = 4;
-    const Data data(a);
-    auto op = load_convolution(plain, a, data);
-    for (const TensorShape& shape :
-         {TensorShape(TensorShape::C4HW4, 1, 1, 4, 4), TensorShape(TensorShape::CHW, 1, 1, 4, 2)}) {
-        AssertRecorder assertions;
-        Mat top;
-        EXPECT_FALSE(op->check_forward(shape));
-        EXPECT_EQ(-100, op->forward(Mat(shape, nullptr), top, get_default_option()));
-        ASSERT_EQ(1u, assertions.count());
-        EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.last().condition);
-        EXPECT_EQ("convolution_float_fallback", assertions.last().source);
-    }
+    expect_plain_floats_only(plain, "convolution_float_fallback");
 }
 
 TEST(ConvolutionFloatFallback, NumbersThatMakeNoConvolutionAreRefusedWithoutAFault) {
-    ConvolutionCase good;
-    good.c = 2;
-    good.h = good.w = 5;
-    good.num_output = 2;
-    good.kernel_w = good.kernel_h = 3;
-    good.bias = true;
-    const Data data(good);
-    const ModelBinFromTarnoWeightBias arrays(data.weights.data(), data.bias.data());
-    const struct {
-        int id;
-        int value;
-    } changes[] = {{1, 0},       {2, 0},       {1, -3},      {3, -1},      {4, -2}, {5, 0},
-                   {6, 0},       {5, -1},      {3, 1 << 30}, {4, INT_MAX}, {5, 6},  {6, INT_MAX},
-                   {7, INT_MAX}, {8, INT_MAX}, {1, 1 << 20}, {10, 4}};
-    for (const auto& change : changes) {
-        SCOPED_TRACE(testing::Message() << "id " << change.id << " = " << change.value);
-        ParamDict pd = good.params();
-        pd.set(change.id, change.value);
-        auto op = make_operator(plain);
-        ASSERT_EQ(0, op->load(pd, arrays, {nullptr, 0, 0}));
-        Mat top;
-        EXPECT_EQ(-100, op->forward(data.bottom(good), top, get_default_option()));
-    }
-    auto op = load_convolution(plain, good, data);
-    Mat top;
-    EXPECT_EQ(-100, op->forward(Mat(chw(0, 0, 0), nullptr), top, get_default_option()));
-    EXPECT_EQ(-100, op->forward(Mat(chw(2, -5, -5), nullptr), top, get_default_option()));
+    const ConvolutionCase good = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3).with_bias();
+    expect_refused_numbers(plain, good,
+                           {{1, 0},
+                            {2, 0},
+                            {1, -3},
+                            {3, -1},
+                            {4, -2},
+                            {5, 0},
+                            {6, 0},
+                            {5, -1},
+                            {3, 1 << 30},
+                            {4, INT_MAX},
+                            {5, 6},
+                            {6, INT_MAX},
+                            {7, INT_MAX},
+                            {8, INT_MAX},
+                            {1, 1 << 20},
+                            {10, 4}});
+    auto op = load_convolution(plain, good, Data(good));
+    expect_no_forward(*op, Mat(chw(0, 0, 0), nullptr));
+    expect_no_forward(*op, Mat(chw(2, -5, -5), nullptr));
 }
 
 TEST(ConvolutionFloatFallback, ADilationOfZeroPutsAllTapsOnOneElement) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 6;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
-    a.dilation_w = a.dilation_h = 0;
+    ConvolutionCase a = ConvolutionCase::of(2, 6, 6).outputs(2).kernel(3).dilation(0);
     expect_plain_convolution(a);
 }
 
 TEST(ConvolutionFloatFallback, MissingArraysFailTheLoadAndEveryForwardBehindIt) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 3;
-    a.num_output = 2;
-    a.bias = true;
-    const Data data(a);
-    const ModelBinFromTarnoWeightBias arrays(data.weights.data(), data.bias.data());
-    for (const int type : {0, 1}) {
-        auto op = make_operator(plain);
-        EXPECT_EQ(-100, op->load(a.params(), WithoutArray(arrays, type, 0), {nullptr, 0, 0}));
-        Mat top;
-        EXPECT_EQ(-100, op->forward(data.bottom(a), top, get_default_option()));
-    }
-    auto op = make_operator(plain);
-    ParamDict pd = a.params();
-    pd.set(10, 0);
-    EXPECT_EQ(-100, op->load(pd, arrays, {nullptr, 0, 0}));
+    expect_arrays_are_needed(plain, ConvolutionCase::of(2, 3, 3).outputs(2));
 }
 
 TEST(ConvolutionFloatFallback, AllocatorsThatFailGiveMinusHundredAndNoLeak) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.h = a.w = 5;
-    a.num_output = 2;
-    a.kernel_w = a.kernel_h = 3;
-    for (const int pad : {1, -233}) {
-        a.pad_w = a.pad_h = pad;
-        const Data data(a);
-        auto op = load_convolution(plain, a, data);
-        for (const bool blob_fails : {true, false}) {
-            PoisoningAllocator blobs, workspace;
-            blobs.fail = blob_fails;
-            workspace.fail = !blob_fails;
-            Option opt;
-            opt.blob_allocator = &blobs;
-            opt.workspace_allocator = &workspace;
-            {
-                Mat top;
-                EXPECT_EQ(-100, op->forward(data.bottom(a), top, opt));
-            }
-            EXPECT_EQ(0, blobs.alive);
-            EXPECT_EQ(0, workspace.alive);
-        }
-    }
+    for (const int pad : {1, -233})
+        expect_failing_allocators(plain,
+                                  ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3).pad(pad));
 }
 
 TEST(ConvolutionFloatFallback, ItsNameIsItsClassName) {

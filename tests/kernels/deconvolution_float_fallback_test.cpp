@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include "support/convolution_contract.h"
 #include "support/convolutions.h"
 #include "support/recorders.h"
 #include "support/tensors.h"
@@ -42,34 +43,28 @@ TEST(DeconvolutionFloatFallback, EveryOutputIsOneFloatChainInScatterOrder) {
             for (const int stride : {1, 2, 3})
                 for (const int dilation : {1, 2})
                     for (const bool bias : {false, true}) {
-                        ConvolutionCase a;
-                        a.c = c;
-                        a.h = 3 + static_cast<int>(seed % 4);
-                        a.w = 1 + static_cast<int>(seed % 41);
-                        a.num_output = 1 + static_cast<int>(seed % 3);
-                        a.kernel_w = a.kernel_h = kernel;
-                        a.stride_w = a.stride_h = stride;
-                        a.dilation_w = a.dilation_h = dilation;
-                        a.pad_w = a.pad_h = static_cast<int>(seed % 2);
-                        a.bias = bias;
-                        a.seed = seed++;
+                        ConvolutionCase a = ConvolutionCase::of(c, 3 + static_cast<int>(seed % 4),
+                                                                1 + static_cast<int>(seed % 41))
+                                                .outputs(1 + static_cast<int>(seed % 3))
+                                                .kernel(kernel)
+                                                .stride(stride)
+                                                .dilation(dilation)
+                                                .pad(static_cast<int>(seed % 2))
+                                                .with_bias(bias)
+                                                .seeded(seed);
                         expect_deconvolution(plain, a);
+                        ++seed;
                     }
 }
 
 TEST(DeconvolutionFloatFallback, DirectionsAreIndependent) {
-    ConvolutionCase a;
-    a.c = 3;
-    a.h = 4;
-    a.w = 21;
-    a.num_output = 2;
-    a.kernel_w = 5;
-    a.kernel_h = 7;
-    a.stride_w = 3;
-    a.stride_h = 2;
-    a.dilation_h = 2;
-    a.pad_w = 2;
-    a.bias = true;
+    ConvolutionCase a = ConvolutionCase::of(3, 4, 21)
+                            .outputs(2)
+                            .kernel(5, 7)
+                            .stride(3, 2)
+                            .dilation(1, 2)
+                            .pad(2, 0)
+                            .with_bias();
     expect_deconvolution(plain, a);
     a.pad_w = 0;
     a.pad_h = 1;
@@ -77,127 +72,74 @@ TEST(DeconvolutionFloatFallback, DirectionsAreIndependent) {
 }
 
 TEST(DeconvolutionFloatFallback, ThreeByThreeWithStrideOneAndPadOneKeepsTheSize) {
-    ConvolutionCase a;
-    a.c = a.num_output = 2;
-    a.h = a.w = 8;
-    a.kernel_w = a.kernel_h = 3;
+    ConvolutionCase a = ConvolutionCase::of(2, 8, 8).outputs(2).kernel(3);
     const Data data(a);
-    Mat top;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     EXPECT_EQ(chw(2, 10, 10), top.shape);
-    a.pad_w = a.pad_h = 1;
-    Mat cut;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), cut, get_default_option()));
+    a.pad(1);
+    const Mat cut = convolved(plain, a, data);
     EXPECT_EQ(chw(2, 8, 8), cut.shape);
     expect_deconvolution(plain, a);
 }
 
 TEST(DeconvolutionFloatFallback, FourByFourWithStrideTwoAndPadOneDoublesTheSize) {
-    ConvolutionCase a;
-    a.c = a.num_output = 2;
-    a.h = a.w = 8;
-    a.kernel_w = a.kernel_h = 4;
-    a.stride_w = a.stride_h = 2;
+    ConvolutionCase a = ConvolutionCase::of(2, 8, 8).outputs(2).kernel(4).stride(2);
     const Data data(a);
-    Mat top;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     EXPECT_EQ(chw(2, 18, 18), top.shape);
-    a.pad_w = a.pad_h = 1;
-    Mat cut;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), cut, get_default_option()));
+    a.pad(1);
+    const Mat cut = convolved(plain, a, data);
     EXPECT_EQ(chw(2, 16, 16), cut.shape);
     expect_deconvolution(plain, a);
 }
 
 TEST(DeconvolutionFloatFallback, TheKernelDoesNotEnterTheSizeAndAWideOneRunsIntoTheNextRow) {
-    ConvolutionCase a;
-    a.h = 1;
-    a.w = 1;
-    a.kernel_w = 5;
-    a.kernel_h = 1;
+    ConvolutionCase a = ConvolutionCase::of(1, 1, 1).kernel(5, 1);
     Data data(a);
     data.input = {1};
     data.weights = {1, 2, 3, 4, 5};
-    Mat top;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     ASSERT_EQ(chw(1, 3, 3), top.shape);
     EXPECT_EQ((std::vector<float>{1, 2, 3, 4, 5, 0, 0, 0, 0}), values_of(top));
 }
 
 TEST(DeconvolutionFloatFallback, WhatRunsPastAChannelLeavesNoTraceInTheNext) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.num_output = 3;
-    a.h = a.w = 3;
-    a.kernel_w = a.kernel_h = 6;
-    a.bias = true;
+    ConvolutionCase a = ConvolutionCase::of(2, 3, 3).outputs(3).kernel(6).with_bias();
     expect_deconvolution(plain, a);
-    a.dilation_w = a.dilation_h = 3;
+    a.dilation(3);
     expect_deconvolution(plain, a);
     a.c = a.num_output = a.group = 3;
     expect_deconvolution(grouped, a);
 }
 
 TEST(DeconvolutionFloatFallback, AKernelOfMoreTapsThanTheStackTableHoldsIsComputedToo) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.num_output = 2;
-    a.h = a.w = 4;
-    a.kernel_w = 12;
-    a.kernel_h = 13;
-    a.stride_w = a.stride_h = 11;
+    ConvolutionCase a = ConvolutionCase::of(2, 4, 4).outputs(2).kernel(12, 13).stride(11);
     expect_deconvolution(plain, a);
-    a.stride_w = a.stride_h = 2;
+    a.stride(2);
     expect_deconvolution(plain, a);
 }
 
 TEST(DeconvolutionFloatFallback, ADilationOfZeroPutsAllTapsOnOneElement) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.num_output = 2;
-    a.h = a.w = 5;
-    a.kernel_w = a.kernel_h = 3;
-    a.dilation_w = a.dilation_h = 0;
+    ConvolutionCase a = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3).dilation(0);
     expect_deconvolution(plain, a);
     a.dilation_w = 1;
     expect_deconvolution(plain, a);
 }
 
 TEST(DeconvolutionFloatFallback, AStrideWiderThanTheKernelLeavesTheBiasBetween) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.num_output = 2;
-    a.h = 3;
-    a.w = 20;
-    a.kernel_w = a.kernel_h = 2;
-    a.stride_w = a.stride_h = 5;
-    a.bias = true;
+    ConvolutionCase a = ConvolutionCase::of(2, 3, 20).outputs(2).kernel(2).stride(5).with_bias();
     expect_deconvolution(plain, a);
 }
 
 TEST(DeconvolutionFloatFallback, NegativePaddingCutsNothing) {
-    ConvolutionCase a;
-    a.c = a.num_output = 2;
-    a.h = a.w = 4;
-    a.kernel_w = a.kernel_h = 3;
-    a.pad_w = a.pad_h = -233;
+    ConvolutionCase a = ConvolutionCase::of(2, 4, 4).outputs(2).kernel(3).pad(-233);
     const Data data(a);
-    Mat top;
-    ASSERT_EQ(0,
-              load_convolution(plain, a, data)->forward(data.bottom(a), top, get_default_option()));
+    const Mat top = convolved(plain, a, data);
     EXPECT_EQ(chw(2, 6, 6), top.shape);
 }
 
 TEST(DeconvolutionFloatFallback, ACutThatLeavesNothingGivesMinusHundred) {
-    ConvolutionCase a;
-    a.h = a.w = 4;
-    a.kernel_w = a.kernel_h = 3;
-    a.pad_w = a.pad_h = 3;
+    ConvolutionCase a = ConvolutionCase::of(1, 4, 4).kernel(3).pad(3);
     const Data data(a);
     for (const char* name : {plain, grouped}) {
         Mat top;
@@ -208,10 +150,7 @@ TEST(DeconvolutionFloatFallback, ACutThatLeavesNothingGivesMinusHundred) {
 }
 
 TEST(DeconvolutionFloatFallback, ATopOfTheRightShapeInThePlainHeapIsWrittenInPlace) {
-    ConvolutionCase a;
-    a.c = a.num_output = 2;
-    a.h = a.w = 4;
-    a.kernel_w = a.kernel_h = 3;
+    ConvolutionCase a = ConvolutionCase::of(2, 4, 4).outputs(2).kernel(3);
     const Data data(a);
     auto op = load_convolution(plain, a, data);
     Mat top(chw(2, 6, 6), nullptr);
@@ -233,8 +172,7 @@ TEST(DeconvolutionFloatFallback, ATopOfTheRightShapeInThePlainHeapIsWrittenInPla
 }
 
 TEST(DeconvolutionFloatFallback, ASizeThatNoHeapHasGivesMinusHundredAndKeepsTheTop) {
-    ConvolutionCase a;
-    a.stride_w = a.stride_h = 40000;
+    ConvolutionCase a = ConvolutionCase::of(1, 1, 1).stride(40000);
     const Data data(a);
     for (const char* name : {plain, grouped}) {
         AssertRecorder assertions;
@@ -248,11 +186,7 @@ TEST(DeconvolutionFloatFallback, ASizeThatNoHeapHasGivesMinusHundredAndKeepsTheT
 }
 
 TEST(DeconvolutionFloatFallback, ChannelsBeyondTheWeightsMeetZeros) {
-    ConvolutionCase a;
-    a.c = 2;
-    a.num_output = 2;
-    a.h = a.w = 5;
-    a.kernel_w = a.kernel_h = 3;
+    ConvolutionCase a = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3);
     Data data(a);
     auto op = load_convolution(plain, a, data);
     ConvolutionCase more = a;
@@ -264,71 +198,38 @@ TEST(DeconvolutionFloatFallback, ChannelsBeyondTheWeightsMeetZeros) {
 }
 
 TEST(DeconvolutionFloatFallback, ATensorOfAnotherLayoutOrElementSizeRaisesTheAssertion) {
-    ConvolutionCase a;
-    const Data data(a);
-    for (const char* name : {plain, grouped}) {
-        auto op = load_convolution(name, a, data);
-        for (const TensorShape& shape : {TensorShape(TensorShape::C4HW4, 1, 1, 4, 4),
-                                         TensorShape(TensorShape::CHW, 1, 1, 4, 2)}) {
-            AssertRecorder assertions;
-            Mat top;
-            EXPECT_FALSE(op->check_forward(shape));
-            EXPECT_EQ(-100, op->forward(Mat(shape, nullptr), top, get_default_option()));
-            ASSERT_EQ(1u, assertions.count());
-            EXPECT_EQ("false && \"Invalid forward pre-conditions\"", assertions.last().condition);
-            EXPECT_EQ(name == plain ? "deconvolution_float_fallback"
-                                    : "deconvolutiondepthwise_float_fallback",
-                      assertions.last().source);
-        }
-    }
+    expect_plain_floats_only(plain, "deconvolution_float_fallback");
+    expect_plain_floats_only(grouped, "deconvolutiondepthwise_float_fallback");
 }
 
 TEST(DeconvolutionFloatFallback, NumbersThatMakeNoConvolutionAreRefusedWithoutAFault) {
-    ConvolutionCase good;
-    good.c = good.num_output = 2;
-    good.h = good.w = 5;
-    good.kernel_w = good.kernel_h = 3;
-    const Data data(good);
-    const ModelBinFromTarnoWeightBias arrays(data.weights.data(), nullptr);
-    const struct {
-        int id;
-        int value;
-    } changes[] = {{0, 0},       {0, -2},      {1, 0},       {2, -1},      {3, -1},
-                   {5, 0},       {6, -3},      {3, INT_MAX}, {4, 1 << 30}, {7, INT_MAX},
-                   {8, INT_MAX}, {1, INT_MAX}, {10, 4},      {5, INT_MAX}, {6, INT_MAX}};
     for (const char* name : {plain, grouped}) {
-        for (const auto& change : changes) {
-            SCOPED_TRACE(testing::Message()
-                         << name << ", id " << change.id << " = " << change.value);
-            ParamDict pd = good.params();
-            pd.set(change.id, change.value);
-            auto op = make_operator(name);
-            ASSERT_EQ(0, op->load(pd, arrays, {nullptr, 0, 0}));
-            Mat top;
-            EXPECT_EQ(-100, op->forward(data.bottom(good), top, get_default_option()));
-        }
+        expect_refused_numbers(name, ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3),
+                               {{0, 0},
+                                {0, -2},
+                                {1, 0},
+                                {2, -1},
+                                {3, -1},
+                                {5, 0},
+                                {6, -3},
+                                {3, INT_MAX},
+                                {4, 1 << 30},
+                                {7, INT_MAX},
+                                {8, INT_MAX},
+                                {1, INT_MAX},
+                                {10, 4},
+                                {5, INT_MAX},
+                                {6, INT_MAX}});
     }
 }
 
 TEST(DeconvolutionFloatFallback, MissingArraysFailTheLoadAndEveryForwardBehindIt) {
-    ConvolutionCase a;
-    a.h = a.w = 3;
-    a.bias = true;
-    const Data data(a);
-    const ModelBinFromTarnoWeightBias arrays(data.weights.data(), data.bias.data());
-    for (const char* name : {plain, grouped}) {
-        for (const int type : {0, 1}) {
-            auto op = make_operator(name);
-            EXPECT_EQ(-100, op->load(a.params(), WithoutArray(arrays, type, 0), {nullptr, 0, 0}));
-            Mat top;
-            EXPECT_EQ(-100, op->forward(data.bottom(a), top, get_default_option()));
-        }
-    }
+    for (const char* name : {plain, grouped})
+        expect_arrays_are_needed(name, ConvolutionCase::of(1, 3, 3));
 }
 
 TEST(DeconvolutionFloatFallback, ItsNameIsItsClassName) {
-    for (const char* name : {plain, grouped})
-        EXPECT_EQ(name, make_operator(name)->name());
+    for (const char* name : {plain, grouped}) EXPECT_EQ(name, make_operator(name)->name());
 }
 
 TEST(DeconvolutionDepthwiseFloatFallback, ADepthwiseOutputIsOneFloatChainOverItsChannel) {
@@ -338,17 +239,18 @@ TEST(DeconvolutionDepthwiseFloatFallback, ADepthwiseOutputIsOneFloatChainOverIts
             for (const int stride : {1, 2, 3})
                 for (const int dilation : {1, 2})
                     for (const bool bias : {false, true}) {
-                        ConvolutionCase a;
-                        a.c = a.num_output = a.group = c;
-                        a.h = 3 + static_cast<int>(seed % 4);
-                        a.w = 1 + static_cast<int>(seed % 43);
-                        a.kernel_w = a.kernel_h = kernel;
-                        a.stride_w = a.stride_h = stride;
-                        a.dilation_w = a.dilation_h = dilation;
-                        a.pad_w = a.pad_h = static_cast<int>(seed % 2);
-                        a.bias = bias;
-                        a.seed = seed++;
+                        ConvolutionCase a = ConvolutionCase::of(c, 3 + static_cast<int>(seed % 4),
+                                                                1 + static_cast<int>(seed % 43))
+                                                .outputs(c)
+                                                .kernel(kernel)
+                                                .stride(stride)
+                                                .dilation(dilation)
+                                                .pad(static_cast<int>(seed % 2))
+                                                .groups(c)
+                                                .with_bias(bias)
+                                                .seeded(seed);
                         expect_deconvolution(grouped, a);
+                        ++seed;
                     }
 }
 
@@ -357,43 +259,21 @@ TEST(DeconvolutionDepthwiseFloatFallback, AGroupSeesItsOwnChannelsOnly) {
     for (const int group : {1, 2, 3})
         for (const int inputs : {1, 2, 3})
             for (const int outputs : {1, 2, 5}) {
-                ConvolutionCase a;
-                a.group = group;
-                a.c = group * inputs;
-                a.num_output = group * outputs;
-                a.h = 4;
-                a.w = 19;
-                a.kernel_w = a.kernel_h = 4;
-                a.stride_w = a.stride_h = 2;
-                a.pad_w = a.pad_h = 1;
-                a.bias = seed % 2 == 0;
-                a.seed = seed++;
+                ConvolutionCase a = ConvolutionCase::of(group * inputs, 4, 19)
+                                        .outputs(group * outputs)
+                                        .kernel(4)
+                                        .stride(2)
+                                        .pad(1)
+                                        .groups(group)
+                                        .with_bias(seed % 2 == 0)
+                                        .seeded(seed);
                 expect_deconvolution(grouped, a);
+                ++seed;
             }
 }
 
 TEST(DeconvolutionDepthwiseFloatFallback, ChannelsThatDoNotDivideRaiseTheAssertion) {
-    const struct {
-        int c, num_output, group;
-    } cases[] = {{5, 4, 2}, {4, 5, 2}, {4, 4, 0}, {4, 4, -2}};
-    for (const auto& each : cases) {
-        SCOPED_TRACE(testing::Message() << each.c << " " << each.num_output << " " << each.group);
-        ConvolutionCase a;
-        a.c = each.c;
-        a.num_output = each.num_output;
-        a.h = a.w = 3;
-        const Data data(a);
-        ParamDict pd = a.params();
-        pd.set(11, each.group);
-        auto op = make_operator(grouped);
-        ASSERT_EQ(0, op->load(pd, ModelBinFromTarnoWeightBias(data.weights.data(), nullptr),
-                              {nullptr, 0, 0}));
-        AssertRecorder assertions;
-        Mat top;
-        EXPECT_FALSE(op->check_forward(chw(each.c, 3, 3)));
-        EXPECT_EQ(-100, op->forward(data.bottom(a), top, get_default_option()));
-        EXPECT_EQ(1u, assertions.count("false && \"Invalid forward pre-conditions\""));
-    }
+    expect_groups_must_divide(grouped, "deconvolutiondepthwise_float_fallback");
 }
 
 }  // namespace

@@ -28,6 +28,29 @@ struct ConvolutionCase {
     int group = 1;
     unsigned int seed = 1;
 
+    /// A bottom of `c` channels; the rest follows by name. One number is for both directions.
+    static ConvolutionCase of(int c, int h, int w) {
+        ConvolutionCase made;
+        made.c = c;
+        made.h = h;
+        made.w = w;
+        return made;
+    }
+    ConvolutionCase& outputs(int n) { return num_output = n, *this; }
+    ConvolutionCase& groups(int n) { return group = n, *this; }
+    /// As many groups and outputs as channels.
+    ConvolutionCase& depthwise() { return num_output = group = c, *this; }
+    ConvolutionCase& kernel(int x, int y) { return kernel_w = x, kernel_h = y, *this; }
+    ConvolutionCase& kernel(int both) { return kernel(both, both); }
+    ConvolutionCase& stride(int x, int y) { return stride_w = x, stride_h = y, *this; }
+    ConvolutionCase& stride(int both) { return stride(both, both); }
+    ConvolutionCase& dilation(int x, int y) { return dilation_w = x, dilation_h = y, *this; }
+    ConvolutionCase& dilation(int both) { return dilation(both, both); }
+    ConvolutionCase& pad(int x, int y) { return pad_w = x, pad_h = y, *this; }
+    ConvolutionCase& pad(int both) { return pad(both, both); }
+    ConvolutionCase& with_bias(bool has = true) { return bias = has, *this; }
+    ConvolutionCase& seeded(unsigned int number) { return seed = number, *this; }
+
     int taps() const { return kernel_w * kernel_h; }
     int inputs() const { return c / group; }
     size_t weight_count() const { return static_cast<size_t>(num_output) * inputs() * taps(); }
