@@ -34,7 +34,8 @@ std::optional<std::string> unlike_reason(const ZQLayerInfo& record, const Tensor
 ///
 /// As the inputs' differences are measured ones, the bound is carried along the net and yet stays
 /// as tight as the net is: a layer is beyond it only for what the layer itself did. Infinite where
-/// a value may leave the range of halves. Not for layers that the engines do not run alike.
+/// a value may leave the range of halves, or comes from what is no number: nothing is said of these
+/// elements. Not for layers that the engines do not run alike.
 std::vector<float> explained_difference(const ZQLayerInfo& record,
                                         const std::vector<const EnginePair*>& bottoms,
                                         const EnginePair& output, const GpuOptions& gpu);

@@ -9,6 +9,7 @@
 #include <tarno/model.h>
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 
 #include "support/gl_fixture.h"
 #include "tools/difference_bound.h"
+#include "tools/layer_judgement.h"
 
 namespace testing_support {
 
@@ -85,9 +87,11 @@ inline std::vector<unsigned short> half_texels(const std::vector<float>& values,
 }
 
 /// Runs the model at `path`, whose one input is layer 0, on both engines with random numbers of a
-/// seed. Its relative sizes multiply the manager's base size.
-inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& pool,
-                                    tesk::ComputeProgramManager& manager, unsigned int seed) {
+/// seed. Its relative sizes multiply the manager's base size. `misread` may change the numbers that
+/// the GPU engine alone gets; the pair of the input then keeps what both should have got.
+inline EnginePairs run_both_engines(
+    const std::string& path, tesk::TexturePool& pool, tesk::ComputeProgramManager& manager,
+    unsigned int seed, const std::function<void(std::vector<float>&)>& misread = nullptr) {
     EnginePairs pairs;
     tesk::Net gpu;
     if (!gpu.loadFromFile(path, &pool, &manager)) {
@@ -103,10 +107,15 @@ inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& 
     const auto image = std::make_shared<tesk::Image>(h, w, c, GL_RGBA16F, &pool);
     image->addReadCount();
     image->update(reinterpret_cast<const char*>(half_texels(values, c, h, w).data()), 1);
-    std::vector<std::shared_ptr<tesk::Image>> images = {image};
-    gpu.setInputs(images);
     GpuRecorder gpu_recorder(pairs);
     gpu_recorder.take(0, *image);
+    if (misread) {
+        std::vector<float> read = values;
+        misread(read);
+        image->update(reinterpret_cast<const char*>(half_texels(read, c, h, w).data()), 1);
+    }
+    std::vector<std::shared_ptr<tesk::Image>> images = {image};
+    gpu.setInputs(images);
     gpu.setObserver(&gpu_recorder);
     gpu.forward();
     gpu.setObserver(nullptr);
@@ -124,6 +133,30 @@ inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& 
     EXPECT_EQ(extractor.extract(extractor.get_last_layer_index(), out, &cpu_recorder), 0);
     pairs[0].cpu = values;
     return pairs;
+}
+
+/// What the outputs of layer `record` may differ by, given those of the layers that it reads.
+inline std::vector<float> bound_of(const ZQLayerInfo& record, const EnginePairs& pairs,
+                                   const tool::GpuOptions& gpu) {
+    std::vector<const tool::EnginePair*> bottoms;
+    for (int i = 0; i < record.bottom_count; ++i) bottoms.push_back(&pairs.at(record.bottoms[i]));
+    const tool::EnginePair& output = pairs.at(record.id);
+    return bottoms.empty() ? tool::explained_input_difference(output)
+                           : tool::explained_difference(record, bottoms, output, gpu);
+}
+
+/// Every element of the layer has a bound, a finite one, and keeps it.
+inline void expect_judged_to_agree(const std::string& name, const tool::EnginePair& pair,
+                                   const std::vector<float>& bound) {
+    const tool::Judgement judgement = tool::judge(pair, bound);
+    EXPECT_EQ(judgement.unbounded, 0u)
+        << name << ": no bound for element " << judgement.first_unbounded << " of " << bound.size()
+        << ": " << pair.cpu[judgement.first_unbounded] << " on the CPU, "
+        << pair.gpu[judgement.first_unbounded] << " on the GPU";
+    EXPECT_FALSE(judgement.beyond())
+        << name << ", element " << judgement.worst << " of " << bound.size() << ": "
+        << pair.cpu[judgement.worst] << " on the CPU, " << pair.gpu[judgement.worst]
+        << " on the GPU, at most " << judgement.worst_bound << " apart";
 }
 
 }  // namespace testing_support

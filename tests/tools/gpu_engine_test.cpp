@@ -480,6 +480,59 @@ TEST_F(GpuEngine, CompareMeasuresButDoesNotJudgeWhatTheEnginesDoNotMeanAlike) {
     EXPECT_TRUE(json["layers"][2]["judged"].get<bool>()) << "by what reached it";
 }
 
+TEST_F(GpuEngine, CompareDoesNotJudgeLayersBeyondTheRangeOfHalvesAndSaysSo) {
+    modelkit::Weights weights;
+    weights.weights.assign(8 * 8, 60000.0f);
+    weights.bias.assign(8, 0.0f);
+    NetBuilder net = builder();
+    const int in = net.input(8);
+    const int large = net.conv(in, 8, 1, 1, 0, 0, weights);
+    net.pooling(large, 1, 2, 2);
+    net.conv(in, 8, 3, 1, 1);
+    save(net);
+    save_input(8);
+    const Outcome outcome = compare({"--json"});
+    expect_success(outcome);
+    const auto json = nlohmann::json::parse(outcome.out);
+    EXPECT_TRUE(json["first_beyond"].is_null());
+    ASSERT_EQ(json["not_judged"].size(), 2u);
+    EXPECT_EQ(json["not_judged"][0]["id"], large);
+    const std::string reason = json["not_judged"][0]["reason"].get<std::string>();
+    for (const char* part : {"of 2048 elements may leave the range of halves", "channel",
+                             "on the CPU engine", "on the GPU engine"}) {
+        EXPECT_NE(reason.find(part), std::string::npos) << reason;
+    }
+    EXPECT_EQ(json["not_judged"][1]["kind"], "Pooling");
+    const bool judged[] = {true, false, false, true};
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(json["layers"][i]["judged"].get<bool>(), judged[i]);
+    const Outcome text = compare();
+    expect_success(text);
+    EXPECT_NE(text.out.find("not judged: layer 1 (Conv2D): "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("\n2 layers differ by no more"), std::string::npos) << text.out;
+}
+
+TEST_F(GpuEngine, CompareDoesNotJudgeWhatComesFromNoNumber) {
+    NetBuilder net = builder();
+    const int in = net.input(1);
+    net.activation(in, ActivationType_ReLU);
+    net.pooling(in, 1, 2, 2);
+    save(net);
+    std::vector<float> values(side * side, 0.5f);
+    values[side + 1] = std::nanf("");
+    write_file(input, npy_file("<f4", "(1, 16, 16)", raw(values)));
+    const Outcome outcome = compare({"--json"});
+    expect_success(outcome);
+    const auto json = nlohmann::json::parse(outcome.out);
+    ASSERT_EQ(json["not_judged"].size(), 3u) << outcome.out;
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(json["not_judged"][i]["id"], i);
+        EXPECT_FALSE(json["layers"][i]["judged"].get<bool>());
+        EXPECT_EQ(json["not_judged"][i]["reason"].get<std::string>().find("1 of "), 0u);
+    }
+    EXPECT_NE(compare().out.find("row 1, column 1: nan on the CPU engine, nan on the GPU engine"),
+              std::string::npos);
+}
+
 TEST_F(GpuEngine, CompareTakesADenseLayerElementByElement) {
     NetBuilder net = builder();
     net.fully_connected(net.fully_connected(net.tensor_input({1, 16}), 16, 12), 12, 8);
