@@ -212,10 +212,11 @@ TEST_P(EachJudgedKind, AgreesAndNoElementMayBeALittleBeyondItsBound) {
 TEST_P(EachJudgedKind, OneInputThatAnEngineReadsWronglyIsCaught) {
     if (record(last).bottom_count == 0) return;  // nothing stands between it and its store
     // A quarter more than the largest number that there is, in the middle of the first channel.
-    const EnginePairs faulty =
-        run_both_engines(file->path(), pool, manager, seed, [](std::vector<float>& values) {
-            values[values.size() > side * side ? side * side / 2 + side / 2 : 0] = 1.25f;
-        });
+    RunHooks hooks;
+    hooks.misread = [](std::vector<float>& values) {
+        values[values.size() > side * side ? side * side / 2 + side / 2 : 0] = 1.25f;
+    };
+    const EnginePairs faulty = run_both_engines(file->path(), pool, manager, seed, hooks);
     // What the layers before did with it is not held against the last one.
     EnginePairs judged = pairs;
     judged.at(last).gpu = faulty.at(last).gpu;

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/gl_fixture.h"
@@ -54,8 +55,16 @@ private:
 /// Reads every output of the GPU run while it still holds its texture.
 class GpuRecorder : public tesk::NetObserver {
 public:
-    explicit GpuRecorder(EnginePairs& pairs) : pairs(pairs) {}
-    void afterOperator(int, int layer, tesk::Image& output) override { take(layer, output); }
+    using Around = std::function<void(int layer, bool before)>;
+    explicit GpuRecorder(EnginePairs& pairs, Around around = nullptr)
+        : pairs(pairs), around(std::move(around)) {}
+    void beforeOperator(int, int layer, tesk::Image&) override {
+        if (around) around(layer, true);
+    }
+    void afterOperator(int, int layer, tesk::Image& output) override {
+        if (around) around(layer, false);
+        take(layer, output);
+    }
     void take(int layer, tesk::Image& image) {
         ASSERT_NE(image.textureId(), 0u) << "layer " << layer;
         const int plane = image.height() * image.width();
@@ -72,6 +81,7 @@ public:
 
 private:
     EnginePairs& pairs;
+    Around around;
 };
 
 /// Texels of a c x h x w tensor as halves, slice after slice.
@@ -86,12 +96,19 @@ inline std::vector<unsigned short> half_texels(const std::vector<float>& values,
     return texels;
 }
 
+struct RunHooks {
+    /// May change the numbers that the GPU engine alone gets; the pair of the input keeps what both
+    /// should have got.
+    std::function<void(std::vector<float>&)> misread;
+    /// Hears of each operator of the GPU run.
+    GpuRecorder::Around around;
+};
+
 /// Runs the model at `path`, whose one input is layer 0, on both engines with random numbers of a
-/// seed. Its relative sizes multiply the manager's base size. `misread` may change the numbers that
-/// the GPU engine alone gets; the pair of the input then keeps what both should have got.
-inline EnginePairs run_both_engines(
-    const std::string& path, tesk::TexturePool& pool, tesk::ComputeProgramManager& manager,
-    unsigned int seed, const std::function<void(std::vector<float>&)>& misread = nullptr) {
+/// seed. Its relative sizes multiply the manager's base size.
+inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& pool,
+                                    tesk::ComputeProgramManager& manager, unsigned int seed,
+                                    const RunHooks& hooks = {}) {
     EnginePairs pairs;
     tesk::Net gpu;
     if (!gpu.loadFromFile(path, &pool, &manager)) {
@@ -107,11 +124,11 @@ inline EnginePairs run_both_engines(
     const auto image = std::make_shared<tesk::Image>(h, w, c, GL_RGBA16F, &pool);
     image->addReadCount();
     image->update(reinterpret_cast<const char*>(half_texels(values, c, h, w).data()), 1);
-    GpuRecorder gpu_recorder(pairs);
+    GpuRecorder gpu_recorder(pairs, hooks.around);
     gpu_recorder.take(0, *image);
-    if (misread) {
+    if (hooks.misread) {
         std::vector<float> read = values;
-        misread(read);
+        hooks.misread(read);
         image->update(reinterpret_cast<const char*>(half_texels(read, c, h, w).data()), 1);
     }
     std::vector<std::shared_ptr<tesk::Image>> images = {image};
