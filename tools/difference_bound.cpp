@@ -14,7 +14,6 @@ constexpr double largest_half = 65504.0;
 constexpr double half_step = 0x1p-10;      // of a number, relative, when cut off
 constexpr double smallest_half = 0x1p-24;  // below the normal halves
 constexpr double float_rounding = 0x1p-24;
-constexpr double function_error = 0x1p-12;  // of tanh and the logistic function in a shader
 
 /// What a tensor brings along: for each element the difference, and the larger magnitude. Where an
 /// engine has no number the difference is infinite, the other's missing one notwithstanding: the
