@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -388,6 +389,47 @@ TEST_F(GpuEngine, BenchTellsUploadComputeAndReadBackApart) {
     expect_success(text);
     for (const char* word : {"upload", "compute", "read back", "packing", "compiling", "shared"})
         EXPECT_NE(text.out.find(word), std::string::npos) << word;
+}
+
+TEST_F(GpuEngine, BenchPrintsNoRateThatNoGpuHas) {
+    NetBuilder net = builder();
+    int last = net.input(8);
+    for (int i = 0; i < 3; ++i) last = net.conv(last, 8, 3, 1, 1);
+    net.activation(last, ActivationType_ReLU);
+    save(net);
+    const Words words = {"bench",  "--engine", "gpu",      "--model", model,
+                         "--runs", "2",        "--warmup", "0"};
+    const Outcome outcome = run_tarno(words);
+    expect_success(outcome);
+    EXPECT_EQ(outcome.out.find("inf"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("nan"), std::string::npos) << outcome.out;
+    // The last column of the table: each layer's rate, and that of all.
+    std::istringstream lines(outcome.out.substr(outcome.out.find("G madds/s")));
+    std::string line, rate;
+    std::getline(lines, line);
+    std::getline(lines, line);
+    int rates = 0, none = 0;
+    while (std::getline(lines, line) && !line.empty()) {
+        if (line[0] == '-') continue;
+        rate = line.substr(line.find_last_of(' ') + 1);
+        if (rate == "-") {
+            ++none;
+        } else {
+            ++rates;
+            EXPECT_LT(std::stod(rate), 1e6) << line;
+        }
+    }
+    EXPECT_EQ(rates + none, 5) << outcome.out;
+    EXPECT_GE(none, 1) << "the activation has no multiply-adds";
+    const auto json = nlohmann::json::parse(run_tarno(joined(words, {"--json"})).out);
+    double seen = 0.0;
+    for (const auto& layer : json["layers"]) seen += layer["ms"].get<double>();
+    if (json["layer_times_by"] == "timer queries") {
+        EXPECT_GE(seen, 0.05 * json["compute_ms"]["p50"].get<double>());
+    } else {
+        EXPECT_EQ(json["layer_times_by"], "clock");
+        for (const auto& layer : json["layers"]) EXPECT_GT(layer["ms"].get<double>(), 0.0);
+    }
 }
 
 // compare -----------------------------------------------------------------------------------------
