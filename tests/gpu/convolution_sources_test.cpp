@@ -193,7 +193,8 @@ TEST(ConvolutionSource, TransposedFormsHaveTheirPieces) {
     params = params_of(4, 3, 2, 2);
     params.activation = 2;
     expect_all(ShaderFormat::instance().transpose_conv2d_2x2_basic(params),
-               {"vec4 data = texelFetchOffset(src, in_pos, 0, ivec2(0, 0));\t\n",
+               {"layout(rgba16f, binding = 1) writeonly uniform lowp image2D dst;",
+                "vec4 data = texelFetchOffset(src, in_pos, 0, ivec2(0, 0));\t\n",
                 "vec4 tmp_bias = vec4(unpackHalf2x16(bias[0].x),   \n"
                 "    unpackHalf2x16(bias[0].y));",
                 "out_value_0 = max(vec4(0.0, 0.0, 0.0, 0.0), out_value_0);\t\n",

@@ -711,7 +711,9 @@ TEST_F(Net, TheTransposedDepthwiseRunsNoDispatchAndItsInputKeepsReadsAndTexture)
     ASSERT_TRUE(load(net, model));
     feed(net);
     for (int run = 1; run <= 2; ++run) {
+        const DispatchRecorder dispatches;
         net.forward();
+        EXPECT_EQ(dispatches.all(), 1) << "the activation's";
         EXPECT_EQ(net.getFeature(top)->textureId(), 0u) << "never written";
         EXPECT_EQ(net.getFeature(bottom)->readCount(), run);
         EXPECT_NE(net.getFeature(bottom)->textureId(), 0u);
