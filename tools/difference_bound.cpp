@@ -342,9 +342,11 @@ void Bound::copy(const EnginePair& bottom) {
     values = Carried(bottom).difference;
 }
 
-/// None of them is steeper than 1.
+/// None of them is steeper than 1, and the logistic function nowhere steeper than 1/4.
 void Bound::activation(int code) {
     if (code == ActivationType_Tanh || code == ActivationType_Sigmoid) own_error = function_error;
+    if (code != ActivationType_Sigmoid) return;
+    for (float& value : values) value *= 0.25f;
 }
 
 double stored_difference(double carried, float value) {
