@@ -23,6 +23,7 @@
 #include "net_run.h"
 #include "numbers.h"
 #include "progress.h"
+#include "rates.h"
 #include "sample_statistics.h"
 #include "table_comparison.h"
 #include "text_table.h"
@@ -336,11 +337,6 @@ std::string statistics_text(const SampleStatistics& s) {
            "  mean " + ms(s.mean) + "  min " + ms(s.min);
 }
 
-std::string rate_text(int64_t multiply_adds, double milliseconds) {
-    if (multiply_adds == 0 || milliseconds <= 0.0) return "-";
-    return fixed(static_cast<double>(multiply_adds) / milliseconds * 1e-6, 1);
-}
-
 void print_text(const BenchCommand& command, const ModelFile& model, const ModelPlan& plan,
                 const BenchReport& report) {
     std::string text;
@@ -363,7 +359,7 @@ void print_text(const BenchCommand& command, const ModelFile& model, const Model
                           " frames dropped; start behind the due time, in ms:");
         line("", statistics_text(report.pacing->lateness));
     } else {
-        line("throughput", fixed(1e3 / report.steady.mean, 1) + " runs a second, " +
+        line("throughput", runs_text(report.steady.mean) + " runs a second, " +
                                rate_text(plan.multiply_adds, report.steady.p50) +
                                " G multiply-adds a second");
     }

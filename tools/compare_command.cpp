@@ -16,6 +16,7 @@
 #include "difference_bound.h"
 #include "errors.h"
 #include "gpu_net.h"
+#include "layer_judgement.h"
 #include "library_reports.h"
 #include "model_file.h"
 #include "net_run.h"
@@ -42,13 +43,9 @@ struct LayerDifference {
     double max_relative = 0.0;  ///< to the larger of the two magnitudes
     double mean_relative = 0.0;
     bool judged = false;
-    double share_of_bound =
-        0.0;           ///< of the element that comes nearest to its bound, or the farthest beyond
-    size_t worst = 0;  ///< that element
-    double worst_difference = 0.0;
-    double worst_bound = 0.0;
+    Judgement judgement;  ///< of the elements that have a bound
 
-    bool beyond() const { return judged && share_of_bound > 1.0; }
+    bool beyond() const { return judged && judgement.beyond(); }
 };
 
 struct Comparison {
@@ -170,6 +167,8 @@ public:
 
 private:
     void compare_layer(size_t position);
+    void judge_layer(const PlannedLayer& layer, const EnginePair& pair,
+                     const std::vector<float>& bound, LayerDifference& difference);
     void let_go(const PlannedLayer& layer);
 
     const CompareCommand& command;
@@ -203,18 +202,36 @@ void measure(const EnginePair& pair, LayerDifference& difference) {
     difference.mean_relative = relative / count;
 }
 
-void judge(const EnginePair& pair, const std::vector<float>& bound, LayerDifference& difference) {
-    difference.judged = true;
-    for (size_t i = 0; i < bound.size(); ++i) {
-        const double d = element_difference(pair.cpu[i], pair.gpu[i]);
-        const double most = static_cast<double>(bound[i]);
-        const double share = std::isinf(most) || d == 0.0 ? 0.0 : d / most;
-        if (share <= difference.share_of_bound) continue;
-        difference.share_of_bound = share;
-        difference.worst = i;
-        difference.worst_difference = d;
-        difference.worst_bound = most;
-    }
+std::string number(double value) {
+    if (std::isinf(value)) return value < 0.0 ? "-inf" : "inf";
+    if (std::isnan(value)) return "nan";
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.3g", value);
+    return text;
+}
+
+std::string place_text(const TensorSize& size, size_t index) {
+    const int64_t i = static_cast<int64_t>(index);
+    return "channel " + std::to_string(i / (size.h * size.w)) + ", row " +
+           std::to_string(i / size.w % size.h) + ", column " + std::to_string(i % size.w);
+}
+
+/// A layer with elements that have no bound is not judged, unless one of the others is beyond its
+/// own: that one tells enough.
+void Comparer::judge_layer(const PlannedLayer& layer, const EnginePair& pair,
+                           const std::vector<float>& bound, LayerDifference& difference) {
+    difference.judgement = judge(pair, bound);
+    const Judgement& judgement = difference.judgement;
+    difference.judged = judgement.unbounded == 0 || judgement.beyond();
+    if (difference.judged) return;
+    const size_t first = judgement.first_unbounded;
+    comparison.unlike.push_back(
+        {layer.id, layer.type,
+         std::to_string(judgement.unbounded) + " of " + std::to_string(bound.size()) +
+             " elements may leave the range of halves, or are no numbers, the first at " +
+             place_text(pair.size, first) + ": " + number(static_cast<double>(pair.cpu[first])) +
+             " on the CPU engine, " + number(static_cast<double>(pair.gpu[first])) +
+             " on the GPU engine"});
 }
 
 void Comparer::compare_layer(size_t position) {
@@ -246,11 +263,12 @@ void Comparer::compare_layer(size_t position) {
     difference.size = pair.size;
     measure(pair, difference);
     if (layer.bottoms.empty()) {
-        judge(pair, explained_input_difference(pair), difference);
+        judge_layer(layer, pair, explained_input_difference(pair), difference);
     } else if (!unlike && !reads_unknown) {
         std::vector<const EnginePair*> bottoms;
         for (const unsigned short bottom : layer.bottoms) bottoms.push_back(&pairs.at(bottom));
-        judge(pair, explained_difference(record, bottoms, pair, command.gpu), difference);
+        judge_layer(layer, pair, explained_difference(record, bottoms, pair, command.gpu),
+                    difference);
     }
     comparison.layers.push_back(difference);
     pairs[layer.id] = std::move(pair);
@@ -263,19 +281,6 @@ void Comparer::let_go(const PlannedLayer& layer) {
     }
 }
 
-std::string number(double value) {
-    if (std::isinf(value)) return "inf";
-    char text[32];
-    std::snprintf(text, sizeof(text), "%.3g", value);
-    return text;
-}
-
-std::string place_text(const TensorSize& size, size_t index) {
-    const int64_t i = static_cast<int64_t>(index);
-    return "channel " + std::to_string(i / (size.h * size.w)) + ", row " +
-           std::to_string(i / size.w % size.h) + ", column " + std::to_string(i % size.w);
-}
-
 const LayerDifference* first_beyond(const Comparison& comparison) {
     for (const LayerDifference& layer : comparison.layers) {
         if (layer.beyond()) return &layer;
@@ -284,9 +289,9 @@ const LayerDifference* first_beyond(const Comparison& comparison) {
 }
 
 std::string beyond_text(const LayerDifference& layer) {
-    return "expected engines that differ by at most " + number(layer.worst_bound) +
-           ", as half storage explains, found " + number(layer.worst_difference) + " at " +
-           place_text(layer.size, layer.worst);
+    return "expected engines that differ by at most " + number(layer.judgement.worst_bound) +
+           ", as half storage explains, found " + number(layer.judgement.worst_difference) +
+           " at " + place_text(layer.size, layer.judgement.worst);
 }
 
 void print_text(const CompareCommand& command, const ModelPlan& plan,
@@ -315,7 +320,7 @@ void print_text(const CompareCommand& command, const ModelPlan& plan,
         table.row({std::to_string(layer.id), layer.kind, size_text(each.size),
                    number(each.max_absolute), number(each.mean_absolute), number(each.max_relative),
                    number(each.mean_relative),
-                   each.judged ? fixed(each.share_of_bound * 100.0, 0) + " %" : "-"});
+                   each.judged ? fixed(each.judgement.share_of_bound * 100.0, 0) + " %" : "-"});
     }
     text += table.text() + "\n";
     const auto remarks = [&](const char* title, const std::vector<Remark>& list) {
@@ -358,7 +363,7 @@ void print_json(const CompareCommand& command, const ModelPlan& plan,
                                   {"max_relative", finite(each.max_relative)},
                                   {"mean_relative", finite(each.mean_relative)},
                                   {"judged", each.judged},
-                                  {"share_of_bound", finite(each.share_of_bound)}});
+                                  {"share_of_bound", finite(each.judgement.share_of_bound)}});
     }
     const auto list = [](const std::vector<Remark>& remarks) {
         Json rows = Json::array();

@@ -14,9 +14,10 @@ constexpr double largest_half = 65504.0;
 constexpr double half_step = 0x1p-10;      // of a number, relative, when cut off
 constexpr double smallest_half = 0x1p-24;  // below the normal halves
 constexpr double float_rounding = 0x1p-24;
-constexpr double function_error = 0x1p-12;  // of tanh and the logistic function in a shader
 
-/// What a tensor brings along: for each element the difference, and the larger magnitude.
+/// What a tensor brings along: for each element the difference, and the larger magnitude. Where an
+/// engine has no number the difference is infinite, the other's missing one notwithstanding: the
+/// two may go on in two ways, as the maximum of 0 and no number does.
 struct Carried {
     std::vector<float> difference;
     std::vector<float> magnitude;
@@ -25,7 +26,9 @@ struct Carried {
         difference.reserve(pair.cpu.size());
         magnitude.reserve(pair.cpu.size());
         for (size_t i = 0; i < pair.cpu.size(); ++i) {
-            difference.push_back(static_cast<float>(element_difference(pair.cpu[i], pair.gpu[i])));
+            const bool number = !std::isnan(pair.cpu[i]) && !std::isnan(pair.gpu[i]);
+            difference.push_back(static_cast<float>(
+                number ? element_difference(pair.cpu[i], pair.gpu[i]) : infinity));
             const double larger = std::max(std::fabs(pair.cpu[i]), std::fabs(pair.gpu[i]));
             magnitude.push_back(static_cast<float>(larger));
         }
@@ -34,6 +37,7 @@ struct Carried {
     /// difference + `rounding` * magnitude, what a weight multiplies.
     std::vector<float> with_rounding(double rounding) const {
         std::vector<float> sum(difference);
+        if (rounding == 0.0) return sum;  // 0 times an infinite magnitude is no number
         for (size_t i = 0; i < sum.size(); ++i) {
             sum[i] += static_cast<float>(rounding * static_cast<double>(magnitude[i]));
         }
@@ -338,9 +342,11 @@ void Bound::copy(const EnginePair& bottom) {
     values = Carried(bottom).difference;
 }
 
-/// None of them is steeper than 1.
+/// None of them is steeper than 1, and the logistic function nowhere steeper than 1/4.
 void Bound::activation(int code) {
     if (code == ActivationType_Tanh || code == ActivationType_Sigmoid) own_error = function_error;
+    if (code != ActivationType_Sigmoid) return;
+    for (float& value : values) value *= 0.25f;
 }
 
 double stored_difference(double carried, float value) {

@@ -16,6 +16,7 @@
 #include "library_reports.h"
 #include "model_file.h"
 #include "progress.h"
+#include "rates.h"
 #include "sample_statistics.h"
 #include "text_table.h"
 
@@ -213,8 +214,7 @@ void GpuBench::profile() {
     profile_with(queries);
     double seen = 0.0;
     for (const GpuLayerReport& layer : report.layers) seen += layer.milliseconds;
-    // Software drivers answer with almost nothing: they run a dispatch beside their clock.
-    if (seen >= 0.05 * report.compute.p50) return;
+    if (queries_saw_dispatches(seen, report.compute.p50)) return;
     WaitingClock clock(operators);
     report.by_queries = false;
     profile_with(clock);
@@ -323,9 +323,9 @@ void print_text(const ModelFile& model, const ModelPlan& plan, const GpuBenchRep
     layers.column("G madds/s", TextTable::right);
     const auto row = [&](const std::string& id, const std::string& kind, const std::string& size,
                          double time, int64_t work) {
-        layers.row(
-            {id, kind, size, ms(time), fixed(total > 0.0 ? time / total * 100.0 : 0.0, 1) + " %",
-             work == 0 || time <= 0.0 ? "-" : fixed(static_cast<double>(work) / time * 1e-6, 1)});
+        layers.row({id, kind, size, ms(time),
+                    fixed(total > 0.0 ? time / total * 100.0 : 0.0, 1) + " %",
+                    rate_text(work, time, shortest_dispatch_ms)});
     };
     for (const GpuLayerReport& layer : report.layers) {
         row(std::to_string(layer.id), layer.kind, size_text(layer.size), layer.milliseconds,

@@ -429,6 +429,27 @@ TEST_F(ConvolutionPrograms, FourPointFormsShareThemOverDifferentPaddings) {
     EXPECT_EQ(manager.setupCosts.programsShared, 1);
 }
 
+TEST_F(ConvolutionPrograms, FourPointFormsTakeHalfTheColumnsAndDropWhatIsBesideTheImage) {
+    for (const Form& form : forms()) {
+        if (!has_points(form)) continue;
+        // Four columns of invocations for a width of 7, of which the last stores one beside the
+        // image; nine for 17, where one pixel each would take three groups.
+        const int cases[][2] = {{7, 1}, {16, 1}, {17, 2}};
+        for (const auto& [width, groups] : cases) {
+            ConvolutionCase tested;
+            tested.in_channels = 6;
+            tested.out_channels = 6;
+            tested.in_width = tested.out_width = width;
+            tested.seed = 520;
+            const DispatchRecorder dispatches;
+            check(form, tested);
+            EXPECT_EQ(dispatches.groups_of_last(0), static_cast<unsigned int>(groups))
+                << form.name << ", width " << width;
+            EXPECT_EQ(dispatches.groups_of_last(1), 1u) << form.name;
+        }
+    }
+}
+
 TEST_F(ConvolutionPrograms, FourPointLeakyReluDoesNothing) {
     for (const Form& form : forms()) {
         if (!has_points(form)) continue;
@@ -582,7 +603,9 @@ TEST_F(ConvolutionPrograms, ATruncatingFormCoversTheColumnThatRoundingAdds) {
     generator.setup(&layer.record);
     const std::shared_ptr<tesk::Image> in = upload(input);
     const std::shared_ptr<tesk::Image> out = make_output(4, 7, 13);
+    const DispatchRecorder dispatches;
     generator.compute(in.get(), out.get());
+    EXPECT_EQ(dispatches.groups_of_last(0), 2u);
     const Tensor result = read_back(*out);
     const Expected expected = reference(forms()[1], tested, input, layer, 0, 3, 12);
     EXPECT_NEAR(result.at(0, 3, 12), expected.value, expected.bound);

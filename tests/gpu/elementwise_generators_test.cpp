@@ -433,6 +433,12 @@ TEST_F(GeneratorTexts, ConcatOfEightAndEightTakesTheSecondFromSliceTwoOn) {
           "srcValue = imageLoad(src0, src_pos);", "imageStore(dst, pos, srcValue);"}) {
         EXPECT_TRUE(contains(source, piece)) << piece << "\nis not in\n" << source;
     }
+    // Up to four channels are plain textures, which an array's image takes all the same.
+    for (const std::vector<int>& channels : {std::vector<int>{4, 4}, {3, 1, 1}, {1, 1, 1, 1, 1}}) {
+        const std::string small = concat.generateSource(params, channels);
+        EXPECT_EQ(occurrences(small, "uniform lowp image2DArray "), channels.size() + 1);
+        EXPECT_EQ(occurrences(small, "image2D "), 0u);
+    }
     const std::string five = concat.generateSource(params, {8, 4, 6, 3, 9});
     EXPECT_TRUE(contains(five, "layout(rgba16f, binding = 5) writeonly"));
     const size_t last = five.find("if (pos.z >= 6)");

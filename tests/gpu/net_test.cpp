@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/gl_fixture.h"
+#include "support/gpu_dispatches.h"
 #include "support/recorders.h"
 #include "support/temporary_file.h"
 
@@ -17,6 +18,7 @@ namespace {
 using modelkit::NetBuilder;
 using modelkit::Window;
 using testing_support::AssertRecorder;
+using testing_support::DispatchRecorder;
 using testing_support::GpuTest;
 using testing_support::LogRecorder;
 using testing_support::random_halves;
@@ -382,9 +384,68 @@ TEST_F(Net, AnUnknownKernelBehindAConvolutionSetsThatOneUpAnewAndAppendsItTwice)
     EXPECT_EQ(net.operatorCount(), 2);
     EXPECT_EQ(net.operatorLayer(0), 1);
     EXPECT_EQ(net.operatorLayer(1), 2);
-    EXPECT_GE(lines_with(log, "layer 2 (Conv2D)"), 1u);
+    EXPECT_EQ(lines_with(log,
+                         "layer 2 (Conv2D): expected a kernel that the engine has an operator "
+                         "for, found another; set up as the layer before"),
+              1u);
+    EXPECT_EQ(lines_with(log, "layer 2 (Conv2D): expected a kernel of 3 x 3, found 6 x 6"), 1u);
+    EXPECT_EQ(lines_with(log, "layer 1 "), 0u);
     feed(net);
+    Watcher watcher;
+    net.setObserver(&watcher);
+    const DispatchRecorder dispatches;
     net.forward();
+    // One operator at both places, whose generator took the 3x3 record and gave it up for the 6x6
+    // one: it runs twice, dispatches nothing, and counts its inputs' reads down all the same.
+    EXPECT_EQ(watcher.indices(), (std::vector<int>{0, 1}));
+    EXPECT_EQ(dispatches.all(), 0);
+    for (const int id : {1, 2}) {
+        EXPECT_EQ(net.getFeature(id)->textureId(), 0u) << "layer " << id;
+        EXPECT_EQ(net.getFeature(id)->readCount(), 0) << "layer " << id;
+    }
+    EXPECT_EQ(net.getFeature(0)->readCount(), 1) << "the client's own";
+}
+
+TEST_F(Net, AnUnknownKernelBehindADepthwiseLayerLeavesBothPlacesWithTheNumbersOfTheSecond) {
+    // This generator reads as many weights as its own kernel has, whatever the record's is.
+    constexpr int channels = 8;
+    NetBuilder model = builder();
+    const int first = model.depthwise(model.input(channels), 3, 1, 1);
+    const int second = model.depthwise(first, 7, 1, 3, ActivationType_ReLU);
+    const auto& record = static_cast<const ZQLayerInfo_DepthWiseConv2D&>(*model.record(second));
+    tesk::Net net;
+    const LogRecorder log;
+    ASSERT_TRUE(load(net, model));
+    EXPECT_EQ(net.operatorCount(), 2);
+    EXPECT_EQ(lines_with(log, "layer 2 (DepthWiseConv2D): expected a kernel"), 1u);
+    feed(net, channels);
+    net.getFeature(first)->addReadCount();
+    net.forward();
+    const auto expect_from = [&](const Tensor& in, int id) {
+        const Tensor out = read_back(*net.getFeature(id));
+        for (int c = 0; c < channels; ++c) {
+            for (int y = 0; y < side; ++y) {
+                for (int x = 0; x < side; ++x) {
+                    double sum = static_cast<double>(record.bias[c]);
+                    double magnitude = std::fabs(sum);
+                    for (int tap = 0; tap < 9; ++tap) {
+                        const int in_y = y - 3 + tap / 3, in_x = x - 3 + tap % 3;
+                        if (in_y < 0 || in_x < 0 || in_y >= side || in_x >= side) continue;
+                        const double term = in.at(c, in_y, in_x) *
+                                            static_cast<double>(record.weights[tap * channels + c]);
+                        sum += term;
+                        magnitude += std::fabs(term);
+                    }
+                    // Nineteen roundings to float, then one to half, to nearest or towards zero.
+                    const double bound = magnitude * (20 * 0x1p-24 + 0x1p-10) + 0x1p-24;
+                    ASSERT_NEAR(out.at(c, y, x), std::fmax(sum, 0.0), bound)
+                        << "layer " << id << " at " << c << ", " << y << ", " << x;
+                }
+            }
+        }
+    };
+    expect_from(random_halves(channels, side, side, 7), first);
+    expect_from(read_back(*net.getFeature(first)), second);
 }
 
 TEST_F(Net, AnOperationOrPoolWithoutAGeneratorIsRefused) {
@@ -650,7 +711,9 @@ TEST_F(Net, TheTransposedDepthwiseRunsNoDispatchAndItsInputKeepsReadsAndTexture)
     ASSERT_TRUE(load(net, model));
     feed(net);
     for (int run = 1; run <= 2; ++run) {
+        const DispatchRecorder dispatches;
         net.forward();
+        EXPECT_EQ(dispatches.all(), 1) << "the activation's";
         EXPECT_EQ(net.getFeature(top)->textureId(), 0u) << "never written";
         EXPECT_EQ(net.getFeature(bottom)->readCount(), run);
         EXPECT_NE(net.getFeature(bottom)->textureId(), 0u);

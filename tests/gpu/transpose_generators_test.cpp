@@ -211,6 +211,46 @@ INSTANTIATE_TEST_SUITE_P(Gpu, EachTranspose, testing::ValuesIn(forms),
                              return std::string(tested.param.name);
                          });
 
+TEST_F(TransposeTest, FiveByFiveWritesTenByTenWhateverTheSizeOfTheImage) {
+    const Form& form = forms[0];
+    ASSERT_STREQ(form.name, "Basic_3x3");
+    for (const int side : {9, 10, 20}) {
+        ConvolutionCase tested = base_case(form);
+        tested.kernel_w = tested.kernel_h = 3;
+        tested.stride_x = tested.stride_y = 2;
+        tested.in_channels = 3;
+        tested.out_channels = 6;
+        tested.out_width = tested.out_height = side;
+        tested.seed = 130;
+        ConvolutionLayer<ZQLayerInfo_Conv2DTranspose> layer(tested);
+        const Tensor input = random_halves(3, 5, 5, 131);
+        const std::unique_ptr<tesk::Tricks> generator = form.make(&manager);
+        generator->setup(&layer.record);
+        const std::shared_ptr<tesk::Image> in = upload(input);
+        const std::shared_ptr<tesk::Image> out = make_output(6, side, side);
+        generator->compute(in.get(), out.get());
+        const Tensor result = read_back(*out);
+        Mismatches wrong;
+        for (int o = 0; o < 6; ++o) {
+            for (int y = 0; y < side; ++y) {
+                for (int x = 0; x < side; ++x) {
+                    const double found = result.at(o, y, x);
+                    if (x < 10 && y < 10) {
+                        wrong.compare(o, y, x, reference(form, tested, input, layer, o, y, x),
+                                      found);
+                    } else if (x < 16 && y < 16) {
+                        // The rest of the work group stands beside the input and stores the bias.
+                        EXPECT_EQ(found, layer.bias[static_cast<size_t>(o)]) << x << ", " << y;
+                    } else {
+                        EXPECT_TRUE(std::isnan(found)) << x << ", " << y;
+                    }
+                }
+            }
+        }
+        EXPECT_EQ(wrong.count(), 0) << side;
+    }
+}
+
 TEST_F(TransposeTest, AnotherPaddingMovesTheWindow) {
     for (const Form& form : {forms[0], forms[1]}) {
         ConvolutionCase tested = base_case(form);

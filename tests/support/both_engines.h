@@ -9,13 +9,16 @@
 #include <tarno/model.h>
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/gl_fixture.h"
 #include "tools/difference_bound.h"
+#include "tools/layer_judgement.h"
 
 namespace testing_support {
 
@@ -52,8 +55,16 @@ private:
 /// Reads every output of the GPU run while it still holds its texture.
 class GpuRecorder : public tesk::NetObserver {
 public:
-    explicit GpuRecorder(EnginePairs& pairs) : pairs(pairs) {}
-    void afterOperator(int, int layer, tesk::Image& output) override { take(layer, output); }
+    using Around = std::function<void(int layer, bool before)>;
+    explicit GpuRecorder(EnginePairs& pairs, Around around = nullptr)
+        : pairs(pairs), around(std::move(around)) {}
+    void beforeOperator(int, int layer, tesk::Image&) override {
+        if (around) around(layer, true);
+    }
+    void afterOperator(int, int layer, tesk::Image& output) override {
+        if (around) around(layer, false);
+        take(layer, output);
+    }
     void take(int layer, tesk::Image& image) {
         ASSERT_NE(image.textureId(), 0u) << "layer " << layer;
         const int plane = image.height() * image.width();
@@ -70,6 +81,7 @@ public:
 
 private:
     EnginePairs& pairs;
+    Around around;
 };
 
 /// Texels of a c x h x w tensor as halves, slice after slice.
@@ -84,10 +96,19 @@ inline std::vector<unsigned short> half_texels(const std::vector<float>& values,
     return texels;
 }
 
+struct RunHooks {
+    /// May change the numbers that the GPU engine alone gets; the pair of the input keeps what both
+    /// should have got.
+    std::function<void(std::vector<float>&)> misread;
+    /// Hears of each operator of the GPU run.
+    GpuRecorder::Around around;
+};
+
 /// Runs the model at `path`, whose one input is layer 0, on both engines with random numbers of a
 /// seed. Its relative sizes multiply the manager's base size.
 inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& pool,
-                                    tesk::ComputeProgramManager& manager, unsigned int seed) {
+                                    tesk::ComputeProgramManager& manager, unsigned int seed,
+                                    const RunHooks& hooks = {}) {
     EnginePairs pairs;
     tesk::Net gpu;
     if (!gpu.loadFromFile(path, &pool, &manager)) {
@@ -103,10 +124,15 @@ inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& 
     const auto image = std::make_shared<tesk::Image>(h, w, c, GL_RGBA16F, &pool);
     image->addReadCount();
     image->update(reinterpret_cast<const char*>(half_texels(values, c, h, w).data()), 1);
+    GpuRecorder gpu_recorder(pairs, hooks.around);
+    gpu_recorder.take(0, *image);
+    if (hooks.misread) {
+        std::vector<float> read = values;
+        hooks.misread(read);
+        image->update(reinterpret_cast<const char*>(half_texels(read, c, h, w).data()), 1);
+    }
     std::vector<std::shared_ptr<tesk::Image>> images = {image};
     gpu.setInputs(images);
-    GpuRecorder gpu_recorder(pairs);
-    gpu_recorder.take(0, *image);
     gpu.setObserver(&gpu_recorder);
     gpu.forward();
     gpu.setObserver(nullptr);
@@ -124,6 +150,30 @@ inline EnginePairs run_both_engines(const std::string& path, tesk::TexturePool& 
     EXPECT_EQ(extractor.extract(extractor.get_last_layer_index(), out, &cpu_recorder), 0);
     pairs[0].cpu = values;
     return pairs;
+}
+
+/// What the outputs of layer `record` may differ by, given those of the layers that it reads.
+inline std::vector<float> bound_of(const ZQLayerInfo& record, const EnginePairs& pairs,
+                                   const tool::GpuOptions& gpu) {
+    std::vector<const tool::EnginePair*> bottoms;
+    for (int i = 0; i < record.bottom_count; ++i) bottoms.push_back(&pairs.at(record.bottoms[i]));
+    const tool::EnginePair& output = pairs.at(record.id);
+    return bottoms.empty() ? tool::explained_input_difference(output)
+                           : tool::explained_difference(record, bottoms, output, gpu);
+}
+
+/// Every element of the layer has a bound, a finite one, and keeps it.
+inline void expect_judged_to_agree(const std::string& name, const tool::EnginePair& pair,
+                                   const std::vector<float>& bound) {
+    const tool::Judgement judgement = tool::judge(pair, bound);
+    EXPECT_EQ(judgement.unbounded, 0u)
+        << name << ": no bound for element " << judgement.first_unbounded << " of " << bound.size()
+        << ": " << pair.cpu[judgement.first_unbounded] << " on the CPU, "
+        << pair.gpu[judgement.first_unbounded] << " on the GPU";
+    EXPECT_FALSE(judgement.beyond())
+        << name << ", element " << judgement.worst << " of " << bound.size() << ": "
+        << pair.cpu[judgement.worst] << " on the CPU, " << pair.gpu[judgement.worst]
+        << " on the GPU, at most " << judgement.worst_bound << " apart";
 }
 
 }  // namespace testing_support

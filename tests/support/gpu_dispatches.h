@@ -12,12 +12,14 @@ namespace testing_support {
 class DispatchRecorder {
 public:
     DispatchRecorder() : entry(tried(__glewDispatchCompute), &dispatch) {
-        counts() = {entry.original(), 0, 0};
+        counts() = {entry.original(), 0, 0, {0, 0, 0}};
     }
 
     int all() const { return counts().all; }
     /// Of programs whose weights stand in a uniform block.
     int with_uniform_weights() const { return counts().with_uniform_weights; }
+    /// Work groups of the last one along x (0), y (1) and z (2).
+    unsigned int groups_of_last(int axis) const { return counts().groups[axis]; }
 
 private:
     /// A thread's first program tries the driver out with a dispatch of its own: before the count.
@@ -29,6 +31,7 @@ private:
         PFNGLDISPATCHCOMPUTEPROC driver;
         int all;
         int with_uniform_weights;
+        unsigned int groups[3];
     };
     static Counts& counts() {
         static Counts of_the_scope = {};
@@ -42,6 +45,9 @@ private:
             GL_INVALID_INDEX) {
             ++counts().with_uniform_weights;
         }
+        counts().groups[0] = x;
+        counts().groups[1] = y;
+        counts().groups[2] = z;
         counts().driver(x, y, z);
     }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -390,6 +391,47 @@ TEST_F(GpuEngine, BenchTellsUploadComputeAndReadBackApart) {
         EXPECT_NE(text.out.find(word), std::string::npos) << word;
 }
 
+TEST_F(GpuEngine, BenchPrintsNoRateThatNoGpuHas) {
+    NetBuilder net = builder();
+    int last = net.input(8);
+    for (int i = 0; i < 3; ++i) last = net.conv(last, 8, 3, 1, 1);
+    net.activation(last, ActivationType_ReLU);
+    save(net);
+    const Words words = {"bench",  "--engine", "gpu",      "--model", model,
+                         "--runs", "2",        "--warmup", "0"};
+    const Outcome outcome = run_tarno(words);
+    expect_success(outcome);
+    EXPECT_EQ(outcome.out.find("inf"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("nan"), std::string::npos) << outcome.out;
+    // The last column of the table: each layer's rate, and that of all.
+    std::istringstream lines(outcome.out.substr(outcome.out.find("G madds/s")));
+    std::string line, rate;
+    std::getline(lines, line);
+    std::getline(lines, line);
+    int rates = 0, none = 0;
+    while (std::getline(lines, line) && !line.empty()) {
+        if (line[0] == '-') continue;
+        rate = line.substr(line.find_last_of(' ') + 1);
+        if (rate == "-") {
+            ++none;
+        } else {
+            ++rates;
+            EXPECT_LT(std::stod(rate), 1e6) << line;
+        }
+    }
+    EXPECT_EQ(rates + none, 5) << outcome.out;
+    EXPECT_GE(none, 1) << "the activation has no multiply-adds";
+    const auto json = nlohmann::json::parse(run_tarno(joined(words, {"--json"})).out);
+    double seen = 0.0;
+    for (const auto& layer : json["layers"]) seen += layer["ms"].get<double>();
+    if (json["layer_times_by"] == "timer queries") {
+        EXPECT_GE(seen, 0.05 * json["compute_ms"]["p50"].get<double>());
+    } else {
+        EXPECT_EQ(json["layer_times_by"], "clock");
+        for (const auto& layer : json["layers"]) EXPECT_GT(layer["ms"].get<double>(), 0.0);
+    }
+}
+
 // compare -----------------------------------------------------------------------------------------
 
 TEST_F(GpuEngine, CompareOfTheShippedModelFindsAllLayersExplained) {
@@ -478,6 +520,59 @@ TEST_F(GpuEngine, CompareMeasuresButDoesNotJudgeWhatTheEnginesDoNotMeanAlike) {
     EXPECT_FALSE(json["layers"][1]["judged"].get<bool>());
     EXPECT_GT(json["layers"][1]["max_absolute"].get<double>(), 0.1) << "they differ at the border";
     EXPECT_TRUE(json["layers"][2]["judged"].get<bool>()) << "by what reached it";
+}
+
+TEST_F(GpuEngine, CompareDoesNotJudgeLayersBeyondTheRangeOfHalvesAndSaysSo) {
+    modelkit::Weights weights;
+    weights.weights.assign(8 * 8, 60000.0f);
+    weights.bias.assign(8, 0.0f);
+    NetBuilder net = builder();
+    const int in = net.input(8);
+    const int large = net.conv(in, 8, 1, 1, 0, 0, weights);
+    net.pooling(large, 1, 2, 2);
+    net.conv(in, 8, 3, 1, 1);
+    save(net);
+    save_input(8);
+    const Outcome outcome = compare({"--json"});
+    expect_success(outcome);
+    const auto json = nlohmann::json::parse(outcome.out);
+    EXPECT_TRUE(json["first_beyond"].is_null());
+    ASSERT_EQ(json["not_judged"].size(), 2u);
+    EXPECT_EQ(json["not_judged"][0]["id"], large);
+    const std::string reason = json["not_judged"][0]["reason"].get<std::string>();
+    for (const char* part : {"of 2048 elements may leave the range of halves", "channel",
+                             "on the CPU engine", "on the GPU engine"}) {
+        EXPECT_NE(reason.find(part), std::string::npos) << reason;
+    }
+    EXPECT_EQ(json["not_judged"][1]["kind"], "Pooling");
+    const bool judged[] = {true, false, false, true};
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(json["layers"][i]["judged"].get<bool>(), judged[i]);
+    const Outcome text = compare();
+    expect_success(text);
+    EXPECT_NE(text.out.find("not judged: layer 1 (Conv2D): "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("\n2 layers differ by no more"), std::string::npos) << text.out;
+}
+
+TEST_F(GpuEngine, CompareDoesNotJudgeWhatComesFromNoNumber) {
+    NetBuilder net = builder();
+    const int in = net.input(1);
+    net.activation(in, ActivationType_ReLU);
+    net.pooling(in, 1, 2, 2);
+    save(net);
+    std::vector<float> values(side * side, 0.5f);
+    values[side + 1] = std::nanf("");
+    write_file(input, npy_file("<f4", "(1, 16, 16)", raw(values)));
+    const Outcome outcome = compare({"--json"});
+    expect_success(outcome);
+    const auto json = nlohmann::json::parse(outcome.out);
+    ASSERT_EQ(json["not_judged"].size(), 3u) << outcome.out;
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(json["not_judged"][i]["id"], i);
+        EXPECT_FALSE(json["layers"][i]["judged"].get<bool>());
+        EXPECT_EQ(json["not_judged"][i]["reason"].get<std::string>().find("1 of "), 0u);
+    }
+    EXPECT_NE(compare().out.find("row 1, column 1: nan on the CPU engine, nan on the GPU engine"),
+              std::string::npos);
 }
 
 TEST_F(GpuEngine, CompareTakesADenseLayerElementByElement) {

@@ -210,9 +210,9 @@ const char* ShaderFormat::constant_index_post(const TricksParams& params) {
     std::string value = "vec4 out_value = val;\n";
     if (params.hasBias != 0) {
         value = array ? "vec4 out_value = val + vec4(unpackHalf2x16(bias[out_pos.z].x),\t\t\t\n"
-                        "\t\t\tunpackHalf2x16(bias[out_pos.z].y));\t\t\t\t\t\t\t\t\t\n"
+                        "\t\t\tunpackHalf2x16(bias[out_pos.z].y));\t\t\t\t\t\t\t\t\n"
                       : "vec4 out_value = val + vec4(unpackHalf2x16(bias[0].x),\t\t\t\n"
-                        "\t\t\tunpackHalf2x16(bias[0].y));\t\t\t\t\t\t\t\t\t\n";
+                        "\t\t\tunpackHalf2x16(bias[0].y));\t\t\t\t\t\t\t\t\n";
     }
     return keep(line(shader::header, params.localSizeX, params.localSizeY, params.localSizeZ) +
                 shader::inputDeclaration(params.outChannels) +

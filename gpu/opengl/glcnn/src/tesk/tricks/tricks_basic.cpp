@@ -10,6 +10,13 @@ Extent ConvolutionForm::extent(const ConvolutionRecord& record,
     return truncated ? truncatedExtent(shape, manager) : roundedExtent(shape, manager);
 }
 
+std::string ConvolutionForm::text(const TricksParams& params) const {
+    return source != nullptr ? (ShaderFormat::instance().*source)(params) : "";
+}
+
+Tricks_Basic::Tricks_Basic(tesk::ComputeProgramManager* manager)
+    : Tricks_Basic(manager, {"Conv2D", "I am Tricks_Conv2d_Basic."}) {}
+
 void Tricks_Basic::setup(ZQLayerInfo* layer) {
     ConvolutionRecord record;
     if (!record.read(layer, form.kernelWidth, form.kernelHeight)) return;
@@ -35,7 +42,7 @@ void Tricks_Basic::print() {
 }
 
 std::string Tricks_Basic::generateSource(TricksParams& params) {
-    return (ShaderFormat::instance().*form.source)(params);
+    return form.text(params);
 }
 
 std::string Tricks_Basic::programName(TricksParams& params, const char* prefix, int x, int y,

@@ -15,6 +15,9 @@ constexpr int bias_slices = 256;
 
 }  // namespace
 
+Tricks_Constant_index::Tricks_Constant_index(tesk::ComputeProgramManager* manager)
+    : Tricks_Constant_index(manager, {"Conv2D", "I am Tricks_Conv2d_CI."}) {}
+
 void Tricks_Constant_index::Pass::dispatch() const {
     program->compute(static_cast<unsigned int>(groupsX), static_cast<unsigned int>(groupsY),
                      static_cast<unsigned int>(groupsZ));
@@ -130,7 +133,7 @@ void Tricks_Constant_index::print() {
 }
 
 std::string Tricks_Constant_index::generateSource(TricksParams& params) {
-    return (ShaderFormat::instance().*form.source)(params);
+    return form.text(params);
 }
 
 std::string Tricks_Constant_index::programName(TricksParams& params, const char* prefix, int x,

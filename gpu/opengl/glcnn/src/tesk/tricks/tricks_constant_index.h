@@ -14,6 +14,7 @@ namespace tesk {
 /// activation.
 class TESK_TESTED Tricks_Constant_index : public Tricks {
 public:
+    explicit Tricks_Constant_index(tesk::ComputeProgramManager* manager);
     void setup(ZQLayerInfo* record) override;
     using Tricks::compute;
     void compute(tesk::Image* input, tesk::Image* output) override;
