@@ -6,45 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "onnx/converted.h"
-#include "onnx/made_model.h"
+#include "onnx/rewritten.h"
 
 namespace {
 
 using namespace onnx_test;
-using testing::Test;
-
-using Kinds = std::vector<std::string>;
-using Numbers = std::vector<double>;
-
-Tensor picture(const std::vector<int64_t>& dims, const std::vector<float>& values) {
-    return Tensor::of_floats(dims, values);
-}
-
-void expect_numbers(const Converted& result, const Numbers& expected, double tolerance = 0) {
-    ASSERT_TRUE(result.status) << result.status.message();
-    ASSERT_EQ(result.numbers().size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_NEAR(result.numbers()[i], expected[i], tolerance) << i;
-    }
-}
-
-void expect_refusal(const Converted& result, const std::string& node, const std::string& reason) {
-    ASSERT_FALSE(result.status) << "was converted";
-    const std::string& line = result.status.message();
-    EXPECT_NE(line.find(node), std::string::npos) << line;
-    EXPECT_NE(line.find(reason), std::string::npos) << line;
-    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
-    EXPECT_TRUE(result.conversion.file.empty());
-}
-
-// One input x of 1 channel, a node, one output y.
-MadeModel one_node(const std::string& op_type, const std::vector<int64_t>& dims,
-                   const std::vector<With>& attributes = {}, int opset = 13) {
-    MadeModel model(opset);
-    model.input("x", dims).output("y").node(op_type, {"x"}, {"y"}, attributes);
-    return model;
-}
 
 MadeModel one_conv(const std::vector<int64_t>& dims, const std::vector<int64_t>& weights,
                    const std::vector<With>& attributes) {
@@ -97,8 +63,6 @@ void PrintTo(const ConvShape& shape, std::ostream* out) {
 }
 
 class ConvKinds : public testing::TestWithParam<ConvShape> {};
-
-using Ints = std::vector<int64_t>;
 
 const ConvShape CONV_SHAPES[] = {
     {"even_3x3_stride_2",
