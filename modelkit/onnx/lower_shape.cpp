@@ -1,9 +1,28 @@
 // What divides, moves, pads and cuts tensors.
 #include <algorithm>
+#include <cmath>
+#include <string>
+#include <utility>
 
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {
+
+namespace {
+
+/// As the file numbers the element types.
+std::string integral_name(int64_t type) {
+    const std::pair<int64_t, const char*> names[] = {
+        {2, "uint8"}, {3, "int8"}, {4, "uint16"},  {5, "int16"},   {6, "int32"},
+        {7, "int64"}, {9, "bool"}, {12, "uint32"}, {13, "uint64"},
+    };
+    for (const auto& [number, name] : names) {
+        if (number == type) return name;
+    }
+    return "element type " + std::to_string(type);
+}
+
+}  // namespace
 
 void Lowering::hand_on() {
     if (node().op_type == "Dropout") {
@@ -18,7 +37,7 @@ void Lowering::hand_on() {
         const int64_t to = node().integer("to", 0);
         require(
             to == 1 || to == 10 || to == 11 || to == 16,
-            "a cast to numbers with a fraction expected, found element type " + std::to_string(to));
+            "a cast to numbers with a fraction expected: the engines have no " + integral_name(to));
     }
     give(value(0).dims, value(0).blob);
 }

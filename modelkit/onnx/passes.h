@@ -51,6 +51,8 @@ void fold_constants(Graph& graph);
 
 /// Takes out Identity, Dropout as it is at inference, and casts among floating-point types.
 void remove_identities(Graph& graph);
+/// A line for each cast to fewer digits than a float has: the engines keep all digits there.
+std::vector<std::string> cast_notes(const Graph& graph);
 
 /// A multiplication and an addition of constants, for each channel or for all.
 struct AffineNode {
