@@ -70,7 +70,7 @@ std::optional<AffineNode> affine_of(const Graph& graph, const Node& node, size_t
 /// reader.
 void fold_affine(Graph& graph);
 
-/// Moves the zeros of a Pad into the Conv or AveragePool behind it.
+/// Moves the zeros of a Pad into the Conv or AveragePool behind it, -inf into the MaxPool.
 void merge_pads(Graph& graph);
 
 /// All of the above until nothing changes.
