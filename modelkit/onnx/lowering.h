@@ -130,6 +130,18 @@ private:
     Window2D window_of(const Dims& dims, const Dims& kernel, bool transposed = false);
     std::vector<float> bias_of(size_t input, int channels);
 
+    // lower_blocks.cpp
+    /// Whether a convolution is to go by blocks: the GPU engine lacks its kernel, and has one for
+    /// them.
+    bool needs_blocks(const Window2D& window) const;
+    Blob convolve_blocks(const Blob& blob, int channels, const Window2D& window,
+                         const std::vector<float>& weights, const std::vector<float>& bias,
+                         int activation);
+    /// The current node as a transposed convolution that doubles the sides, `weights` as
+    /// [out][in][y][x]. False, and nothing happens, where it does not go by blocks or need not.
+    bool transpose_by_blocks(const Blob& blob, const Window2D& window, const Dims& dims,
+                             const std::vector<float>& weights, const std::vector<float>& bias);
+
     // lower_dense.cpp
     void gemm();
     void matmul();

@@ -71,7 +71,9 @@ TEST(GpuRules, KnowTheTransposedKernel) {
         3, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}, {"output_padding", Ints{1, 1}}}));
     // Two by two is three by three with zeros.
     expect_accepted(transposed(2, {{"strides", Ints{2, 2}}}));
-    expect_refused(transposed(4, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}}),
+    // Others that double the sides go by blocks of two by two pixels.
+    expect_accepted(transposed(4, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}}));
+    expect_refused(transposed(5, {{"strides", Ints{3, 3}}, {"pads", Ints{1, 1, 1, 1}}}),
                    "a kernel of 3x3 or 2x2 for a transposed convolution");
 }
 
