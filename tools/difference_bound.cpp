@@ -1,6 +1,7 @@
 #include "difference_bound.h"
 
 #include <crossplatform/src/common/src/half_float.h>
+#include <modelkit/gpu_layers.h>
 
 #include <algorithm>
 #include <cmath>
@@ -364,22 +365,6 @@ std::vector<float> Bound::stored(const EnginePair& output) const {
     return bound;
 }
 
-std::string unlike_activation(int code) {
-    if (code == ActivationType_SoftMax) {
-        return "activation SoftMax, which is exp(x / 100) on the GPU engine";
-    }
-    return "";
-}
-
-/// Of fused activations.
-std::string unlike_fused(int code) {
-    if (code == ActivationType_Linear) {
-        return "a fused Linear, which gives 0 on the CPU engine and the value itself on the GPU "
-               "engine";
-    }
-    return unlike_activation(code);
-}
-
 }  // namespace
 
 double element_difference(float cpu, float gpu) {
@@ -390,71 +375,7 @@ double element_difference(float cpu, float gpu) {
 
 std::optional<std::string> unlike_reason(const ZQLayerInfo& info, const TensorSize& cpu_size,
                                          const TensorSize& gpu_size) {
-    std::string reason;
-    switch (info.type) {
-        case ZQLayerType_Conv2D: {
-            const auto& record = static_cast<const ZQLayerInfo_Conv2D&>(info);
-            reason = unlike_fused(record.activation);
-            if (record.effective_groups() != 1) {
-                reason = "a convolution in groups, which the CPU engine computes as one group";
-            }
-            const auto shifted = [](int pad, int dilation) {
-                return dilation > 1 && pad != dilation;
-            };
-            if (shifted(record.pad_w, record.dilation_w) ||
-                shifted(record.pad_h, record.dilation_h)) {
-                reason =
-                    "a dilation that is not the padding, whose taps lie elsewhere on the GPU "
-                    "engine";
-            }
-            break;
-        }
-        case ZQLayerType_Conv2DTranspose: {
-            const auto& record = static_cast<const ZQLayerInfo_Conv2DTranspose&>(info);
-            reason = unlike_fused(record.activation);
-            if (record.kernel_w != 3 || record.kernel_h != 3 || record.pad_w != 1 ||
-                record.pad_h != 1) {
-                reason =
-                    "a transposed convolution other than 3x3 with padding 1, whose output is "
-                    "shifted on the GPU engine";
-            }
-            break;
-        }
-        case ZQLayerType_DepthWiseConv2D:
-            reason = unlike_fused(static_cast<const ZQLayerInfo_DepthWiseConv2D&>(info).activation);
-            break;
-        case ZQLayerType_ElementWiseOperator:
-            reason =
-                unlike_fused(static_cast<const ZQLayerInfo_ElementWiseOperator&>(info).activation);
-            break;
-        case ZQLayerType_Activation:
-            reason =
-                unlike_activation(static_cast<const ZQLayerInfo_Activation&>(info).activation_type);
-            break;
-        case ZQLayerType_Pooling: {
-            const auto& record = static_cast<const ZQLayerInfo_Pooling&>(info);
-            if (record.pool_type == 0 && (record.pad_w != 0 || record.pad_h != 0)) {
-                reason =
-                    "an average with padding, which the CPU engine takes over the pixels alone";
-            }
-            break;
-        }
-        case ZQLayerType_Upsampling: {
-            const auto& record = static_cast<const ZQLayerInfo_Upsampling&>(info);
-            if (record.mode == 1 && record.align == 0 &&
-                Tarno::half_to_float(record.scale) != 2.0f) {
-                reason =
-                    "bilinear upsampling by more than 2 without aligned corners, which the CPU "
-                    "engine fills with one element";
-            }
-            break;
-        }
-        case ZQLayerType_Region:
-            reason = "a region layer, whose values the engines lay out in two ways";
-            break;
-        default:
-            break;
-    }
+    std::string reason = modelkit::unlike_on_gpu(info);
     if (reason.empty() && cpu_size.elements() != gpu_size.elements()) {
         reason = "sizes " + size_text(cpu_size) + " on the CPU engine and " + size_text(gpu_size) +
                  " on the GPU engine";

@@ -1,6 +1,7 @@
 #include "gpu_rules.h"
 
 #include <crossplatform/src/common/src/half_float.h>
+#include <modelkit/gpu_layers.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,13 +12,11 @@
 namespace tool {
 namespace {
 
+constexpr int64_t most_side = modelkit::GPU_MOST_SIDE;
 // What every implementation of OpenGL 4.3 has at least.
-constexpr int64_t most_side = 16384;
-constexpr int64_t most_slices = 2048;
 constexpr int64_t most_group = 1024;           // invocations of a work group
 constexpr int64_t most_uniform_block = 16384;  // bytes
-// A storage buffer of 16 MiB is what 4.3 asks for; 4.5 and every driver in use have this.
-constexpr int64_t most_storage_block = int64_t{1} << 27;
+constexpr int64_t most_storage_block = modelkit::GPU_MOST_WEIGHT_BYTES;
 // The uniform blocks of biases hold 256 slices.
 constexpr int64_t most_uniform_outputs = 1024;
 constexpr int64_t bytes_of_texel = 8;
@@ -37,7 +36,11 @@ std::string pair_text(int64_t w, int64_t h) {
 }
 
 int64_t slices_of(int64_t channels) {
-    return (channels + 3) / 4;
+    return modelkit::gpu_slices(channels);
+}
+
+void refuse_fault(const std::optional<modelkit::GpuFault>& fault) {
+    if (fault) refuse(fault->expected, fault->found);
 }
 
 /// Images have the rounded size. Some generators size their work by the truncated one.
@@ -70,13 +73,10 @@ private:
     void refuse_plan(const PlannedLayer& layer, const std::string& text);
 
     TensorSize relative_size(const shape3& shape) const;
-    void check_truncated(const shape3& shape, int64_t step) const;
-    void check_kernel(const PlannedLayer& layer, const char* kinds,
-                      const std::vector<std::pair<int, int>>& kernels) const;
-    void check_activation(const PlannedLayer& layer, int code, const std::vector<int>& codes) const;
+    void check_truncated(const modelkit::GpuTruncatedWork& work) const;
     void check_bottoms(const ZQLayerInfo& record, const std::vector<TensorSize>& bottoms) const;
     void check_uniform_outputs(const TensorSize& top) const;
-    void check_shared_padding(const PlannedLayer& layer, const std::string& program);
+    void check_shared_padding(const ZQLayerInfo& record);
     bool pointwise_in_points(const ZQLayerInfo_Conv2D& record, const TensorSize& top) const;
 
     void conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bottom, PlannedLayer& layer);
@@ -98,13 +98,7 @@ private:
     ModelPlan& plan;
     std::map<unsigned short, size_t> positions;
     std::set<int> input_indices;
-    /// Layers by the programs whose names do not tell the padding.
-    struct Padded {
-        int id;
-        int w;
-        int h;
-    };
-    std::map<std::string, Padded> paddings;
+    modelkit::GpuPaddings paddings;
 };
 
 void GpuPlanner::refuse_plan(const PlannedLayer& layer, const std::string& text) {
@@ -177,12 +171,7 @@ void GpuPlanner::run() {
 }
 
 void check_texture(const TensorSize& size) {
-    if (size.c < 1 || size.h < 1 || size.w < 1)
-        refuse("an output of at least 1x1x1", size_text(size));
-    if (size.h > most_side || size.w > most_side || slices_of(size.c) > most_slices) {
-        refuse("an output of at most " + size_text({4 * most_slices, most_side, most_side}),
-               size_text(size));
-    }
+    refuse_fault(modelkit::gpu_texture_fault(size.c, size.h, size.w));
 }
 
 int64_t texture_bytes(const TensorSize& size) {
@@ -259,47 +248,17 @@ void GpuPlanner::plan_layer(const ZQLayerInfo& record, PlannedLayer& layer) {
     layer.work = saturated_sum(std::max(layer.work, layer.multiply_adds), layer.size->elements());
 }
 
-/// Groups of eight by eight times `step` cover the image.
-void GpuPlanner::check_truncated(const shape3& shape, int64_t step) const {
-    const auto covered = [&](int64_t truncated) {
-        return (std::max<int64_t>(truncated, 0) + step * 8 - 1) / (step * 8) * (step * 8);
-    };
-    const TensorSize image = relative_size(shape);
-    const int64_t w = pixels_of(plan.base_w, shape.scale_x, false);
-    const int64_t h = pixels_of(plan.base_h, shape.scale_y, false);
-    if (covered(w) < image.w || covered(h) < image.h) {
+void GpuPlanner::check_truncated(const modelkit::GpuTruncatedWork& work) const {
+    if (work.shape == nullptr) return;
+    const TensorSize image = relative_size(*work.shape);
+    const int64_t w = pixels_of(plan.base_w, work.shape->scale_x, false);
+    const int64_t h = pixels_of(plan.base_h, work.shape->scale_y, false);
+    if (!modelkit::gpu_work_covers(w, image.w, work.step) ||
+        !modelkit::gpu_work_covers(h, image.h, work.step)) {
         refuse("a base size at which the layer's relative size comes to whole pixels",
                "a last row or column of " + pair_text(image.w, image.h) +
                    " that its program leaves out");
     }
-}
-
-void GpuPlanner::check_kernel(const PlannedLayer& layer, const char* kinds,
-                              const std::vector<std::pair<int, int>>& kernels) const {
-    const Window& window = *layer.window;
-    if (window.stride_w < 1 || window.stride_h < 1) {
-        refuse("a stride of at least 1x1", pair_text(window.stride_w, window.stride_h));
-    }
-    if (window.dilation_w < 1 || window.dilation_h < 1) {
-        refuse("a dilation of at least 1x1", pair_text(window.dilation_w, window.dilation_h));
-    }
-    for (const auto& [w, h] : kernels) {
-        if (w == window.kernel_w && h == window.kernel_h) return;
-    }
-    refuse(std::string("a kernel of ") + kinds, pair_text(window.kernel_w, window.kernel_h));
-}
-
-void GpuPlanner::check_activation(const PlannedLayer& layer, int code,
-                                  const std::vector<int>& codes) const {
-    if (std::find(codes.begin(), codes.end(), code) != codes.end()) return;
-    std::string expected;
-    for (const int each : codes) {
-        expected += expected.empty()       ? "an activation of kind "
-                    : each == codes.back() ? " or "
-                                           : ", ";
-        expected += text_of(each);
-    }
-    refuse(expected, "kind " + text_of(code) + " (" + layer.activation + ")");
 }
 
 void GpuPlanner::check_bottoms(const ZQLayerInfo& record,
@@ -319,18 +278,8 @@ void GpuPlanner::check_uniform_outputs(const TensorSize& top) const {
     }
 }
 
-/// The padding of the first layer is in the program that all layers of the name run.
-void GpuPlanner::check_shared_padding(const PlannedLayer& layer, const std::string& program) {
-    const Window& window = *layer.window;
-    const std::string name = program + pair_text(window.kernel_w, window.kernel_h) + " " +
-                             pair_text(window.stride_w, window.stride_h);
-    const Padded own = {layer.id, window.pad_w, window.pad_h};
-    const Padded& first = paddings.emplace(name, own).first->second;
-    if (first.w != own.w || first.h != own.h) {
-        refuse("the padding of layer " + text_of(first.id) + ", " + pair_text(first.w, first.h) +
-                   ", whose program it shares",
-               pair_text(own.w, own.h));
-    }
+void GpuPlanner::check_shared_padding(const ZQLayerInfo& record) {
+    refuse_fault(paddings.add(record, gpu.ubo_slice_limit > 0));
 }
 
 bool GpuPlanner::pointwise_in_points(const ZQLayerInfo_Conv2D& record,
@@ -361,7 +310,6 @@ void GpuPlanner::conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bott
     const TensorSize top = *layer.size;
     const Window& window = *layer.window;
     if (groups != 1) {
-        check_kernel(layer, "3x3 for a convolution in groups", {{3, 3}});
         if (bottom.c != 4 * groups || top.c != 4 * groups) {
             refuse("groups of 4 input and 4 output channels", text_of(bottom.c) + " and " +
                                                                   text_of(top.c) + " in " +
@@ -369,45 +317,26 @@ void GpuPlanner::conv2d(const ZQLayerInfo_Conv2D& record, const TensorSize& bott
         }
         if (bottom.c <= 4)
             refuse("more than 4 channels for a convolution in groups", text_of(bottom.c));
-        check_activation(layer, record.activation, {0, 1, 2, 8});
-    } else {
-        check_kernel(
-            layer, "1x1, 3x1, 1x3, 3x3, 4x4, 5x1, 1x5, 5x5, 7x1 or 1x7",
-            {{1, 1}, {3, 1}, {1, 3}, {3, 3}, {4, 4}, {5, 1}, {1, 5}, {5, 5}, {7, 1}, {1, 7}});
-        if (pointwise_in_points(record, top)) {
-            // Leaky ReLU does nothing there, and ReLU6 does not compile in the form of one slice.
-            if (top.c > 4) {
-                check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7, 8});
-            } else {
-                check_activation(layer, record.activation, {0, 1, 2, 3, 4, 7});
-            }
-            check_shared_padding(layer, "points " + text_of(slices_of(bottom.c)) + " " +
-                                            (top.c <= 4 ? "plain " : "array ") +
-                                            text_of(record.activation) + " " +
-                                            text_of(record.has_bias) + " ");
-        } else {
-            check_activation(layer, record.activation, {0, 1, 2, 3, 4, 6, 7, 8});
+    } else if (pointwise_in_points(record, top)) {
+        // Leaky ReLU does nothing there, and ReLU6 does not compile in the form of one slice.
+        if (record.activation == ActivationType_LeakyReLU ||
+            (record.activation == ActivationType_ReLU6 && top.c <= 4)) {
+            refuse(top.c > 4 ? "an activation of kind 0, 1, 2, 3, 4, 7 or 8"
+                             : "an activation of kind 0, 1, 2, 3, 4 or 7",
+                   "kind " + text_of(record.activation) + " (" + layer.activation + ")");
         }
-        const bool truncated = !(window.kernel_w == window.kernel_h && window.kernel_w != 5);
-        if (truncated) check_truncated(*record.out_shape, 1);
-    }
-    const bool dilates = groups == 1 && window.kernel_w == 3 && window.kernel_h == 3;
-    if (!dilates && (window.dilation_w != 1 || window.dilation_h != 1)) {
-        refuse("a dilation of 1x1 for this kernel",
-               pair_text(window.dilation_w, window.dilation_h));
-    }
-    // The padding is divided by the dilation and has to come out whole.
-    if (dilates &&
-        (window.pad_w % window.dilation_w != 0 || window.pad_h % window.dilation_h != 0)) {
-        refuse("a padding in multiples of the dilation", pair_text(window.pad_w, window.pad_h));
+        refuse_fault(paddings.add("points " + text_of(slices_of(bottom.c)) + " " +
+                                      (top.c <= 4 ? "plain " : "array ") +
+                                      text_of(record.activation) + " " + text_of(record.has_bias) +
+                                      " " + pair_text(window.stride_w, window.stride_h),
+                                  layer.id, window.pad_w, window.pad_h));
     }
     const int64_t taps = int64_t{window.kernel_w} * window.kernel_h;
     const int64_t weights = saturated_product({top.c, taps, bottom.c / groups});
     check_counts(record.weights_count, static_cast<size_t>(weights), record.bias_count, top.c,
                  record.has_bias != 0);
     layer.multiply_adds = saturated_product({weights, top.h, top.w});
-    layer.weight_bytes =
-        saturated_product({slices_of(top.c), slices_of(bottom.c / groups), 16, taps, 2});
+    layer.weight_bytes = modelkit::gpu_weight_bytes(record);
     // Grouped weights are never divided between blocks.
     const bool one_block = groups != 1 && gpu.ubo_slice_limit > 0;
     check_weight_bytes(layer.weight_bytes, one_block ? most_uniform_block : most_storage_block);
@@ -418,15 +347,6 @@ void GpuPlanner::transpose(const ZQLayerInfo_Conv2DTranspose& record, const Tens
                            PlannedLayer& layer) {
     const TensorSize top = *layer.size;
     const Window& window = *layer.window;
-    // The 7-wide form leaves every second row unwritten.
-    check_kernel(layer, "3x3 or 2x2 for a transposed convolution", {{3, 3}, {2, 2}});
-    check_activation(layer, record.activation, {0, 1, 2, 3, 4, 8});
-    if (record.effective_groups() != 1) refuse("one group", text_of(record.effective_groups()));
-    if (window.stride_w != 2 || window.stride_h != 2) {
-        refuse("a stride of 2x2 for a transposed convolution",
-               pair_text(window.stride_w, window.stride_h));
-    }
-    check_truncated(*record.in_shape, 1);
     if (top.w > 2 * bottom.w || top.h > 2 * bottom.h) {
         refuse("an output of at most " + pair_text(2 * bottom.w, 2 * bottom.h),
                pair_text(top.w, top.h));
@@ -436,7 +356,7 @@ void GpuPlanner::transpose(const ZQLayerInfo_Conv2DTranspose& record, const Tens
     check_counts(record.weights_count, static_cast<size_t>(weights), record.bias_count, top.c,
                  record.has_bias != 0);
     layer.multiply_adds = saturated_product({weights, bottom.h, bottom.w});
-    layer.weight_bytes = saturated_product({slices_of(top.c), slices_of(bottom.c), 16, taps, 2});
+    layer.weight_bytes = modelkit::gpu_weight_bytes(record);
     check_weight_bytes(layer.weight_bytes);
     check_uniform_outputs(top);
 }
@@ -444,70 +364,37 @@ void GpuPlanner::transpose(const ZQLayerInfo_Conv2DTranspose& record, const Tens
 void GpuPlanner::depthwise(const ZQLayerInfo_DepthWiseConv2D& record, PlannedLayer& layer) {
     const TensorSize top = *layer.size;
     const Window& window = *layer.window;
-    check_kernel(layer, "3x3 or 5x5 for a depthwise convolution", {{3, 3}, {5, 5}});
-    check_activation(layer, record.activation, {0, 1, 2, 8});
-    if (record.depth_multiplier != 1)
-        refuse("a depth multiplier of 1", text_of(record.depth_multiplier));
     if (record.in_shape->channels != top.c) {
         throw LayerRefused{"expected " + text_of(record.in_shape->channels) +
                            " output channels, found " + text_of(top.c)};
     }
-    if (window.dilation_w != 1 || window.dilation_h != 1) {
-        refuse("a dilation of 1x1 for a depthwise convolution",
-               pair_text(window.dilation_w, window.dilation_h));
-    }
-    const bool points = window.kernel_w == 3 && window.stride_w == 1 && window.stride_h == 1;
-    check_truncated(*record.out_shape, points ? 2 : 1);
-    const std::string channels = gpu.ubo_slice_limit > 0 ? text_of(top.c)
-                                 : top.c <= 4            ? "plain"
-                                                         : "array";
-    check_shared_padding(layer, "depthwise " + channels + " " + text_of(record.activation) + " " +
-                                    text_of(record.has_bias) + " ");
+    check_shared_padding(record);
     const int64_t taps = int64_t{window.kernel_w} * window.kernel_h;
     check_counts(record.weights_count, static_cast<size_t>(top.c * taps), record.bias_count, top.c,
                  record.has_bias != 0);
     layer.multiply_adds = saturated_product({top.c, taps, top.h, top.w});
-    layer.weight_bytes = saturated_product({slices_of(top.c), 16, taps});
+    layer.weight_bytes = modelkit::gpu_weight_bytes(record);
     if (gpu.ubo_slice_limit > 0) check_weight_bytes(layer.weight_bytes, most_uniform_block);
 }
 
 void GpuPlanner::pooling(const ZQLayerInfo_Pooling& record, PlannedLayer& layer) {
-    if (record.pool_type > 1) {
-        refuse("pooling of type 0 (average) or 1 (maximum)", "type " + text_of(record.pool_type));
-    }
-    if (record.pool_type == 1) {
-        check_kernel(layer, "2x2, 3x3, 1x4 or 2x4 for maximum pooling",
-                     {{2, 2}, {3, 3}, {1, 4}, {2, 4}});
-    } else {
-        check_kernel(layer, "2x2, 3x3, 4x4, 7x7 or 8x8 for average pooling",
-                     {{2, 2}, {3, 3}, {4, 4}, {7, 7}, {8, 8}});
-    }
     if (record.in_shape->channels != layer.size->c) {
         throw LayerRefused{"expected " + text_of(record.in_shape->channels) +
                            " output channels, found " + text_of(layer.size->c)};
     }
-    check_shared_padding(layer, std::string(record.pool_type == 1 ? "maximum " : "average ") +
-                                    (layer.size->c <= 4 ? "plain " : "array "));
+    check_shared_padding(record);
     layer.work = saturated_product({layer.size->elements(), record.kernel_w, record.kernel_h});
 }
 
 void GpuPlanner::concat(const ZQLayerInfo_Concatenate& record,
                         const std::vector<TensorSize>& bottoms) {
     const int64_t out = record.out_shape->channels;
-    if (bottoms.size() != 2 && bottoms.size() != 3 && bottoms.size() != 5) {
-        refuse("2, 3 or 5 bottoms", text_of(static_cast<int64_t>(bottoms.size())));
-    }
-    if (record.axis != 0)
-        refuse("a concatenation along axis 0, the channels,", text_of(record.axis));
     int64_t sum = 0;
     for (size_t i = 0; i < bottoms.size(); ++i) {
         if (record.in_shapes[i].channels != bottoms[i].c) {
             throw LayerRefused{"expected " + text_of(record.in_shapes[i].channels) +
                                " channels in bottom " + text_of(static_cast<int64_t>(i)) +
                                ", found " + text_of(bottoms[i].c)};
-        }
-        if (i + 1 < bottoms.size() && bottoms[i].c % 4 != 0) {
-            refuse("channels in fours in all bottoms but the last", text_of(bottoms[i].c));
         }
         if (bottoms[i].h != bottoms[0].h || bottoms[i].w != bottoms[0].w) {
             throw LayerRefused{"expected bottoms of one width and height, found " +
@@ -518,14 +405,12 @@ void GpuPlanner::concat(const ZQLayerInfo_Concatenate& record,
     if (sum != out) {
         throw LayerRefused{"expected " + text_of(sum) + " output channels, found " + text_of(out)};
     }
-    check_truncated(*record.out_shape, 1);
 }
 
 void GpuPlanner::pixel_shuffle(const ZQLayerInfo_PixelShuffle& record, const TensorSize& bottom,
                                PlannedLayer& layer) {
     const float factor = Tarno::half_to_float(record.upscale_factor);
     const bool up = factor >= 1.0f;
-    if (factor != 2.0f && factor != 0.5f) refuse("a factor of 2 or 1/2", fixed(factor, 3));
     const TensorSize expected = up ? TensorSize{bottom.c / 4, 2 * bottom.h, 2 * bottom.w}
                                    : TensorSize{4 * bottom.c, bottom.h / 2, bottom.w / 2};
     const bool whole = up ? bottom.c % 4 == 0 : bottom.h % 2 == 0 && bottom.w % 2 == 0;
@@ -533,7 +418,6 @@ void GpuPlanner::pixel_shuffle(const ZQLayerInfo_PixelShuffle& record, const Ten
         refuse(up ? "four channels for each of the output" : "sides of twice the output's",
                size_text(bottom) + " to " + size_text(*layer.size));
     }
-    check_truncated(up ? *record.in_shape : *record.out_shape, 1);
 }
 
 void GpuPlanner::upsampling(const ZQLayerInfo_Upsampling& record, const TensorSize& bottom,
@@ -553,9 +437,6 @@ void GpuPlanner::upsampling(const ZQLayerInfo_Upsampling& record, const TensorSi
             refuse("nearest upsampling by 2 or 4",
                    fixed(scale, 3) + " from " + size_text(bottom) + " to " + size_text(top));
         }
-        check_truncated(*record.in_shape, 1);
-    } else {
-        check_truncated(*record.out_shape, 1);
     }
 }
 
@@ -649,6 +530,7 @@ void GpuPlanner::size_layer(const ZQLayerInfo& record, const std::vector<TensorS
         check_bottoms(record, bottoms);
         layer.size = relative_size(*record.out_shape);
         check_texture(*layer.size);
+        refuse_fault(modelkit::gpu_layer_fault(record));
     }
     switch (record.type) {
         case ZQLayerType_Conv2D:
@@ -663,27 +545,14 @@ void GpuPlanner::size_layer(const ZQLayerInfo& record, const std::vector<TensorS
         case ZQLayerType_Pooling:
             pooling(static_cast<const ZQLayerInfo_Pooling&>(record), layer);
             break;
-        case ZQLayerType_ElementWiseOperator: {
-            const auto& eltwise = static_cast<const ZQLayerInfo_ElementWiseOperator&>(record);
-            const bool sum = eltwise.operator_type == 0;
-            if (!sum && eltwise.operator_type != 2) {
-                refuse("an operation of type 0 (sum) or 2 (product)",
-                       "type " + text_of(eltwise.operator_type));
-            }
-            if (bottoms.size() != 2 && !(sum && bottoms.size() == 3)) {
-                refuse(sum ? "2 or 3 bottoms" : "2 bottoms",
-                       text_of(static_cast<int64_t>(bottoms.size())));
-            }
+        case ZQLayerType_ElementWiseOperator:
             for (const TensorSize& each : bottoms) {
                 if (each != *layer.size) {
                     throw LayerRefused{"expected bottoms of the output's size, " +
                                        size_text(*layer.size) + ", found " + size_text(each)};
                 }
             }
-            check_activation(layer, eltwise.activation, {0, 1, 2, 8});
-            check_truncated(*record.out_shape, 1);
             break;
-        }
         case ZQLayerType_Concatenate:
             concat(static_cast<const ZQLayerInfo_Concatenate&>(record), bottoms);
             break;
@@ -694,14 +563,10 @@ void GpuPlanner::size_layer(const ZQLayerInfo& record, const std::vector<TensorS
             upsampling(static_cast<const ZQLayerInfo_Upsampling&>(record), bottom, layer);
             break;
         case ZQLayerType_Activation:
-            check_activation(layer,
-                             static_cast<const ZQLayerInfo_Activation&>(record).activation_type,
-                             {2, 4, 8, 9});
             if (*layer.size != bottom) {
                 throw LayerRefused{"expected an output of " + size_text(bottom) + ", found " +
                                    size_text(*layer.size)};
             }
-            check_truncated(*record.out_shape, 1);
             break;
         case ZQLayerType_Region:
             region(static_cast<const ZQLayerInfo_Region&>(record), bottom, layer);
@@ -715,6 +580,7 @@ void GpuPlanner::size_layer(const ZQLayerInfo& record, const std::vector<TensorS
             throw LayerRefused{"expected a layer that the GPU engine has, found " + layer.kind +
                                ", which it has not"};
     }
+    check_truncated(modelkit::gpu_truncated_work(record));
 }
 
 }  // namespace

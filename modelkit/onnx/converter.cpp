@@ -61,6 +61,7 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     const Status forms = check_forms(graph);
     if (!forms) return forms;
     try {
+        result.notes = cast_notes(graph);
         simplify(graph);
         if (graph.nodes.size() > MOST_LAYERS) {
             return Status::failure("has " + std::to_string(graph.nodes.size()) +
@@ -82,7 +83,7 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
 
         result.file = emitter.model().bytes();
         result.layers = emitter.layers();
-        result.notes = lowering.notes();
+        result.notes.insert(result.notes.end(), lowering.notes().begin(), lowering.notes().end());
         result.slack = lowering.slack();
         for (const LayerReport& layer : result.layers) result.names.layers[layer.id] = layer.node;
         const auto named = [&](const std::vector<ValueInfo>& infos) {

@@ -204,6 +204,9 @@ Blob Lowering::convolve(Blob blob, int channels, const Window2D& window,
                         const std::vector<float>& weights, const std::vector<float>& bias,
                         int activation) {
     require_places(window);
+    if (needs_blocks(window)) {
+        return convolve_blocks(blob, channels, window, weights, bias, activation);
+    }
     AxisPlan y;
     AxisPlan x;
     plan_convolution(window, y, x);
@@ -385,6 +388,12 @@ void Lowering::conv_transpose() {
 
     const TransposedPlan y = plan_transposed(window.y, out.h);
     const TransposedPlan x = plan_transposed(window.x, out.w);
+    const auto is_three = [](const AxisWindow& axis, const TransposedPlan& plan) {
+        return plan.fits && plan.cut == 1 && axis.kernel + plan.zeros == 3;
+    };
+    // Three by three is the one kernel of the GPU engine.
+    const bool three = is_three(window.y, y) && is_three(window.x, x);
+    if (!depthwise && !three && transpose_by_blocks(blob, window, dims, ordered, bias)) return;
     if (y.fits && x.fits) {
         Window engine = engine_window(window, y.cut, x.cut);
         engine.kernel_h += y.zeros;

@@ -10,6 +10,7 @@ namespace {
 
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 constexpr double LARGEST_FLOAT = static_cast<double>(std::numeric_limits<float>::max());
+constexpr double LARGEST_HALF = 65504.0;
 
 }  // namespace
 
@@ -74,45 +75,90 @@ void Lowering::leaky_relu() {
     give(data.dims, blob);
 }
 
-// Every clamp out of the engine's two, between shifts and factors.
-Blob Lowering::clipped(const Blob& blob, double low, double high) {
+// sign * min(relu(sign * x), limit). The engine's clamp ends at 6, so a factor goes before it and
+// one behind: each number comes out changed by a share of itself, however far away the limit is.
+Blob Lowering::side_of(const Blob& blob, double sign, double& limit) {
+    if (limit == INFINITE || limit == 6.0) {
+        const int kind = limit == 6.0 ? ActivationType_ReLU6 : ActivationType_ReLU;
+        if (sign > 0) return emitter.activation(blob, kind);
+        return scaled(emitter.activation(scaled(blob, -1.0), kind), -1.0);
+    }
+    Affine before;
+    Affine behind;
+    const Blob inside = emitter.activation(
+        emitter.affine(blob, {{sign * 6.0 / limit}, {0.0}}, before), ActivationType_ReLU6);
+    const Blob result = emitter.affine(inside, {{sign * limit / 6.0}, {0.0}}, behind);
+    unshown += std::fabs(before.scale[0] * behind.scale[0] - 1.0);
+    limit = 6.0 * std::fabs(behind.scale[0]);
+    return result;
+}
+
+// A term is taken away and given back only where the limits lie on one side of 0: between limits on
+// both sides it would take the last digits of small numbers, so what is above 0 and what is below
+// are clamped apart. `low` and `high` become what the layers have.
+Blob Lowering::clipped(const Blob& blob, double& low, double& high) {
     if (low <= -LARGEST_FLOAT) low = -INFINITE;
     if (high >= LARGEST_FLOAT) high = INFINITE;
-    require(low <= high, "a minimum of at most the maximum expected");
     if (low == -INFINITE && high == INFINITE) return blob;
-    if (high == INFINITE) {
-        if (low == 0) return emitter.activation(blob, ActivationType_ReLU);
-        const Blob above = emitter.activation(hidden_affine(blob, 1.0, -low), ActivationType_ReLU);
-        return hidden_affine(above, 1.0, low);
+    const auto is_limit = [](double limit) { return std::fabs(limit) <= LARGEST_HALF; };
+    require((is_limit(low) || low == -INFINITE) && (is_limit(high) || high == INFINITE),
+            "limits of at most 65504, the largest half, or none expected, found " +
+                number_text(low) + " and " + number_text(high));
+    require(low < high, "a minimum below the maximum expected, found " + number_text(low) +
+                            " and " + number_text(high));
+    if (low < 0 && high > 0) {
+        double below = -low;
+        const Blob upper = side_of(blob, 1.0, high);
+        const Blob lower = side_of(blob, -1.0, below);
+        low = -below;
+        Blob both = emitter.eltwise({upper, lower}, false);
+        both.range = {low, high};
+        return both;
     }
-    if (low == -INFINITE) {
-        const Blob below = emitter.activation(hidden_affine(blob, -1.0, high), ActivationType_ReLU);
-        return hidden_affine(below, -1.0, high);
+    const double sign = low >= 0 ? 1.0 : -1.0;
+    double near = low >= 0 ? low : -high;
+    double far = low >= 0 ? high : -low;
+    Blob result;
+    if (near == 0) {
+        result = side_of(blob, sign, far);
+    } else {
+        double room = far - near;
+        Affine taken;
+        Affine given;
+        result = side_of(emitter.affine(blob, {{1.0}, {-sign * near}}, taken), sign, room);
+        result = emitter.affine(result, {{1.0}, {sign * near}}, given);
+        near = std::fabs(given.shift[0]);
+        far = near + room;
     }
-    if (low == 0 && high == 6) return emitter.activation(blob, ActivationType_ReLU6);
-    require(low < high, "a minimum below the maximum expected");
-    const double factor = 6.0 / (high - low);
-    const Blob inside =
-        emitter.activation(hidden_affine(blob, factor, -low * factor), ActivationType_ReLU6);
-    return hidden_affine(inside, 1.0 / factor, low);
+    low = sign > 0 ? near : -far;
+    high = sign > 0 ? far : -near;
+    result.range = {low, high};
+    return result;
 }
 
 void Lowering::clip() {
     const Value& data = value(0);
-    double low = -INFINITE;
-    double high = INFINITE;
-    if (graph.opset < 11) {
-        low = node().number("min", low);
-        high = node().number("max", high);
-    } else {
-        for (size_t i = 1; i <= 2; ++i) {
-            if (!node().has_input(i)) continue;
-            const Tensor& limit = required(i, "a limit");
+    double limits[2] = {-INFINITE, INFINITE};
+    const bool in_attributes = graph.opset < 11;
+    const char* const names[2] = {"min", "max"};
+    for (size_t i = 0; i < 2; ++i) {
+        if (in_attributes) {
+            limits[i] = node().number(names[i], limits[i]);
+        } else if (node().has_input(i + 1)) {
+            const Tensor& limit = required(i + 1, "a limit");
             require(limit.size() == 1, "one number for a limit expected");
-            (i == 1 ? low : high) = limit.number(0);
+            limits[i] = limit.number(0);
         }
     }
-    give(data.dims, clipped(data.blob, low, high));
+    const Blob blob = clipped(data.blob, limits[0], limits[1]);
+    for (size_t i = 0; i < 2; ++i) {
+        if (in_attributes) {
+            show_number(names[i], limits[i]);
+        } else if (node().has_input(i + 1)) {
+            show_tensor(i + 1, Tensor::of_doubles(required(i + 1, "a limit").dims, {limits[i]}));
+        }
+    }
+    give(data.dims, blob);
 }
 
 void Lowering::hard_sigmoid() {
@@ -120,17 +166,20 @@ void Lowering::hard_sigmoid() {
     const double alpha = node().number("alpha", static_cast<double>(0.2f));
     const double beta = node().number("beta", 0.5);
     // clip(alpha * x + beta, 0, 1) as a sixth of clip(6 * alpha * x + 6 * beta, 0, 6).
-    const Blob inside =
-        emitter.activation(hidden_affine(data.blob, 6.0 * alpha, 6.0 * beta), ActivationType_ReLU6);
-    give(data.dims, hidden_affine(inside, 1.0 / 6.0, 0.0));
+    Affine used;
+    const Blob inside = emitter.activation(
+        emitter.affine(data.blob, {{6.0 * alpha}, {6.0 * beta}}, used), ActivationType_ReLU6);
+    show_number("alpha", used.scale[0] / 6.0);
+    show_number("beta", used.shift[0] / 6.0);
+    give(data.dims, scaled(inside, 1.0 / 6.0));
 }
 
 void Lowering::hard_swish() {
     const Value& data = value(0);
+    Affine exact;
     const Blob inside =
-        emitter.activation(hidden_affine(data.blob, 1.0, 3.0), ActivationType_ReLU6);
-    const Blob gate = hidden_affine(inside, 1.0 / 6.0, 0.0);
-    give(data.dims, emitter.eltwise({data.blob, gate}, true));
+        emitter.activation(emitter.affine(data.blob, {{1.0}, {3.0}}, exact), ActivationType_ReLU6);
+    give(data.dims, emitter.eltwise({data.blob, scaled(inside, 1.0 / 6.0)}, true));
 }
 
 void Lowering::softmax() {

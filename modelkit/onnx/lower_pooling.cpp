@@ -153,8 +153,7 @@ Blob Lowering::without_padding(Blob blob, const AxisWindow& axis, bool rows) {
         Blob part = rows ? pad_or_crop(blob, -before, 0, -behind, 0)
                          : pad_or_crop(blob, 0, -before, 0, -behind);
         if (pixels(i) != axis.kernel) {
-            part = hidden_affine(
-                part, static_cast<double>(axis.kernel) / static_cast<double>(pixels(i)), 0.0);
+            part = scaled(part, static_cast<double>(axis.kernel) / static_cast<double>(pixels(i)));
         }
         parts.push_back(part);
         i = end;

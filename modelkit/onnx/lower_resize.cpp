@@ -252,7 +252,7 @@ void Lowering::resize() {
             const std::vector<float> weights =
                 outer_product(rows ? taps : one, rows ? one : taps, channels);
             blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
-            blob = hidden_affine(blob, 1.0 / times, 0.0);
+            blob = scaled(blob, 1.0 / times);
         } else {
             // Between two neighbours, the same in every block.
             const int stride = shrinkage(axis);

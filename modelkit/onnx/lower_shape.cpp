@@ -1,9 +1,28 @@
 // What divides, moves, pads and cuts tensors.
 #include <algorithm>
+#include <cmath>
+#include <string>
+#include <utility>
 
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {
+
+namespace {
+
+/// As the file numbers the element types.
+std::string integral_name(int64_t type) {
+    const std::pair<int64_t, const char*> names[] = {
+        {2, "uint8"}, {3, "int8"}, {4, "uint16"},  {5, "int16"},   {6, "int32"},
+        {7, "int64"}, {9, "bool"}, {12, "uint32"}, {13, "uint64"},
+    };
+    for (const auto& [number, name] : names) {
+        if (number == type) return name;
+    }
+    return "element type " + std::to_string(type);
+}
+
+}  // namespace
 
 void Lowering::hand_on() {
     if (node().op_type == "Dropout") {
@@ -18,7 +37,7 @@ void Lowering::hand_on() {
         const int64_t to = node().integer("to", 0);
         require(
             to == 1 || to == 10 || to == 11 || to == 16,
-            "a cast to numbers with a fraction expected, found element type " + std::to_string(to));
+            "a cast to numbers with a fraction expected: the engines have no " + integral_name(to));
     }
     give(value(0).dims, value(0).blob);
 }
@@ -162,6 +181,26 @@ void Lowering::transpose() {
     give(dims, pick_channels(data.blob, channels));
 }
 
+// Zeros around the tensor, and the constant painted over them: a picture of it with zeros inside is
+// added, so that the pixels inside keep every digit. The picture is value - value * ones, the ones
+// padded with zeros like the tensor. Two halves carry the constant.
+Blob Lowering::bordered(const Blob& blob, int top, int left, int bottom, int right, double value,
+                        double& used) {
+    Affine exact;
+    const Blob ones = emitter.affine(blob, {{0.0}, {1.0}}, exact);
+    const Blob inside = pad_or_crop(ones, top, left, bottom, right);
+    std::vector<Blob> parts = {pad_or_crop(blob, top, left, bottom, right)};
+    const double coarse = as_half(value);
+    const double fine = as_half(value - coarse);
+    for (const double part : {coarse, fine}) {
+        if (part != 0) parts.push_back(emitter.affine(inside, {{-part}, {part}}, exact));
+    }
+    used = coarse + fine;
+    Blob result = parts.size() > 1 ? emitter.eltwise(parts, false) : parts[0];
+    result.range = blob.range.with(used);
+    return result;
+}
+
 void Lowering::pad() {
     const Value& data = value(0);
     const std::optional<PadNode> found = pad_of(graph, node());
@@ -230,8 +269,17 @@ void Lowering::pad() {
         give(dims, pad_or_crop(blob, top, left, bottom, right));
         return;
     }
-    const Blob lowered = hidden_affine(blob, 1.0, -found->value);
-    give(dims, hidden_affine(pad_or_crop(lowered, top, left, bottom, right), 1.0, found->value));
+    require(std::fabs(found->value) <= 65504.0,
+            "a constant of at most 65504, the largest half, or -inf for a MaxPool behind that has "
+            "no other reader and no ceil_mode, expected, found " +
+                number_text(found->value));
+    double used = 0;
+    give(dims, bordered(blob, top, left, bottom, right, found->value, used));
+    if (graph.opset < 11) {
+        show_number("value", used);
+    } else {
+        show_tensor(2, Tensor::of_doubles(required(2, "a constant").dims, {used}));
+    }
 }
 
 Blob Lowering::slice_axis(const Blob& blob, const Dims& dims, size_t axis, int64_t start,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -27,6 +28,12 @@ int small(int64_t value, const char* what) {
     require(value >= 0 && value <= 65535,
             std::string(what) + " of 0 to 65535 expected, found " + std::to_string(value));
     return static_cast<int>(value);
+}
+
+std::string number_text(double number) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g", number);
+    return text;
 }
 
 std::vector<float> floats_of(const Tensor& tensor) {
@@ -324,11 +331,12 @@ void Lowering::show_number(const std::string& attribute, double value) {
     shown.floats = {value};
 }
 
-Blob Lowering::hidden_affine(const Blob& bottom, double scale, double shift) {
+// Only a factor: it changes each number by a share of itself, which is what `slack` can say. A term
+// that is off is off for small numbers as for large ones, so terms have to be shown.
+Blob Lowering::scaled(const Blob& bottom, double factor) {
     Affine used;
-    const Blob blob = emitter.affine(bottom, {{scale}, {shift}}, used);
-    if (scale != 0) unshown += std::fabs(used.scale[0] - scale) / std::fabs(scale);
-    if (shift != 0) unshown += std::fabs(used.shift[0] - shift) / std::fabs(shift);
+    const Blob blob = emitter.affine(bottom, {{factor}, {0.0}}, used);
+    unshown += std::fabs(used.scale[0] / factor - 1.0);
     return blob;
 }
 

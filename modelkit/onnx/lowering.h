@@ -101,7 +101,7 @@ private:
     void show_halves(size_t input, double factor = 1.0);
     void show_tensor(size_t input, Tensor tensor);
     void show_number(const std::string& attribute, double value);
-    Blob hidden_affine(const Blob& bottom, double scale, double shift);
+    Blob scaled(const Blob& bottom, double factor);
 
     // Layers that make other divisions of the same numbers.
     static Extent extent_of(const Dims& dims);
@@ -130,6 +130,18 @@ private:
     Window2D window_of(const Dims& dims, const Dims& kernel, bool transposed = false);
     std::vector<float> bias_of(size_t input, int channels);
 
+    // lower_blocks.cpp
+    /// Whether a convolution is to go by blocks: the GPU engine lacks its kernel, and has one for
+    /// them.
+    bool needs_blocks(const Window2D& window) const;
+    Blob convolve_blocks(const Blob& blob, int channels, const Window2D& window,
+                         const std::vector<float>& weights, const std::vector<float>& bias,
+                         int activation);
+    /// The current node as a transposed convolution that doubles the sides, `weights` as
+    /// [out][in][y][x]. False, and nothing happens, where it does not go by blocks or need not.
+    bool transpose_by_blocks(const Blob& blob, const Window2D& window, const Dims& dims,
+                             const std::vector<float>& weights, const std::vector<float>& bias);
+
     // lower_dense.cpp
     void gemm();
     void matmul();
@@ -157,7 +169,8 @@ private:
     void with_constant_map(size_t side);
     void absolute();
     void concat();
-    Blob clipped(const Blob& blob, double low, double high);
+    Blob clipped(const Blob& blob, double& low, double& high);
+    Blob side_of(const Blob& blob, double sign, double& limit);
     Blob leaked(const Blob& blob, const std::vector<double>& slopes, std::vector<double>& used);
 
     // lower_resize.cpp
@@ -173,6 +186,8 @@ private:
     void unsqueeze();
     void transpose();
     void pad();
+    Blob bordered(const Blob& blob, int top, int left, int bottom, int right, double value,
+                  double& used);
     void slice();
     void split();
     Blob slice_axis(const Blob& blob, const Dims& dims, size_t axis, int64_t start, int64_t count,
@@ -197,5 +212,7 @@ size_t axis_of(int64_t axis, size_t rank);
 /// A number that must fit 0 to 65535, the fields of the format.
 int small(int64_t value, const char* what);
 std::vector<float> floats_of(const Tensor& tensor);
+/// Up to six digits, "1e+06", "-inf".
+std::string number_text(double number);
 
 }  // namespace modelkit::onnx

@@ -1,4 +1,5 @@
-// Zeros around a tensor become the padding of the layer behind.
+// What a Pad puts around a tensor becomes the padding of the layer behind.
+#include <limits>
 #include <utility>
 
 #include "modelkit/onnx/passes.h"
@@ -31,10 +32,17 @@ std::optional<PadNode> pad_of(const Graph& graph, const Node& node) {
 
 namespace {
 
+constexpr double LOWEST_FLOAT = static_cast<double>(std::numeric_limits<float>::lowest());
+
 bool merge_into(Node& layer, const PadNode& pad) {
     const size_t rank = pad.pads.size() / 2;
     const std::string automatic = layer.text("auto_pad", "NOTSET");
-    if (pad.mode != "constant" || pad.value != 0.0 || rank < 3 ||
+    // What a maximum pads with is below every number: -inf, or the lowest float.
+    const bool maximum = layer.op_type == "MaxPool";
+    const bool pads_alike = maximum
+                                ? pad.value <= LOWEST_FLOAT && layer.integer("ceil_mode", 0) == 0
+                                : pad.value == 0.0;
+    if (pad.mode != "constant" || !pads_alike || rank < 3 ||
         (automatic != "NOTSET" && automatic != "VALID")) {
         return false;
     }
@@ -81,7 +89,8 @@ void merge_pads(Graph& graph) {
         const std::optional<size_t> reader = uses.sole_reader(node.outputs[0]);
         if (!pad || !reader) continue;
         Node& layer = graph.nodes[*reader];
-        const bool takes = layer.op_type == "Conv" || layer.op_type == "AveragePool";
+        const bool takes =
+            layer.op_type == "Conv" || layer.op_type == "AveragePool" || layer.op_type == "MaxPool";
         if (!takes || layer.inputs[0] != node.outputs[0] || !merge_into(layer, *pad)) continue;
         layer.inputs[0] = node.inputs[0];
         dead.insert(i);

@@ -51,6 +51,8 @@ void fold_constants(Graph& graph);
 
 /// Takes out Identity, Dropout as it is at inference, and casts among floating-point types.
 void remove_identities(Graph& graph);
+/// A line for each cast to fewer digits than a float has: the engines keep all digits there.
+std::vector<std::string> cast_notes(const Graph& graph);
 
 /// A multiplication and an addition of constants, for each channel or for all.
 struct AffineNode {
@@ -68,7 +70,7 @@ std::optional<AffineNode> affine_of(const Graph& graph, const Node& node, size_t
 /// reader.
 void fold_affine(Graph& graph);
 
-/// Moves the zeros of a Pad into the Conv or AveragePool behind it.
+/// Moves the zeros of a Pad into the Conv or AveragePool behind it, -inf into the MaxPool.
 void merge_pads(Graph& graph);
 
 /// All of the above until nothing changes.

@@ -39,12 +39,11 @@ Difference difference_of(const std::vector<double>& a, const std::vector<double>
     double norm = 0;
     for (size_t i = 0; i < a.size(); ++i) {
         const double distance = std::fabs(a[i] - b[i]);
-        const bool equal = a[i] == b[i] || (std::isnan(a[i]) && std::isnan(b[i]));
-        if (!equal && !std::isfinite(distance)) {
+        if (a[i] == b[i]) continue;  // infinities, too; no number is equal to none
+        if (!std::isfinite(distance)) {
             result.maximum = result.relative = std::numeric_limits<double>::infinity();
             return result;
         }
-        if (equal) continue;
         result.maximum = std::max(result.maximum, distance);
         squares += distance * distance;
     }
@@ -54,7 +53,7 @@ Difference difference_of(const std::vector<double>& a, const std::vector<double>
 }
 
 // How many products a sum of the node has.
-double sum_length(const Node& node, const Tensor& weights) {
+double products_of(const Node& node, const Tensor& weights) {
     const std::vector<int64_t>& dims = weights.dims;
     double length = 1;
     if (node.op_type == "Gemm" || node.op_type == "MatMul") {
@@ -76,11 +75,79 @@ double sum_length(const Node& node, const Tensor& weights) {
     return length;
 }
 
-Graph perturbed(const Graph& graph, double slack) {
+// How many numbers a mean of the node is made of; 0 when the node is no mean.
+double terms_of(const Node& node, const std::vector<int64_t>& dims) {
+    double count = 1;
+    if (node.op_type == "AveragePool") {
+        for (const int64_t side : node.integers("kernel_shape")) {
+            count *= static_cast<double>(side);
+        }
+    } else if (node.op_type == "GlobalAveragePool" || node.op_type == "ReduceMean") {
+        // The lowering takes means over rows and columns only.
+        for (size_t i = 2; i < dims.size(); ++i) count *= static_cast<double>(dims[i]);
+    } else {
+        return 0;
+    }
+    return count;
+}
+
+// Changes each number that a mean of n sees by as much as a float sum can. A mean has no weights to
+// change; the chain of n sums gives the exact sum of numbers each off by up to n * 2^-24 of itself,
+// so the mean is off by up to n * 2^-24 of the mean magnitude, and by nearly that where all
+// roundings lean the same way, as those of a constant map do. That is no draw but the worst, which
+// a draw for each number, most of which cancel, would miss by the root of n: all numbers of a
+// channel are changed together, in the direction of their signs. Channels round apart, so each
+// leans its own way, and since their draw may miss what they do together behind the mean, the
+// bound, DRAWS times the change, is to be twice the worst.
+void shake_mean(const Node& node, double terms, const std::vector<int64_t>& dims,
+                std::mt19937& engine, Graph& result) {
+    const double reach = 2.0 / DRAWS * (terms + 8.0) * FLOAT_UNIT;
+    const auto channels = static_cast<size_t>(dims.size() > 1 ? dims[1] : 1);
+    std::vector<double> shares(channels);
+    for (double& share : shares) share = (engine() & 1) != 0 ? reach : -reach;
+    std::vector<int64_t> shape(dims.size(), 1);
+    if (dims.size() > 1) shape[1] = dims[1];
+    const std::string& from = node.inputs[0];
+    const std::string name = node.outputs[0] + ", its sums";
+    result.initializers[name + ", shares"] = Tensor::of_doubles(shape, std::move(shares));
+    const auto add = [&](const char* op_type, std::vector<std::string> inputs,
+                         const std::string& output) {
+        Node made;
+        made.name = node.name;
+        made.op_type = op_type;
+        made.inputs = std::move(inputs);
+        made.outputs = {output};
+        result.nodes.push_back(std::move(made));
+    };
+    add("Abs", {from}, name + ", magnitudes");
+    add("Mul", {name + ", magnitudes", name + ", shares"}, name + ", changes");
+    add("Add", {from, name + ", changes"}, name);
+    Node mean = node;
+    mean.inputs[0] = name;
+    result.nodes.push_back(std::move(mean));
+}
+
+// `values` are those of the graph, for the shapes.
+Graph perturbed(const Graph& graph, double slack, const Values& values,
+                const std::map<std::string, Tensor>& inputs) {
     Graph result = graph;
     std::mt19937 engine(1);
     std::set<std::string> seen;
-    for (Node& node : result.nodes) {
+    result.nodes.clear();
+    for (const Node& node : graph.nodes) {
+        const Tensor* data = nullptr;
+        if (node.has_input(0)) {
+            const auto value = values.find(node.inputs[0]);
+            const auto input = inputs.find(node.inputs[0]);
+            if (value != values.end()) data = &value->second;
+            if (data == nullptr && input != inputs.end()) data = &input->second;
+        }
+        const double terms = data != nullptr ? terms_of(node, data->dims) : 0;
+        if (terms > 0) {
+            shake_mean(node, terms, data->dims, engine, result);
+            continue;
+        }
+        result.nodes.push_back(node);
         const bool has_weights = node.op_type == "Conv" || node.op_type == "ConvTranspose" ||
                                  node.op_type == "Gemm" || node.op_type == "MatMul" ||
                                  node.op_type == "LSTM";
@@ -91,7 +158,7 @@ Graph perturbed(const Graph& graph, double slack) {
                 is_integral(found->second.type)) {
                 continue;
             }
-            const double reach = (sum_length(node, found->second) + 8.0) * FLOAT_UNIT + slack;
+            const double reach = (products_of(node, found->second) + 8.0) * FLOAT_UNIT + slack;
             std::vector<double> values = found->second.numbers();
             for (double& value : values) {
                 const double unit = static_cast<double>(engine()) * 0x1p-31 - 1.0;
@@ -242,13 +309,14 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
                 const auto found = noisy.find(name);
                 if (found == noisy.end() || found->second.size() != tensor.size()) continue;
                 double& most = explained[name];
-                most = std::max(
-                    most, difference_of(found->second.numbers(), tensor.numbers()).maximum);
+                most = std::max(most,
+                                difference_of(found->second.numbers(), tensor.numbers()).maximum);
             }
         }
         step(3);
         Values shaken;
-        status = evaluate(perturbed(conversion.rounded, conversion.slack), inputs, shaken);
+        status = evaluate(perturbed(conversion.rounded, conversion.slack, halves, inputs), inputs,
+                          shaken);
         if (!status) return status;
 
         const double layers = static_cast<double>(conversion.layers.size());
@@ -268,7 +336,8 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
             result.name = name;
             result.layer = layer;
             for (const double value : graph) {
-                result.largest = std::max(result.largest, std::fabs(value));
+                if (std::isfinite(value))
+                    result.largest = std::max(result.largest, std::fabs(value));
             }
             result.from_graph = difference_of(given, graph);
             result.by_halves = difference_of(with_halves, graph);
@@ -276,14 +345,24 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
             const double roundings =
                 (ROUNDINGS_PER_LAYER * layers * FLOAT_UNIT + conversion.slack) * result.largest;
             result.halves_bound = HALF_MARGIN * explained[name] + roundings;
-            result.bound =
-                DRAWS * difference_of(with_noise, with_halves).maximum + roundings;
+            result.bound = DRAWS * difference_of(with_noise, with_halves).maximum + roundings;
             return Status::success();
         };
         for (const ModelNames::Tensor& output : conversion.names.outputs) {
             ValueProof each;
+            const std::vector<double> graph = numbers_of(exact, inputs, output.name);
+            // Such a graph has no meaning that a model could be held against.
+            if (std::any_of(graph.begin(), graph.end(), [](double v) { return std::isnan(v); })) {
+                return Status::failure("the output " + in_quotes(output.name) +
+                                       " is not a number in the graph");
+            }
             status = prove_value(output.name, output.layer, each);
             if (!status) return status;
+            if (!std::isfinite(each.bound) || !std::isfinite(each.halves_bound)) {
+                return Status::failure("the output " + in_quotes(output.name) +
+                                       " has no bound: with weights off by a rounding it is "
+                                       "infinite or not a number");
+            }
             status = engine.values_of(output.layer, each.numbers);
             if (!status) return status;
             proof.outputs.push_back(each);

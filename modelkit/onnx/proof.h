@@ -2,14 +2,15 @@
 //
 // The graph is evaluated three times in double: as it is, with the constants that the file's halves
 // mean, and with these once more, each weight changed at random by as much as float sums of its
-// layer's length can be off. A float sum is the exact sum of products that are each off by no more
-// than that (the classic backward error bound), so the third run shows what float arithmetic can do
-// to this network's outputs. The engine has to agree with the second run within a multiple of the
-// distance to the third.
+// layer's length can be off, and each number that a mean is made of. A float sum is the exact sum
+// of products that are each off by no more than that (the classic backward error bound), so the
+// third run shows what float arithmetic can do to this network's outputs. The engine has to agree
+// with the second run within a multiple of the distance to the third.
 //
-// The second run's graph is the converter's own work. So that it may not be its own judge, the graph
-// as it was read is run with its weights off by as much as halves can make them (weight_noise.h):
-// the second run has to agree with the first within a multiple of what these runs are off.
+// The second run's graph is the converter's own work. So that it may not be its own judge, the
+// graph as it was read is run with its weights off by as much as halves can make them
+// (weight_noise.h): the second run has to agree with the first within a multiple of what these runs
+// are off.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,7 @@ namespace modelkit::onnx {
 
 /// Distances between two tensors of one shape.
 struct Difference {
-    double maximum = 0;   ///< the largest of two elements; infinite where one is no number
+    double maximum = 0;   ///< the largest of two elements; infinite where one or both are no number
     double relative = 0;  ///< root of the summed squared differences over that of the values
 };
 
@@ -55,7 +56,9 @@ std::map<std::string, Tensor> random_inputs(const Conversion& conversion, uint32
 
 /// `original` is the graph as it was read. `model_path` is the converted file, which is run on the
 /// CPU engine, layer by layer kept. `progress`, which may be empty, hears how many of 4 steps are
-/// done. Fails when something does not run; that a bound does not hold is in the proof.
+/// done. Fails when something does not run, and when there is nothing to hold the model against: an
+/// output that is not a number in the graph, or has no finite bound. That a bound does not hold is
+/// in the proof.
 Status prove(const Graph& original, const Conversion& conversion, const std::string& model_path,
              const std::map<std::string, Tensor>& inputs, bool all_layers,
              const std::function<void(int)>& progress, Proof& proof);

@@ -14,7 +14,8 @@ bool float_type(int64_t type) {
 bool hands_on(const Graph& graph, const Node& node) {
     if (!node.has_input(0) || !node.has_output(0)) return false;
     if (node.op_type == "Identity") return true;
-    // A cast to fewer digits is the exporter's storage, not the network's arithmetic.
+    // A cast to fewer digits is the exporter's storage, not the network's arithmetic: a note says
+    // so.
     if (node.op_type == "Cast") return float_type(node.integer("to", 0));
     if (node.op_type != "Dropout" || node.has_output(1)) return false;
     if (!node.has_input(2)) return true;
@@ -24,6 +25,22 @@ bool hands_on(const Graph& graph, const Node& node) {
 }
 
 }  // namespace
+
+std::vector<std::string> cast_notes(const Graph& graph) {
+    const Uses uses(graph);
+    std::vector<std::string> notes;
+    for (const Node& node : graph.nodes) {
+        const int64_t to = node.integer("to", 0);
+        if (node.op_type != "Cast" || (to != 10 && to != 16) || !node.has_output(0) ||
+            !uses.is_used(node.outputs[0])) {
+            continue;
+        }
+        notes.push_back("node " + in_quotes(label_of(node)) + ": the cast to " +
+                        (to == 10 ? "float16" : "bfloat16") +
+                        " is left out, its rounding is not done: the engines go on with floats");
+    }
+    return notes;
+}
 
 void remove_identities(Graph& graph) {
     const Uses uses(graph);

@@ -43,13 +43,17 @@ TEST(GpuRules, KnowTheKernels) {
     expect_accepted(conv({8, 4, 1, 1}, {}));
     expect_accepted(conv({8, 4, 5, 5}, {{"pads", Ints{2, 2, 2, 2}}}));
     expect_refused(conv({8, 4, 7, 7}, {{"pads", Ints{3, 3, 3, 3}}}),
-                   "no convolution of kernel 7x7");
+                   "expected a kernel of 1x1, 3x1, 1x3, 3x3, 4x4, 5x1, 1x5, 5x5, 7x1 or 1x7 on the "
+                   "GPU engine, found 7x7");
     expect_accepted(conv({8, 4, 3, 3}, {{"pads", Ints{2, 2, 2, 2}}, {"dilations", Ints{2, 2}}}));
     expect_refused(conv({8, 4, 5, 5}, {{"pads", Ints{4, 4, 4, 4}}, {"dilations", Ints{2, 2}}}),
-                   "dilates kernels of 3x3 only");
+                   "expected a dilation of 1x1 for this kernel on the GPU engine, found 2x2");
+    expect_refused(conv({8, 4, 3, 3}, {{"pads", Ints{4, 4, 4, 4}}, {"dilations", Ints{2, 2}}}),
+                   "a dilation that is not the padding");
     expect_accepted(conv({4, 1, 3, 3}, {{"group", 4}, {"pads", Ints{1, 1, 1, 1}}}));
-    expect_refused(conv({4, 1, 5, 5}, {{"group", 4}, {"pads", Ints{2, 2, 2, 2}}}),
-                   "a depthwise kernel of 3x3");
+    expect_accepted(conv({4, 1, 5, 5}, {{"group", 4}, {"pads", Ints{2, 2, 2, 2}}}));
+    expect_refused(conv({4, 1, 7, 7}, {{"group", 4}, {"pads", Ints{3, 3, 3, 3}}}),
+                   "a kernel of 3x3 or 5x5 for a depthwise convolution");
     expect_refused(conv({8, 1, 3, 3}, {{"group", 4}, {"pads", Ints{1, 1, 1, 1}}}),
                    "a depth multiplier of 1");
     // Groups are spread out, which both engines have.
@@ -67,8 +71,10 @@ TEST(GpuRules, KnowTheTransposedKernel) {
         3, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}, {"output_padding", Ints{1, 1}}}));
     // Two by two is three by three with zeros.
     expect_accepted(transposed(2, {{"strides", Ints{2, 2}}}));
-    expect_refused(transposed(4, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}}),
-                   "a transposed convolution of kernel 3x3");
+    // Others that double the sides go by blocks of two by two pixels.
+    expect_accepted(transposed(4, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}}));
+    expect_refused(transposed(5, {{"strides", Ints{3, 3}}, {"pads", Ints{1, 1, 1, 1}}}),
+                   "a kernel of 3x3 or 2x2 for a transposed convolution");
 }
 
 TEST(GpuRules, KnowPoolingsActivationsAndJoins) {
@@ -79,12 +85,17 @@ TEST(GpuRules, KnowPoolingsActivationsAndJoins) {
     };
     expect_accepted(node("MaxPool", {{"kernel_shape", Ints{2, 2}}, {"strides", Ints{2, 2}}}));
     expect_refused(node("MaxPool", {{"kernel_shape", Ints{5, 5}}}),
-                   "no maximum pooling of window 5x5");
+                   "a kernel of 2x2, 3x3, 1x4 or 2x4 for maximum pooling");
     expect_refused(node("AveragePool", {{"kernel_shape", Ints{3, 3}}, {"pads", Ints{1, 1, 1, 1}}}),
-                   "counts the padding of an average");
-    expect_refused(node("GlobalAveragePool", {}), "no average pooling of window 16x16");
+                   "an average with padding");
+    expect_refused(
+        node("GlobalAveragePool", {}),
+        "a kernel of 2x2, 3x3, 4x4, 7x7 or 8x8 for average pooling on the GPU engine, found "
+        "16x16");
     expect_accepted(node("Sigmoid", {}));
-    expect_refused(node("Tanh", {}), "another activation");
+    expect_refused(
+        node("Tanh", {}),
+        "expected an activation of kind 2, 4, 8 or 9 on the GPU engine, found kind 3 (Tanh)");
     expect_accepted(node("DepthToSpace", {{"blocksize", 2}, {"mode", "CRD"}}));
     const auto join = [](int64_t first) {
         MadeModel model;
@@ -93,13 +104,51 @@ TEST(GpuRules, KnowPoolingsActivationsAndJoins) {
         return model;
     };
     expect_accepted(join(4));
-    expect_refused(join(6), "joins whole slices of four channels");
+    expect_refused(join(6), "channels in fours in all bottoms but the last");
     MadeModel recurrent;
     recurrent.input("x", {3, 1, 4}).output("y").random("w", {1, 16, 4}, 1);
     recurrent.random("r", {1, 16, 4}, 2).node("LSTM", {"x", "w", "r"}, {"y"}, {{"hidden_size", 4}});
     const Converted result = convert_only(recurrent.bytes(), both());
     ASSERT_FALSE(result.status);
     EXPECT_NE(result.status.message().find("the GPU engine has no layer"), std::string::npos);
+}
+
+// The padding of the first is in the program that both run.
+TEST(GpuRules, TwoDepthwiseKernelsOfOneNameHaveOnePadding) {
+    const auto two = [](int64_t second_padding, int64_t second_stride) {
+        MadeModel model;
+        model.input("x", {1, 8, 16, 16}).output("y").random("w", {8, 1, 3, 3}, 1);
+        model.random("v", {8, 1, 3, 3}, 2);
+        model.node("Conv", {"x", "w"}, {"c"}, {{"group", 8}, {"pads", Ints{1, 1, 1, 1}}});
+        model.node("Conv", {"c", "v"}, {"y"},
+                   {{"group", 8},
+                    {"pads", Ints(4, second_padding)},
+                    {"strides", Ints{second_stride, second_stride}}});
+        return model;
+    };
+    expect_accepted(two(1, 1));
+    expect_refused(two(0, 1), "expected the padding of layer 1, 1x1, whose program it shares");
+    expect_accepted(two(0, 2));
+}
+
+// One pixel of 224 is no whole number of halves: a half of 1/224 means 0.99997 pixels. Programs
+// that go by the image do not mind.
+TEST(GpuRules, AnOutputOfOnePixelIsWhatTheImageHas) {
+    MadeModel model;
+    model.input("x", {1, 4, 224, 224})
+        .output("y")
+        .random("w", {5, 8}, 1)
+        .random("v", {8, 4, 3, 3}, 2);
+    model.node("Conv", {"x", "v"}, {"c"}, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}});
+    for (const char* from_to : {"cd", "de", "ef", "fg"}) {
+        model.node("MaxPool", {std::string(1, from_to[0])}, {std::string(1, from_to[1])},
+                   {{"kernel_shape", Ints{2, 2}}, {"strides", Ints{2, 2}}});
+    }
+    model.node("GlobalAveragePool", {"g"}, {"h"}).node("Flatten", {"h"}, {"i"});
+    model.node("Gemm", {"i", "w"}, {"y"}, {{"transB", 1}});
+    expect_accepted(model);
+    model.node("Relu", {"y"}, {"r"}).node("Mul", {"y", "r"}, {"z"}).output("z");
+    expect_refused(model, "a half holds no factor of the base size for this width");
 }
 
 TEST(GpuRules, AConstantForEachChannelIsACentreTapThatBothEnginesHave) {

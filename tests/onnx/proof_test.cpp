@@ -3,6 +3,8 @@
 #include <modelkit/model_writer.h>
 #include <modelkit/records.h>
 
+#include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -132,6 +134,84 @@ TEST(Proof, FailsForAFileThatDoesNotRun) {
     half.resize(1000);
     prove_converted(converted, {}, false, half);
     EXPECT_FALSE(converted.status);
+}
+
+// 0 / 0 in the graph and in the engine are no agreement.
+TEST(Proof, IsNoneWhereTheGraphGivesNoNumber) {
+    MadeModel model;
+    model.input("x", {1, 2, 2, 2}).output("y").output("z").random("w", {2, 2, 1, 1}, 1);
+    model.node("Mul", {"x", "k"}, {"m"}).node("Conv", {"m", "w"}, {"y"});
+    model.floats("k", {}, {2.0f}).node("Relu", {"x"}, {"z"});
+    std::vector<float> values(8, 0.5f);
+    expect_proof(
+        convert_and_prove(model.bytes(), {{"x", Tensor::of_floats({1, 2, 2, 2}, values)}}));
+    for (const float none :
+         {std::numeric_limits<float>::quiet_NaN(), -std::numeric_limits<float>::quiet_NaN()}) {
+        values[3] = none;
+        const Converted converted =
+            convert_and_prove(model.bytes(), {{"x", Tensor::of_floats({1, 2, 2, 2}, values)}});
+        ASSERT_FALSE(converted.status) << "was proven";
+        EXPECT_EQ(converted.status.message(), "the output \"y\" is not a number in the graph");
+    }
+}
+
+// One infinite number may not make the bound of all others infinite.
+TEST(Proof, HoldsForInfiniteNumbersOnlyWhereBothAreInfinite) {
+    MadeModel model;
+    model.input("x", {1, 1, 2, 2}).output("y").node("Relu", {"x"}, {"y"});
+    const float endless = std::numeric_limits<float>::infinity();
+    const std::map<std::string, Tensor> inputs = {
+        {"x", Tensor::of_floats({1, 1, 2, 2}, {endless, 1, -2, 3})}};
+    Converted converted = convert_and_prove(model.bytes(), inputs);
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    EXPECT_TRUE(converted.proof.holds());
+    EXPECT_EQ(converted.proof.outputs[0].largest, 3);
+    EXPECT_LE(converted.proof.outputs[0].bound, 1e-5);
+    prove_converted(converted, inputs, false,
+                    changed(
+                        converted,
+                        [](ZQLayerInfo& record) {
+                            static_cast<ZQLayerInfo_Activation&>(record).activation_type =
+                                ActivationType_ReLU6;
+                        },
+                        1));
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    EXPECT_FALSE(converted.proof.holds());
+}
+
+MadeModel mean_of(const char* type, const std::vector<int64_t>& dims, int64_t kernel) {
+    MadeModel model;
+    model.input("x", dims).output("y");
+    if (std::string(type) == "AveragePool") {
+        model.node(type, {"x"}, {"y"}, {{"kernel_shape", std::vector<int64_t>{kernel, kernel}}});
+    } else if (std::string(type) == "ReduceMean") {
+        model.node(type, {"x"}, {"y"}, {{"axes", std::vector<int64_t>{2, 3}}});
+    } else {
+        model.node(type, {"x"}, {"y"});
+    }
+    return model;
+}
+
+// A chain of 65536 sums of the same number leans one way with all its roundings.
+TEST(Proof, HoldsForMeansOfLargeMaps) {
+    for (const char* type : {"GlobalAveragePool", "ReduceMean", "AveragePool"}) {
+        const int64_t side = std::string(type) == "AveragePool" ? 130 : 256;
+        MadeModel model = mean_of(type, {1, 2, side, side}, 128);
+        const auto count = static_cast<size_t>(2 * side * side);
+        const std::vector<float> fills[] = {std::vector<float>(count, 0.1f),
+                                            std::vector<float>(count, -0.7f),
+                                            testing_support::uniform_fill(3, 0.0, 1.0, count),
+                                            testing_support::uniform_fill(4, -1.0, 1.0, count)};
+        for (const std::vector<float>& values : fills) {
+            SCOPED_TRACE(std::string(type) + " " + std::to_string(values[0]));
+            const Converted converted = convert_and_prove(
+                model.bytes(), {{"x", Tensor::of_floats({1, 2, side, side}, values)}});
+            expect_proof(converted);
+            // n * 2^-24 of the mean magnitude, which is no more than the largest, twice.
+            const double n = std::string(type) == "AveragePool" ? 128 * 128 : 256 * 256;
+            EXPECT_LE(converted.proof.outputs[0].bound, 2.1 * (n + 8) * 0x1p-24);
+        }
+    }
 }
 
 }  // namespace
