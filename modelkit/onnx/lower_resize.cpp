@@ -53,6 +53,8 @@ enum class Step { Keep, Repeat, Thin, Other };
 
 /// What nearest neighbours are along an axis: each input some times, or every so manieth input.
 Step nearest_step(const ResizedAxis& axis, const std::string& rounding, int& offset) {
+    // An axis that is not resized stays, whatever its rule would make of a factor of 1.
+    if (axis.in == axis.out && axis.scale == 1.0) return Step::Keep;
     const int times = growth(axis);
     const int stride = shrinkage(axis);
     bool repeats = times > 0;
@@ -121,10 +123,10 @@ void Lowering::resize() {
         if (given != nullptr && given->size() > 0) scales = given->numbers();
         if (scales.empty()) sizes = required(3, "sizes").integers();
     }
-    require(
-        corner == "half_pixel" || corner == "pytorch_half_pixel" || corner == "asymmetric" ||
-            corner == "align_corners" || corner == "tf_half_pixel_for_nn",
-        "a coordinate_transformation_mode without a region expected, found " + in_quotes(corner));
+    require(corner == "half_pixel" || corner == "pytorch_half_pixel" || corner == "asymmetric" ||
+                corner == "align_corners" || (corner == "tf_half_pixel_for_nn" && graph.opset < 13),
+            "a coordinate_transformation_mode of operator set " + std::to_string(graph.opset) +
+                " without a region expected, found " + in_quotes(corner));
     require(rounding == "floor" || rounding == "ceil" || rounding == "round_prefer_floor" ||
                 rounding == "round_prefer_ceil",
             "a nearest_mode that ONNX knows expected, found " + in_quotes(rounding));
@@ -137,7 +139,10 @@ void Lowering::resize() {
             sizes.empty() ? scales[i]
                           : static_cast<double>(sizes[i]) / static_cast<double>(data.dims[i]);
         require(std::isfinite(scale) && scale > 0, "scales above 0 expected");
-        const double size = sizes.empty() ? std::floor(static_cast<double>(data.dims[i]) * scale)
+        // The product is one of floats, the type of the scales: 10 times 0.7 is 7, not a little
+        // less.
+        const float product = static_cast<float>(data.dims[i]) * static_cast<float>(scale);
+        const double size = sizes.empty() ? std::floor(static_cast<double>(product))
                                           : static_cast<double>(sizes[i]);
         require(size >= 1 && size <= 65535, "sides of 1 to 65535 expected");
         dims[i] = static_cast<int64_t>(size);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <modelkit/names.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -126,6 +127,29 @@ TEST_F(Convert, DataThatDoesNotFitIsRefusedAndNothingIsWritten) {
                    {"expected 1 files of --data"});
     expect_refusal(convert({"--data", other / "none.npy"}), 1, {"none.npy"});
     expect_nothing_written();
+}
+
+TEST_F(Convert, DataOfWhichTheGraphMakesNoNumberIsNoProof) {
+    const Folder other;
+    std::vector<float> values(144, 0.5f);
+    values[70] = std::numeric_limits<float>::quiet_NaN();
+    write_file(other / "x.npy", npy_file("<f4", "(3, 8, 6)", raw(values)));
+    expect_refusal(convert({"--data", other / "x.npy"}), 1,
+                   {"net.onnx: no proof: the output \"map\" is not a number in the graph"});
+    expect_nothing_written();
+}
+
+TEST_F(Convert, ACastThatRoundsIsANote) {
+    MadeModel model;
+    model.input("x", {1, 3, 4, 4}).output("y");
+    model.node("Cast", {"x"}, {"half"}, {{"to", static_cast<int>(onnx::TensorProto::FLOAT16)}});
+    model.node("Relu", {"half"}, {"y"});
+    write_file(input, model.bytes());
+    const Outcome outcome = convert();
+    expect_success(outcome);
+    EXPECT_NE(outcome.out.find("note: node \"half\": the cast to float16 is left out"),
+              std::string::npos)
+        << outcome.out;
 }
 
 TEST_F(Convert, WhatCannotBeConvertedIsOneLineAndNoFile) {

@@ -1,0 +1,457 @@
+// Attributes and forms row by row of the table in docs/converting.md, where no other test has them:
+// which layers they make, what is noted and what is refused.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "onnx/rewritten.h"
+
+namespace {
+
+using namespace onnx_test;
+
+void expect_kinds(const MadeModel& model, const Kinds& kinds) {
+    const Converted result = convert_and_prove(model.bytes());
+    expect_proof(result);
+    EXPECT_EQ(result.kinds(), kinds);
+}
+
+void expect_refused(const MadeModel& model, const std::string& node, const std::string& reason) {
+    expect_refusal(convert_only(model.bytes()), "node \"" + node, reason);
+}
+
+// 0, 1, 2 and so on.
+Tensor ascending(const Ints& dims) {
+    size_t count = 1;
+    for (const int64_t size : dims) count *= static_cast<size_t>(size);
+    std::vector<float> values(count);
+    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i);
+    return Tensor::of_floats(dims, values);
+}
+
+TEST(ConvAttributes, ThreeDimensionsAndComputedWeightsAreRefused) {
+    MadeModel solid;
+    solid.input("x", {1, 2, 4, 4}).output("y").integers("s", {1, 2, 2, 2, 4});
+    solid.random("w", {3, 2, 2, 2, 2}, 1).node("Reshape", {"x", "s"}, {"r"});
+    solid.node("Conv", {"r", "w"}, {"y"});
+    expect_refused(solid, "y\" (Conv)", "expected, found [1, 2, 2, 2, 4]");
+    for (const char* type : {"Conv", "ConvTranspose"}) {
+        MadeModel computed;
+        computed.input("x", {1, 2, 4, 4}).input("w", {1, 2, 3, 3}).output("y");
+        computed.node("Conv", {"x", "w"}, {"y"});
+        computed.graph().mutable_node(0)->set_op_type(type);
+        expect_refused(computed, std::string("y\" (") + type, "weights expected to be constant");
+    }
+}
+
+TEST(BatchNormalizationAttributes, GoesIntoAGemm) {
+    MadeModel model;
+    model.input("x", {1, 8}).output("y").random("w", {8, 4}, 1).random("scale", {4}, 2);
+    model.random("bias", {4}, 3).random("mean", {4}, 4).floats("variance", {4}, {0.5f, 1, 2, 3});
+    model.node("Gemm", {"x", "w"}, {"g"});
+    model.node("BatchNormalization", {"g", "scale", "bias", "mean", "variance"}, {"y"});
+    expect_kinds(model, {"FullConnection"});
+}
+
+TEST(BatchNormalizationAttributes, TrainingAndComputedStatisticsAreRefused) {
+    const auto model = [](int opset, bool computed, const std::vector<With>& attributes) {
+        MadeModel result(opset);
+        result.input("x", {1, 2, 4, 4}).output("y").random("scale", {2}, 1).random("bias", {2}, 2);
+        result.random("mean", {2}, 3);
+        if (computed) {
+            result.input("variance", {2});
+        } else {
+            result.floats("variance", {2}, {1, 2});
+        }
+        result.node("BatchNormalization", {"x", "scale", "bias", "mean", "variance"}, {"y"},
+                    attributes);
+        return result;
+    };
+    expect_proof(convert_and_prove(model(15, false, {{"training_mode", 0}}).bytes()));
+    const char* reason = "a batch normalisation of constants, not in training, expected";
+    expect_refused(model(15, false, {{"training_mode", 1}}), "y\" (BatchNormalization)", reason);
+    expect_refused(model(15, true, {}), "y\" (BatchNormalization)", reason);
+    expect_refused(model(8, false, {{"spatial", 0}}), "y\" (BatchNormalization)", reason);
+}
+
+TEST(ActivationAttributes, AreFusedIntoTheLayerBefore) {
+    const std::pair<const char*, std::vector<With>> activations[] = {
+        {"Relu", {}},
+        {"Sigmoid", {}},
+        {"Tanh", {}},
+        {"LeakyRelu", {{"alpha", 0.1}}},
+        {"Clip", {{"min", 0.0}, {"max", 6.0}}}};
+    for (const auto& [type, attributes] : activations) {
+        SCOPED_TRACE(type);
+        MadeModel model(10);
+        model.input("x", {1, 3, 4, 4}).output("y").random("w", {4, 3, 1, 1}, 1);
+        model.node("Conv", {"x", "w"}, {"c"}).node(type, {"c"}, {"y"}, attributes);
+        expect_kinds(model, {"Conv2D"});
+    }
+}
+
+TEST(ActivationAttributes, LimitsOfTheEnginesExponentialsAreNoted) {
+    for (const bool fused : {false, true}) {
+        MadeModel model;
+        model.input("x", {1, 3, 4, 4}).output("y").random("w", {3, 3, 1, 1}, 1);
+        if (fused) model.node("Conv", {"x", "w"}, {"c"});
+        model.node("Tanh", {fused ? "c" : "x"}, {"y"});
+        expect_note(convert_and_prove(model.bytes()),
+                    "node \"y\": the engine's Tanh gives NaN where its input is beyond 88.7");
+    }
+    expect_note(
+        convert_and_prove(one_node("Softmax", {1, 5}).bytes()),
+        "node \"y\": the engine's SoftMax subtracts no maximum: inputs above 88.7 give NaN");
+    const Converted none = convert_and_prove(one_node("Sigmoid", {1, 3, 4, 4}).bytes());
+    expect_proof(none);
+    EXPECT_TRUE(none.conversion.notes.empty());
+}
+
+TEST(SumAttributes, TenTensorsAreOneLayerAndElevenAreRefused) {
+    for (const int count : {2, 10, 11}) {
+        MadeModel model;
+        std::vector<std::string> names;
+        for (int i = 0; i < count; ++i) {
+            names.push_back("x" + std::to_string(i));
+            model.input(names.back(), {1, 2, 3, 3});
+        }
+        model.output("y").node("Sum", names, {"y"});
+        if (count <= 10) {
+            expect_kinds(model, {"ElementWiseOperator"});
+        } else {
+            expect_refused(model, "y\" (Sum)", "2 to 10 tensors expected, found 11");
+        }
+    }
+}
+
+TEST(PoolingAttributes, IndicesOfMaximaAreRefusedWhereTheyAreRead) {
+    for (const bool read : {false, true}) {
+        MadeModel model;
+        model.input("x", {1, 2, 4, 4}).output("y");
+        model.node("MaxPool", {"x"}, {"y", "at"}, {{"kernel_shape", Ints{2, 2}}});
+        if (!read) {
+            expect_kinds(model, {"Pooling"});
+            continue;
+        }
+        model.output("at");
+        expect_refused(model, "y\" (MaxPool)", "the indices of the maxima are not supported");
+    }
+}
+
+TEST(ReduceMeanAttributes, OtherAxesThanRowsAndColumnsAreRefused) {
+    for (const Ints& axes : {Ints{1}, Ints{2}, Ints{3}, Ints{1, 2, 3}, Ints{0}, Ints{-3, -1}}) {
+        expect_refused(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), "y\" (ReduceMean)",
+                       "a mean over all rows and columns expected");
+    }
+    expect_refused(one_node("ReduceMean", {1, 2, 4, 4}), "y\" (ReduceMean)",
+                   "a mean over all rows");
+    for (const Ints& axes : {Ints{2, 3}, Ints{-1, 2}, Ints{-2, -1}}) {
+        expect_kinds(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), {"Pooling"});
+    }
+}
+
+MadeModel resized(const Ints& dims, const std::vector<float>& scales,
+                  const std::vector<With>& attributes, int opset = 13) {
+    MadeModel model(opset);
+    model.input("x", dims).output("y").floats("s", {static_cast<int64_t>(scales.size())}, scales);
+    model.node("Resize", {"x", "", "s"}, {"y"}, attributes);
+    return model;
+}
+
+MadeModel sized(const Ints& dims, const Ints& sizes, const std::vector<With>& attributes,
+                int opset) {
+    MadeModel model(opset);
+    model.input("x", dims).output("y").integers("s", sizes).floats("none", {0}, {});
+    model.node("Resize", {"x", "none", "none", "s"}, {"y"}, attributes);
+    return model;
+}
+
+TEST(ResizeAttributes, EveryRuleOfNearestNeighboursWithWholeAndOtherFactors) {
+    for (const char* corner : {"half_pixel", "pytorch_half_pixel", "asymmetric", "align_corners",
+                               "tf_half_pixel_for_nn"}) {
+        for (const char* rounding : {"round_prefer_floor", "round_prefer_ceil", "floor", "ceil"}) {
+            // The last rule is of sets 11 and 12 only.
+            const int opset = corner == std::string("tf_half_pixel_for_nn") ? 12 : 13;
+            const std::vector<With> rules = {{"mode", "nearest"},
+                                             {"coordinate_transformation_mode", corner},
+                                             {"nearest_mode", rounding}};
+            for (const Ints& sizes :
+                 {Ints{1, 2, 4, 6}, Ints{1, 2, 8, 12}, Ints{1, 2, 12, 18}, Ints{1, 2, 16, 24},
+                  Ints{1, 2, 2, 3}, Ints{1, 2, 5, 9}, Ints{1, 2, 3, 5}, Ints{1, 2, 1, 1}}) {
+                SCOPED_TRACE(std::string(corner) + " " + rounding + " " +
+                             modelkit::onnx::text_of(sizes));
+                expect_proof(convert_and_prove(sized({1, 2, 4, 6}, sizes, rules, opset).bytes()));
+            }
+        }
+    }
+}
+
+TEST(ResizeAttributes, ScalesMeanTheSizesThatTheirFloatsGive) {
+    for (const float scale : {0.7f, 1.1f, 0.3f, 2.9f}) {
+        const MadeModel model =
+            resized({1, 2, 10, 10}, {1, 1, scale, scale}, {{"mode", "nearest"}});
+        const Converted result = convert_and_prove(model.bytes());
+        expect_proof(result);
+        const auto side = static_cast<int64_t>(std::lround(10 * scale));
+        EXPECT_EQ(result.conversion.value_dims.at("y"), (Ints{1, 2, side, side}));
+    }
+}
+
+TEST(ResizeAttributes, FactorsThatAreTheEnginesOwnAreOneLayer) {
+    const Ints dims = {1, 2, 4, 6};
+    for (const float factor : {2.0f, 4.0f}) {
+        expect_kinds(resized(dims, {1, 1, factor, factor},
+                             {{"mode", "nearest"},
+                              {"coordinate_transformation_mode", "asymmetric"},
+                              {"nearest_mode", "floor"}}),
+                     {"Upsampling"});
+    }
+    for (const char* corner : {"half_pixel", "pytorch_half_pixel"}) {
+        expect_kinds(resized(dims, {1, 1, 2, 2},
+                             {{"mode", "linear"}, {"coordinate_transformation_mode", corner}}),
+                     {"Upsampling"});
+    }
+    for (const float factor : {2.0f, 4.0f, 8.0f}) {
+        expect_kinds(
+            resized(dims, {1, 1, factor, factor},
+                    {{"mode", "linear"}, {"coordinate_transformation_mode", "align_corners"}}),
+            {"Upsampling"});
+    }
+}
+
+TEST(ResizeAttributes, WhatNoLayersGiveIsRefused) {
+    const Ints dims = {1, 2, 4, 6};
+    const std::vector<float> twice = {1, 1, 2, 2};
+    expect_refused(resized(dims, twice, {{"mode", "cubic"}}), "y\" (Resize)",
+                   "mode nearest or linear expected, found \"cubic\"");
+    for (const char* mode : {"nearest", "linear"}) {
+        MadeModel region =
+            resized(dims, twice,
+                    {{"mode", mode}, {"coordinate_transformation_mode", "tf_crop_and_resize"}});
+        region.floats("roi", {8}, {0, 0, 0, 0, 1, 1, 0.5f, 0.5f});
+        region.graph().mutable_node(0)->set_input(1, "roi");
+        expect_refused(
+            region, "y\" (Resize)",
+            "a coordinate_transformation_mode of operator set 13 without a region expected");
+    }
+    const std::vector<With> for_nearest = {
+        {"mode", "linear"}, {"coordinate_transformation_mode", "tf_half_pixel_for_nn"}};
+    expect_refused(resized(dims, twice, for_nearest, 12), "y\" (Resize)",
+                   "half_pixel, asymmetric or align_corners expected for mode linear");
+    expect_refused(resized(dims, twice, for_nearest, 13), "y\" (Resize)",
+                   "of operator set 13 without a region expected, found \"tf_half_pixel_for_nn\"");
+    expect_refused(resized(dims, twice, {{"mode", "nearest"}, {"nearest_mode", "up"}}),
+                   "y\" (Resize)", "a nearest_mode that ONNX knows expected");
+    expect_refused(resized(dims, {1, 1, 1.5f, 1.5f}, {{"mode", "linear"}}), "y\" (Resize)",
+                   "a whole factor expected, found 4 to 6 pixels");
+    expect_refused(resized(dims, {1, 2, 2, 2}, {{"mode", "nearest"}}), "y\" (Resize)",
+                   "a scale of 1 for batch and channels expected");
+    expect_refused(resized(dims, {1, 1, 0, 2}, {{"mode", "nearest"}}), "y\" (Resize)",
+                   "scales above 0 expected");
+    expect_refused(
+        resized(dims, {1, 1, 2, 4},
+                {{"mode", "linear"}, {"coordinate_transformation_mode", "align_corners"}}),
+        "y\" (Resize)", "align_corners with one factor of 2, 4 or 8");
+}
+
+TEST(DenseAttributes, AComputedFactorIsRefusedAndATurnedVectorIsTheVector) {
+    for (const int64_t turned : {0, 1}) {
+        MadeModel computed;
+        computed.input("x", {1, 1}).input("w", {1, 1}).output("y");
+        computed.node("Gemm", {"x", "w"}, {"y"}, {{"transA", turned}});
+        expect_refused(computed, "y\" (Gemm)", "weights expected to be constant");
+    }
+    MadeModel product;
+    product.input("x", {1, 4}).input("w", {4, 4}).output("y");
+    product.node("MatMul", {"x", "w"}, {"y"});
+    expect_refused(product, "y\" (MatMul)", "the second factor expected to be constant");
+    MadeModel column;
+    column.input("x", {8, 1}).output("y").random("w", {8, 4}, 1);
+    column.node("Gemm", {"x", "w"}, {"y"}, {{"transA", 1}});
+    expect_proof(convert_and_prove(column.bytes()));
+}
+
+TEST(DenseAttributes, AnAddBehindAMatMulIsItsBias) {
+    MadeModel model;
+    model.input("x", {1, 8}).output("y").random("w", {8, 4}, 1).random("b", {4}, 2);
+    model.node("MatMul", {"x", "w"}, {"m"}).node("Add", {"b", "m"}, {"s"});
+    model.node("Relu", {"s"}, {"y"});
+    expect_kinds(model, {"FullConnection", "Activation"});
+}
+
+// One LSTM of 3 inputs and 4 hidden values over 2 steps; `inputs` behind the recurrent weights.
+MadeModel recurrent(const std::vector<std::string>& inputs, const std::vector<With>& attributes,
+                    const std::vector<std::string>& outputs = {"y"}, int opset = 13) {
+    MadeModel model(opset);
+    model.input("x", {2, 1, 3}).random("w", {1, 16, 3}, 1, 0.5).random("r", {1, 16, 4}, 2, 0.5);
+    model.random("p", {1, 12}, 3).integers("whole", {2}).integers("short", {1});
+    model.floats("zeros", {1, 1, 4}, {0, 0, 0, 0}).floats("ones", {1, 1, 4}, {1, 1, 1, 1});
+    std::vector<std::string> all = {"x", "w", "r"};
+    all.insert(all.end(), inputs.begin(), inputs.end());
+    std::vector<With> with = attributes;
+    with.emplace_back("hidden_size", 4);
+    model.node("LSTM", all, outputs, with);
+    for (const std::string& output : outputs) {
+        if (!output.empty()) model.output(output);
+    }
+    return model;
+}
+
+With names(const char* attribute, const std::vector<std::string>& values) {
+    With with(attribute, 0);
+    with.proto.set_type(onnx::AttributeProto::STRINGS);
+    with.proto.clear_i();
+    for (const std::string& value : values) with.proto.add_strings(value);
+    return with;
+}
+
+TEST(LstmAttributes, TheDefaultsSpelledOutAreTheDefaults) {
+    expect_kinds(recurrent({}, {}), {"LSTM"});
+    expect_kinds(recurrent({"", "whole"}, {}), {"LSTM"});
+    expect_kinds(recurrent({"", "", "zeros", "zeros"}, {{"input_forget", 0}}), {"LSTM"});
+    expect_kinds(recurrent({}, {names("activations", {"Sigmoid", "Tanh", "Tanh"})}), {"LSTM"});
+    expect_kinds(recurrent({}, {{"layout", 0}}, {"y"}, 14), {"LSTM"});
+    expect_note(convert_and_prove(recurrent({}, {}).bytes()),
+                "the engine keeps hidden and cell state from run to run");
+}
+
+TEST(LstmAttributes, WhatTheEngineHasNotIsRefusedByItsName) {
+    const auto refused = [](const MadeModel& model, const std::string& reason) {
+        expect_refused(model, "y\" (LSTM)", reason);
+    };
+    refused(recurrent({}, {names("activations", {"Sigmoid", "Relu", "Tanh"})}),
+            "the activations Sigmoid, Tanh, Tanh expected, found \"Relu\"");
+    refused(recurrent({}, {names("activations", {"HardSigmoid", "Tanh", "Tanh"})}),
+            "found \"HardSigmoid\"");
+    refused(recurrent({}, {{"activation_alpha", std::vector<float>{0.2f}}}),
+            "no attribute activation_alpha expected");
+    refused(recurrent({}, {{"activation_beta", std::vector<float>{0.5f}}}),
+            "no attribute activation_beta expected");
+    refused(recurrent({}, {{"clip", 3.0}}), "no attribute clip expected");
+    refused(recurrent({}, {{"input_forget", 1}}), "input_forget 0 expected");
+    refused(recurrent({"", "", "", "", "p"}, {}), "peepholes are not supported");
+    refused(recurrent({"", "short"}, {}), "a sequence length of all 2 time steps expected");
+    refused(recurrent({"", "", "ones"}, {}), "an initial state of zeros expected");
+    refused(recurrent({"", "", "zeros", "ones"}, {}), "an initial state of zeros expected");
+    refused(recurrent({}, {{"layout", 1}}, {"y"}, 14), "layout 0 expected");
+    refused(recurrent({}, {{"direction", "backward"}}), "found \"backward\"");
+    refused(recurrent({}, {}, {"y", "", "cell"}), "the last cell state is not supported");
+}
+
+TEST(TransposeAttributes, BlocksOfPixelsAsExportersSpellThemAreOneLayer) {
+    MadeModel to_space;
+    to_space.input("x", {1, 8, 3, 2}).output("y").integers("a", {1, 2, 2, 2, 3, 2});
+    to_space.integers("b", {1, 2, 6, 4}).node("Reshape", {"x", "a"}, {"1"});
+    to_space.node("Transpose", {"1"}, {"2"}, {{"perm", Ints{0, 1, 4, 2, 5, 3}}});
+    to_space.node("Reshape", {"2", "b"}, {"y"});
+    expect_kinds(to_space, {"PixelShuffle"});
+    MadeModel to_depth;
+    to_depth.input("x", {1, 2, 6, 4}).output("y").integers("a", {1, 2, 3, 2, 2, 2});
+    to_depth.integers("b", {1, 8, 3, 2}).node("Reshape", {"x", "a"}, {"1"});
+    to_depth.node("Transpose", {"1"}, {"2"}, {{"perm", Ints{0, 1, 3, 5, 2, 4}}});
+    to_depth.node("Reshape", {"2", "b"}, {"y"});
+    expect_kinds(to_depth, {"PixelShuffle"});
+}
+
+TEST(TransposeAttributes, OfDimensionsOfOneThereIsNoLayer) {
+    MadeModel model;
+    model.input("x", {1, 5, 1, 4}).output("y");
+    model.node("Transpose", {"x"}, {"t"}, {{"perm", Ints{0, 2, 1, 3}}}).node("Relu", {"t"}, {"y"});
+    expect_kinds(model, {"Activation"});
+    expect_refused(one_node("Transpose", {1, 3, 4, 5}, {{"perm", Ints{0, 2, 3, 1}}}),
+                   "y\" (Transpose)", "a permutation that leaves pixels where they are");
+    expect_refused(one_node("Transpose", {1, 3, 4, 5}, {{"perm", Ints{0, 1, 1, 3}}}),
+                   "y\" (Transpose)", "a permutation of all dimensions expected");
+}
+
+TEST(PadAttributes, OtherModesAndAxesAreRefused) {
+    const auto pad = [](const Ints& pads, const char* mode) {
+        MadeModel model;
+        model.input("x", {1, 2, 3, 3}).output("y").integers("p", pads);
+        return std::move(model.node("Pad", {"x", "p"}, {"y"}, {{"mode", mode}}));
+    };
+    expect_refused(pad({0, 0, 1, 1, 0, 0, 1, 1}, "wrap"), "y\" (Pad)",
+                   "mode constant, edge or reflect expected, found \"wrap\"");
+    expect_refused(pad({0, 1, 0, 0, 0, 0, 0, 0}, "constant"), "y\" (Pad)",
+                   "pads for rows and columns only expected");
+    expect_refused(pad({0, 0, 0, 0, 1, 0, 0, 0}, "constant"), "y\" (Pad)",
+                   "pads for rows and columns only expected");
+    expect_refused(pad({0, 0, 3, 0, 0, 0, 0, 0}, "reflect"), "y\" (Pad)",
+                   "a reflection of at most the tensor expected");
+    MadeModel computed;
+    computed.input("x", {1, 2, 3, 3}).input("p", {8}).output("y");
+    computed.node("Pad", {"x", "p"}, {"y"});
+    expect_refused(computed, "y\" (Pad)", "constant pads for all axes expected");
+}
+
+MadeModel sliced(const Ints& dims, const Ints& starts, const Ints& ends, const Ints& axes,
+                 const Ints& steps) {
+    MadeModel model;
+    model.input("x", dims).output("y").integers("s", starts).integers("e", ends);
+    model.integers("a", axes).integers("t", steps);
+    model.node("Slice", {"x", "s", "e", "a", "t"}, {"y"});
+    return model;
+}
+
+TEST(SliceAttributes, StepsForwardAlongEachAxis) {
+    const Ints dims = {1, 3, 4, 5};
+    const auto gives = [&](const Ints& starts, const Ints& ends, const Ints& axes,
+                           const Ints& steps, const Numbers& numbers) {
+        expect_numbers(convert_and_prove(sliced(dims, starts, ends, axes, steps).bytes(),
+                                         {{"x", ascending(dims)}}),
+                       numbers);
+    };
+    // Channel c, row y, column x is 20 c + 5 y + x.
+    gives({0, 0, 0}, {9, 1, 1}, {1, 2, 3}, {2, 1, 1}, {0, 40});
+    gives({1, 0, 1}, {2, 4, 2}, {1, 2, 3}, {1, 3, 1}, {21, 36});
+    gives({-1, -1, -4}, {9, 9, -1}, {-3, -2, -1}, {1, 1, 2}, {56, 58});
+    gives({2, 3, 0}, {3, 4, 5}, {1, 2, 3}, {1, 1, 4}, {55, 59});
+}
+
+TEST(SliceAttributes, StepsBackwardAndNothingAreRefused) {
+    const Ints dims = {1, 3, 4, 5};
+    for (const int64_t axis : {1, 2, 3}) {
+        expect_refused(sliced(dims, {-1}, {-9}, {axis}, {-1}), "y\" (Slice)",
+                       "steps forward expected, found -1");
+        expect_refused(sliced(dims, {0}, {9}, {axis}, {0}), "y\" (Slice)",
+                       "steps forward expected, found 0");
+        expect_refused(sliced(dims, {2}, {2}, {axis}, {1}), "y\" (Slice)",
+                       "at least one element to stay expected");
+    }
+}
+
+TEST(SplitAttributes, PartsThatDoNotMakeUpTheTensorAreRefused) {
+    const auto split = [](const Ints& parts) {
+        MadeModel model;
+        model.input("x", {1, 4, 2, 2}).output("a").output("b").integers("p", parts);
+        return std::move(model.node("Split", {"x", "p"}, {"a", "b"}, {{"axis", 1}}));
+    };
+    expect_proof(convert_and_prove(split({1, 3}).bytes()));
+    expect_refused(split({1, 2}), "a\" (Split)", "parts that make up 4 expected");
+    expect_refused(split({3, 2}), "a\" (Split)", "parts that make up 4 expected");
+    expect_refused(split({2, 1, 1}), "a\" (Split)", "one size for each output expected");
+}
+
+TEST(DropoutAttributes, InTrainingOrWithItsMaskItIsRefused) {
+    const auto dropout = [](bool training, bool mask) {
+        MadeModel model;
+        model.input("x", {1, 2, 3, 3}).output("y").floats("ratio", {}, {0.5f});
+        auto& flag = *model.graph().add_initializer();
+        flag.set_name("training");
+        flag.set_data_type(onnx::TensorProto::BOOL);
+        flag.add_int32_data(training ? 1 : 0);
+        if (mask) model.output("mask");
+        model.node("Dropout", {"x", "ratio", "training"}, {"d", "mask"});
+        return std::move(model.node("Relu", {"d"}, {"y"}));
+    };
+    expect_kinds(dropout(false, false), {"Activation"});
+    expect_refused(dropout(true, false), "d\" (Dropout)",
+                   "a dropout that is not in training expected");
+    expect_refused(dropout(false, true), "d\" (Dropout)", "the mask of a dropout is not supported");
+}
+
+}  // namespace
