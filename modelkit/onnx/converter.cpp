@@ -7,6 +7,7 @@
 #include "modelkit/onnx/evaluator.h"
 #include "modelkit/onnx/lowering.h"
 #include "modelkit/onnx/passes.h"
+#include "modelkit/onnx/refusal.h"
 
 namespace modelkit::onnx {
 
@@ -61,7 +62,8 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     const Status forms = check_forms(graph);
     if (!forms) return forms;
     try {
-        simplify(graph);
+        ConstantFolder folder(graph);
+        simplify(graph, folder);
         if (graph.nodes.size() > MOST_LAYERS) {
             return Status::failure("has " + std::to_string(graph.nodes.size()) +
                                    " nodes that compute, expected at most " +
@@ -76,7 +78,7 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
         }
         if (options.keep_rounded) result.rounded = graph;
         Emitter emitter(header, options.engines);
-        Lowering lowering(graph, emitter, options.keep_rounded ? &result.rounded : nullptr);
+        Lowering lowering(graph, folder, emitter, options.keep_rounded ? &result.rounded : nullptr);
         const Status lowered = lowering.run(shapes);
         if (!lowered) return lowered;
 
@@ -107,6 +109,9 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
                       const int y = result.value_layers[b];
                       return x != y ? x < y : a < b;
                   });
+    } catch (const Refusal& refusal) {
+        result = Conversion();
+        return Status::failure(refusal.text);
     } catch (const std::bad_alloc&) {
         result = Conversion();
         return Status::failure("out of memory");

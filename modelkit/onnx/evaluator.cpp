@@ -283,8 +283,14 @@ Status failure_of(const Node& node, const std::string& reason) {
 
 Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
                 std::map<std::string, Tensor>& values, const EvaluationLimits& limits) {
-    values.clear();
     EvaluationLimits left = limits;
+    return evaluate_within(left, graph, inputs, values);
+}
+
+Status evaluate_within(EvaluationLimits& left, const Graph& graph,
+                       const std::map<std::string, Tensor>& inputs,
+                       std::map<std::string, Tensor>& values) {
+    values.clear();
     const Status taken = take_inputs(graph, inputs, values);
     if (!taken) return taken;
     for (const Node& node : graph.nodes) {

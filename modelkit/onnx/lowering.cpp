@@ -36,8 +36,8 @@ std::vector<float> floats_of(const Tensor& tensor) {
     return values;
 }
 
-Lowering::Lowering(Graph& graph, Emitter& emitter, Graph* rounded)
-    : graph(graph), emitter(emitter), rounded(rounded), uses(graph) {}
+Lowering::Lowering(Graph& graph, ConstantFolder& folder, Emitter& emitter, Graph* rounded)
+    : graph(graph), folder(folder), emitter(emitter), rounded(rounded), uses(graph) {}
 
 const std::unordered_map<std::string, Lowering::Handler>& Lowering::handlers() {
     static const std::unordered_map<std::string, Handler> all = {
@@ -156,6 +156,7 @@ void Lowering::lower_node(size_t index) {
     for (const std::string& input : node().inputs) reads_value |= made.count(input) != 0;
     require(reads_value, "constants that cannot be computed");
     (this->*handler->second)();
+    folder.release_inputs(graph.nodes[index]);
 }
 
 // Shapes are known here, so what was computed from them is constant.
@@ -177,7 +178,7 @@ bool Lowering::fold_shape() {
             graph.initializers[current.outputs[0]] =
                 Tensor::of_integers({static_cast<int64_t>(dims.size())}, dims);
         }
-    } else if (!fold_node(graph, current)) {
+    } else if (!folder.fold(current)) {
         return false;
     }
     return true;

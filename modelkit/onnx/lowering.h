@@ -51,10 +51,11 @@ struct Window2D {
 
 class Lowering {
 public:
-    /// Works on a graph after `simplify`, whose shape chains it folds as it goes. `rounded`, when
-    /// not null, is a copy of the graph, in which the constants become what the halves of the file
-    /// mean; it stays a graph that can be evaluated.
-    Lowering(Graph& graph, Emitter& emitter, Graph* rounded);
+    /// Works on a graph after `simplify`, whose shape chains it folds as it goes, and whose
+    /// constants go with their last reader. `rounded`, when not null, is a copy of the graph, in
+    /// which the constants become what the halves of the file mean; it stays a graph that can be
+    /// evaluated.
+    Lowering(Graph& graph, ConstantFolder& folder, Emitter& emitter, Graph* rounded);
 
     /// Emits the layers. `inputs` are the shapes of the graph's inputs, in its order.
     Status run(const std::vector<Dims>& inputs);
@@ -182,6 +183,7 @@ private:
     void lstm();
 
     Graph& graph;
+    ConstantFolder& folder;
     Emitter& emitter;
     Graph* rounded;
     Uses uses;

@@ -11,6 +11,8 @@ bool float_type(int64_t type) {
     return type == 1 || type == 10 || type == 11 || type == 16;
 }
 
+}  // namespace
+
 bool hands_on(const Graph& graph, const Node& node) {
     if (!node.has_input(0) || !node.has_output(0)) return false;
     if (node.op_type == "Identity") return true;
@@ -22,8 +24,6 @@ bool hands_on(const Graph& graph, const Node& node) {
     return mode != graph.initializers.end() && mode->second.size() == 1 &&
            mode->second.integer(0) == 0;
 }
-
-}  // namespace
 
 void remove_identities(Graph& graph) {
     const Uses uses(graph);
