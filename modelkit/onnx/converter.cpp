@@ -14,6 +14,9 @@ namespace modelkit::onnx {
 namespace {
 
 constexpr size_t MOST_LAYERS = 65536;
+// Weights that are spread over the groups of a convolution, or that only move numbers, stand in no
+// ONNX file. All layers together may have these and 16 times the file's own.
+constexpr int64_t MORE_WEIGHTS = int64_t{1} << 26;
 
 Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::vector<Dims>& all) {
     for (const auto& [name, dims] : options.shapes) {
@@ -77,12 +80,13 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
             break;
         }
         if (options.keep_rounded) result.rounded = graph;
-        Emitter emitter(header, options.engines);
+        Emitter emitter(header, options.engines, MORE_WEIGHTS + 16 * folder.own_elements());
+        emitter.reserve(constant_elements(graph));
         Lowering lowering(graph, folder, emitter, options.keep_rounded ? &result.rounded : nullptr);
         const Status lowered = lowering.run(shapes);
         if (!lowered) return lowered;
 
-        result.file = emitter.model().bytes();
+        result.file = emitter.take_file();
         result.layers = emitter.layers();
         result.notes = lowering.notes();
         result.slack = lowering.slack();

@@ -155,9 +155,11 @@ void Lowering::softmax() {
             "a softmax over all numbers, or over two channels, expected: the engine has none along "
             "the channels of " +
                 text_of(map.size));
-    const Blob distance =
-        emitter.conv(map, 2, Window(), {1.0f, -1.0f, -1.0f, 1.0f}, {}, ActivationType_Sigmoid);
-    give(data.dims, distance);
+    const auto distance = [](size_t row, float* to) {
+        to[row] = 1.0f;
+        to[1 - row] = -1.0f;
+    };
+    give(data.dims, emitter.conv(map, 2, Window(), distance, {}, ActivationType_Sigmoid));
 }
 
 void Lowering::affine_node() {
@@ -287,7 +289,10 @@ void Lowering::with_constant_map(size_t side) {
     Affine exact;
     const Blob one =
         emitter.affine(pad_or_crop(blob, 0, 0, 1 - size.h, 1 - size.w), {{0.0}, {1.0}}, exact);
-    const Blob map = emitter.depthwise_deconvolution(one, window, weights, {});
+    const auto painted = [&](size_t channel, float* to) {
+        std::copy_n(&weights[channel * plane], plane, to);
+    };
+    const Blob map = emitter.depthwise_deconvolution(one, window, painted, {});
     Blob left = blob;
     if (type == "Sub" && side == 1) left = emitter.affine(left, {{-1.0}, {0.0}}, exact);
     const Fused fused = fuse(fusable({2, 8}));
@@ -400,10 +405,11 @@ void Lowering::concat() {
     int first = 0;
     for (size_t i = 0; i < 2; ++i) {
         const int channels = blobs[i].size.c;
-        std::vector<float> weights(static_cast<size_t>(both) * static_cast<size_t>(channels));
-        for (int c = 0; c < channels; ++c) {
-            weights[static_cast<size_t>((first + c) * channels + c)] = 1.0f;
-        }
+        const auto weights = [=](size_t row, float* to) {
+            const int channel = static_cast<int>(row) - first;
+            std::fill_n(to, channels, 0.0f);
+            if (channel >= 0 && channel < channels) to[channel] = 1.0f;
+        };
         Blob blob = emitter.conv(blobs[i], both, Window(), weights, {}, 0);
         blob.range = blobs[i].range.with(0.0);
         spread.push_back(blob);

@@ -15,6 +15,7 @@
 
 #include "modelkit/onnx/emitter.h"
 #include "modelkit/onnx/graph.h"
+#include "modelkit/onnx/layer_weights.h"
 #include "modelkit/onnx/passes.h"
 #include "modelkit/onnx/refusal.h"
 #include "modelkit/status.h"
@@ -122,11 +123,10 @@ private:
     // lower_convolution.cpp
     void conv();
     void conv_transpose();
-    Blob convolve(Blob blob, int channels, const Window2D& window,
-                  const std::vector<float>& weights, const std::vector<float>& bias,
-                  int activation);
+    Blob convolve(Blob blob, int channels, const Window2D& window, const WeightRows& weights,
+                  const std::vector<float>& bias, int activation);
     Blob convolve_depthwise(Blob blob, int multiplier, const Window2D& window,
-                            const std::vector<float>& weights, const std::vector<float>& bias,
+                            const WeightRows& weights, const std::vector<float>& bias,
                             int activation);
     Window2D window_of(const Dims& dims, const Dims& kernel, bool transposed = false);
     std::vector<float> bias_of(size_t input, int channels);
@@ -134,9 +134,8 @@ private:
     // lower_dense.cpp
     void gemm();
     void matmul();
-    void dense(const Value& data, int64_t rows, int64_t inner, int outputs,
-               const std::vector<float>& weights, const std::vector<float>& bias, const Dims& dims,
-               const Fused& fused);
+    void dense(const Value& data, int64_t rows, const MatrixWeights& weights,
+               const std::vector<float>& bias, const Dims& dims, const Fused& fused);
 
     // lower_pooling.cpp
     void max_pool();
@@ -199,5 +198,7 @@ size_t axis_of(int64_t axis, size_t rank);
 /// A number that must fit 0 to 65535, the fields of the format.
 int small(int64_t value, const char* what);
 std::vector<float> floats_of(const Tensor& tensor);
+/// Weights that are the same number in rows of `length`.
+WeightRows all_of(size_t length, float number);
 
 }  // namespace modelkit::onnx

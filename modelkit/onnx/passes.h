@@ -56,6 +56,9 @@ class ConstantFolder {
 public:
     explicit ConstantFolder(Graph& graph);
 
+    /// The numbers that the file has.
+    int64_t own_elements() const { return own; }
+
     /// Computes the outputs of a node; they become initializers, floating-point ones floats. False,
     /// and nothing changes, when an input is no constant or the evaluator refuses.
     bool fold(const Node& node);

@@ -76,4 +76,76 @@ TEST(ImportLimits, AFileWithMoreNumbersMayComputeMore) {
     EXPECT_TRUE(result.status) << result.status.message();
 }
 
+// Convolutions of one weight tensor of `channels` squared, with or without normalisations.
+std::string sharing_convolutions(int count, int64_t channels, bool normalised = true) {
+    const auto size = static_cast<size_t>(channels);
+    MadeModel model;
+    model.input("x", {1, channels, 1, 1}).output("y").random("w", {channels, channels, 1, 1}, 1);
+    model.floats("ones", {channels}, std::vector<float>(size, 1.0f));
+    std::string last = "x";
+    for (int i = 0; i < count; ++i) {
+        const std::string n = std::to_string(i);
+        model.node("Conv", {last, "w"}, {"conv" + n});
+        last = "conv" + n;
+        if (!normalised) continue;
+        model.node("BatchNormalization", {last, "ones", "ones", "ones", "ones"}, {"norm" + n});
+        last = "norm" + n;
+    }
+    model.node("Relu", {last}, {"y"});
+    return model.bytes();
+}
+
+TEST(ImportLimits, WeightsThatManyLayersShareAreCopiedForSomeOfThem) {
+    // 4 * (256 * 256 + 256) + 2^20 numbers are 20 copies.
+    const Converted result = convert_only(sharing_convolutions(30, 256));
+    ASSERT_TRUE(result.status) << result.status.message();
+    int normalisations = 0;
+    for (const std::string& kind : result.kinds()) normalisations += kind == "BatchNormalization";
+    EXPECT_EQ(normalisations, 10);
+}
+
+TEST(ImportLimits, AFewLayersThatShareWeightsProveEqual) {
+    Converted result = convert_and_prove(sharing_convolutions(3, 8));
+    expect_proof(result);
+    EXPECT_EQ(result.kinds(), (std::vector<std::string>{"Conv2D", "Conv2D", "Conv2D"}));
+}
+
+TEST(ImportLimits, AllLayersTogetherHaveATotalOfWeights) {
+    ConvertOptions options;
+    options.keep_rounded = false;
+    const PeakMemory peak;
+    // 2^26 + 16 * 1049600 numbers are 79 convolutions of 1048576 weights and a bias.
+    expect_refusal(convert_only(sharing_convolutions(100, 1024, false), options), "node \"conv79\"",
+                   "at most 83902464 weights in all layers of a file of this size expected, found "
+                   "83968000");
+    // Channels moved by 4094 x 4095 weights, 512 times.
+    MadeModel model;
+    model.input("x", {1, 4095, 1, 1});
+    model.integers("one", {1}).integers("end", {4095});
+    for (int i = 0; i < 512; ++i) {
+        model.output("y" + std::to_string(i));
+        model.node("Slice", {"x", "one", "end", "one"}, {"y" + std::to_string(i)});
+    }
+    const std::string bytes = model.bytes();
+    EXPECT_LT(bytes.size(), 30000u);
+    expect_refusal(convert_only(bytes, options), "node \"y4\" (Slice)", "weights in all layers");
+    EXPECT_LT(peak.growth(), 500e6);
+}
+
+TEST(ImportLimits, GroupsAreSpreadWithoutAFurtherCopy) {
+    // 64 groups of 16 channels: 147,456 weights become 9,437,184.
+    MadeModel model;
+    model.input("x", {1, 1024, 4, 4}).output("y").random("w", {1024, 16, 3, 3}, 1, 0.1);
+    model.node("Conv", {"x", "w"}, {"y"},
+               {{"group", 64}, {"pads", std::vector<int64_t>{1, 1, 1, 1}}});
+    const std::string bytes = model.bytes();
+    ConvertOptions options;
+    options.keep_rounded = false;
+    const PeakMemory peak;
+    const Converted result = convert_only(bytes, options);
+    ASSERT_TRUE(result.status) << result.status.message();
+    ASSERT_GT(result.conversion.file.size(), 18874368u);
+    EXPECT_LT(peak.growth(), 2.0 * static_cast<double>(result.conversion.file.size()));
+}
+
 }  // namespace
