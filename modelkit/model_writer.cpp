@@ -547,6 +547,12 @@ ModelWriter::ModelWriter(const ModelHeader& header) : version(header.version) {
     append_u32(file, 0xaaaa);
 }
 
+void ModelWriter::reserve(size_t bytes) {
+    if (file.capacity() - file.size() >= bytes) return;
+    // Half as much again, so that layer after layer does not copy all before it.
+    file.reserve(std::max(file.size() + bytes, file.size() + file.size() / 2));
+}
+
 Status ModelWriter::add(const ZQLayerInfo& record) {
     return add(record, ArraySource());
 }

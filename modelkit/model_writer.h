@@ -44,8 +44,8 @@ class ModelWriter {
 public:
     explicit ModelWriter(const ModelHeader& header);
 
-    /// Room for a file of about so many bytes, so that it does not move while it grows.
-    void reserve(size_t bytes) { file.reserve(bytes); }
+    /// Room for so many bytes more, so that the file does not move while it grows by them.
+    void reserve(size_t bytes);
 
     /// Appends a record. On failure nothing is appended, and the reason names the layer, the
     /// member, what was expected and what was found. The id must be new to the file; whether the

@@ -160,6 +160,8 @@ void Emitter::take_numbers(uint64_t count) {
                 " weights in all layers of a file of this size expected, found " +
                 std::to_string(static_cast<uint64_t>(most_numbers) - numbers_left + count));
     numbers_left -= count;
+    // And a record's other fields.
+    writer.reserve(static_cast<size_t>(count) * 2 + 1024);
 }
 
 template <typename Record>

@@ -246,16 +246,19 @@ void Lowering::with_constant_map(size_t side) {
     const Extent& size = blob.size;
     require(size.elements() <= (int64_t{1} << 24),
             "at most 16777216 pixels with constants of their own, found " + text_of(size));
-    std::vector<double> shown(numbers.size());
-    std::vector<double> used(numbers.size());
-    for (size_t i = 0; i < numbers.size(); ++i) {
+    const bool negative = type == "Sub" && side == 0;
+    const auto used = [&](size_t i) {
         const double number = numbers.number(i);
-        const bool negative = type == "Sub" && side == 0;
-        used[i] = type == "Div" ? 1.0 / number : negative ? -number : number;
-        const double half = as_half(used[i]);
-        shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+        return type == "Div" ? 1.0 / number : negative ? -number : number;
+    };
+    if (rounded != nullptr) {
+        std::vector<double> shown(numbers.size());
+        for (size_t i = 0; i < shown.size(); ++i) {
+            const double half = as_half(used(i));
+            shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+        }
+        show_tensor(1 - side, Tensor::of_doubles(numbers.dims, std::move(shown)));
     }
-    show_tensor(1 - side, Tensor::of_doubles(numbers.dims, shown));
 
     // The engine's kernel begins one pixel ahead of what it leaves.
     Window window;
@@ -266,7 +269,6 @@ void Lowering::with_constant_map(size_t side) {
     window.pad_h = window.pad_w = 1;
     const auto row = static_cast<size_t>(window.kernel_w);
     const size_t plane = row * static_cast<size_t>(window.kernel_h);
-    std::vector<float> weights(static_cast<size_t>(size.c) * plane);
     Dims steps(dims.size(), 0);
     int64_t step = 1;
     for (size_t i = 0; i < numbers.dims.size(); ++i) {
@@ -274,24 +276,24 @@ void Lowering::with_constant_map(size_t side) {
         steps[dims.size() - 1 - i] = own == 1 ? 0 : step;
         step *= own;
     }
-    for (int64_t i = 0; i < size.elements(); ++i) {
-        int64_t rest = i;
-        int64_t at = 0;
-        for (size_t axis = dims.size(); axis-- > 0;) {
-            at += rest % dims[axis] * steps[axis];
-            rest /= dims[axis];
+    const int64_t pixels = int64_t{size.h} * size.w;
+    const auto painted = [&](size_t channel, float* to) {
+        std::fill_n(to, plane, 0.0f);
+        for (int64_t pixel = 0; pixel < pixels; ++pixel) {
+            int64_t rest = static_cast<int64_t>(channel) * pixels + pixel;
+            int64_t at = 0;
+            for (size_t axis = dims.size(); axis-- > 0;) {
+                at += rest % dims[axis] * steps[axis];
+                rest /= dims[axis];
+            }
+            const auto y = static_cast<size_t>(pixel / size.w) + 1;
+            const auto x = static_cast<size_t>(pixel % size.w) + 1;
+            to[y * row + x] = static_cast<float>(used(static_cast<size_t>(at)));
         }
-        const auto c = static_cast<size_t>(i / (int64_t{size.h} * size.w));
-        const auto y = static_cast<size_t>(i / size.w % size.h) + 1;
-        const auto x = static_cast<size_t>(i % size.w) + 1;
-        weights[c * plane + y * row + x] = static_cast<float>(used[static_cast<size_t>(at)]);
-    }
+    };
     Affine exact;
     const Blob one =
         emitter.affine(pad_or_crop(blob, 0, 0, 1 - size.h, 1 - size.w), {{0.0}, {1.0}}, exact);
-    const auto painted = [&](size_t channel, float* to) {
-        std::copy_n(&weights[channel * plane], plane, to);
-    };
     const Blob map = emitter.depthwise_deconvolution(one, window, painted, {});
     Blob left = blob;
     if (type == "Sub" && side == 1) left = emitter.affine(left, {{-1.0}, {0.0}}, exact);
