@@ -145,7 +145,9 @@ TEST(ImportLimits, GroupsAreSpreadWithoutAFurtherCopy) {
     const Converted result = convert_only(bytes, options);
     ASSERT_TRUE(result.status) << result.status.message();
     ASSERT_GT(result.conversion.file.size(), 18874368u);
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(peak.growth(), 2.0 * static_cast<double>(result.conversion.file.size()));
+#endif
 }
 
 }  // namespace
