@@ -19,17 +19,20 @@ bool same(const tensor28& a, const tensor28& b) {
     return a.kind == b.kind && a.rank == b.rank && std::equal(a.dims, a.dims + 11, b.dims);
 }
 
-// Puts the members of one record into bytes. A member that the file has no place for, or that
+// Puts the members of one record behind a file. A member that the file has no place for, or that
 // contradicts another, is noted as a problem; the first one counts.
 class Payload {
 public:
-    Payload(const ZQLayerInfo& record, unsigned int version) : version(version) {
+    Payload(const ZQLayerInfo& record, unsigned int version, const ArraySource& source,
+            std::vector<unsigned char>& bytes)
+        : version(version), source(source), bytes(bytes) {
         prefix =
             "layer " + std::to_string(record.id) + " (" + zq_layer_type_name(record.type) + "): ";
     }
 
     const unsigned int version;
-    std::vector<unsigned char> bytes;
+    const ArraySource& source;
+    std::vector<unsigned char>& bytes;
     std::string problem;
 
     bool legacy() const { return version == 10000; }
@@ -48,8 +51,12 @@ public:
     }
 
     void numbers(const unsigned short* values, size_t count) {
-        for (size_t i = 0; i < count; ++i)
-            number(values[i]);
+        const size_t before = bytes.size();
+        bytes.resize(before + 2 * count);
+        for (size_t i = 0; i < count; ++i) {
+            bytes[before + 2 * i] = static_cast<unsigned char>(values[i] & 0xffu);
+            bytes[before + 2 * i + 1] = static_cast<unsigned char>((values[i] >> 8) & 0xffu);
+        }
     }
 
     void shape(const shape3& shape) {
@@ -75,6 +82,16 @@ public:
         }
         if (count == 0) {
             expect(halves == nullptr && floats == nullptr, name + ": an array of no numbers");
+            return;
+        }
+        if (source && halves == nullptr && floats == nullptr) {
+            size_t put = 0;
+            source(name, count, [&](const unsigned short* values, size_t more) {
+                numbers(values, more);
+                put += more;
+            });
+            expect(put == count, name + ": " + std::to_string(count) +
+                                     " numbers expected, the source gave " + std::to_string(put));
             return;
         }
         if (halves == nullptr || floats == nullptr) {
@@ -280,8 +297,7 @@ void write(Payload& p, const ZQLayerInfo_ElementWiseOperator& r) {
 
 void write(Payload& p, const ZQLayerInfo_Concatenate& r) {
     head_with_bottoms(p, r);
-    for (unsigned int i = 0; i < ZQ_MAX_BOTTOMS; ++i)
-        p.shape(r.in_shapes[i]);
+    for (unsigned int i = 0; i < ZQ_MAX_BOTTOMS; ++i) p.shape(r.in_shapes[i]);
     p.shape(*r.out_shape);
     p.number(r.axis);
 }
@@ -382,6 +398,7 @@ void write(Payload& p, const ZQLayerInfo_LSTM& r) {
     };
     for (const List& list : lists) {
         const bool wanted = list.present && layers != 0;
+        if (p.source && list.halves == nullptr && list.floats == nullptr) continue;
         if ((list.halves != nullptr) != wanted || (list.floats != nullptr) != wanted) {
             p.refuse(std::string(list.name) + ": " + (wanted ? "lists" : "no lists") + " expected");
             return;
@@ -391,7 +408,8 @@ void write(Payload& p, const ZQLayerInfo_LSTM& r) {
         for (const List& list : lists) {
             if (!list.present) continue;
             p.halves(std::string(list.name) + "[" + std::to_string(layer) + "]", list.expected,
-                     list.halves[layer], list.floats[layer], list.count);
+                     list.halves == nullptr ? nullptr : list.halves[layer],
+                     list.floats == nullptr ? nullptr : list.floats[layer], list.count);
         }
     }
 }
@@ -525,13 +543,30 @@ ModelWriter::ModelWriter(const ModelHeader& header) : version(header.version) {
     append_u32(file, header.model_id);
     append_u32(file, header.base_w);
     append_u32(file, header.base_h);
-    for (const unsigned int word : header.reserved)
-        append_u32(file, word);
+    for (const unsigned int word : header.reserved) append_u32(file, word);
     append_u32(file, 0xaaaa);
 }
 
+void ModelWriter::reserve(size_t bytes) {
+    if (file.capacity() - file.size() >= bytes) return;
+    // Half as much again, so that layer after layer does not copy all before it.
+    file.reserve(std::max(file.size() + bytes, file.size() + file.size() / 2));
+}
+
 Status ModelWriter::add(const ZQLayerInfo& record) {
-    Payload payload(record, version);
+    return add(record, ArraySource());
+}
+
+Status ModelWriter::add(const ZQLayerInfo& record, const ArraySource& source) {
+    // Takes off what was appended, unless it is kept.
+    struct Rollback {
+        std::vector<unsigned char>& file;
+        size_t size;
+        ~Rollback() { file.resize(std::min(size, file.size())); }
+    } rollback = {file, file.size()};
+    append_u16(file, 0x5555);
+    append_u16(file, record.type);
+    Payload payload(record, version, source, file);
     const unsigned int since = zq_layer_type_since(record.type);
     payload.expect(version >= 10000, "a file of version " + std::to_string(version) +
                                          " can't be read: 10000 is the lowest");
@@ -541,12 +576,9 @@ Status ModelWriter::add(const ZQLayerInfo& record) {
     payload.expect(ids.count(record.id) == 0, "id: another layer of the file has it");
     if (payload.problem.empty()) write_record(payload, record);
     if (!payload.problem.empty()) return Status::failure(payload.problem);
-
-    append_u16(file, 0x5555);
-    append_u16(file, record.type);
-    file.insert(file.end(), payload.bytes.begin(), payload.bytes.end());
     append_u16(file, 0xaaaa);
     ids.insert(record.id);
+    rollback.size = file.size();
     return Status::success();
 }
 

@@ -7,8 +7,11 @@
 #include <tarno/model.h>
 
 #include <array>
+#include <cstddef>
+#include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "modelkit/status.h"
@@ -29,21 +32,37 @@ struct ModelHeader {
 /// The header of a model that was read.
 ModelHeader header_of(const ZQNetLoader& loader);
 
+/// Where a writer gets the numbers of an array that a record only counts: asked by the array's name
+/// for so many halves, it hands them to `put` in any pieces. The arrays are asked for in the order
+/// of the file.
+using PutHalves = std::function<void(const unsigned short* halves, size_t count)>;
+using ArraySource =
+    std::function<void(const std::string& array, size_t count, const PutHalves& put)>;
+
 /// Collects the messages of one file in memory.
 class ModelWriter {
 public:
     explicit ModelWriter(const ModelHeader& header);
+
+    /// Room for so many bytes more, so that the file does not move while it grows by them.
+    void reserve(size_t bytes);
 
     /// Appends a record. On failure nothing is appended, and the reason names the layer, the
     /// member, what was expected and what was found. The id must be new to the file; whether the
     /// bottoms are there is not looked at.
     Status add(const ZQLayerInfo& record);
 
+    /// The same for a record whose arrays are null, though counted: `source` gives them. What it
+    /// throws is passed on, and nothing is appended.
+    Status add(const ZQLayerInfo& record, const ArraySource& source);
+
     /// Appends all records of a model that was read, in its order.
     Status add_all(const ZQNetLoader& loader);
 
     /// The whole file.
     const std::vector<unsigned char>& bytes() const { return file; }
+    /// The same, without a copy; the writer is done then.
+    std::vector<unsigned char> take() { return std::move(file); }
 
     /// Writes the file beside `path` and moves it there when it is complete, so that a reader never
     /// sees half of it.

@@ -238,8 +238,9 @@ void convert(const ConvertCommand& command) {
     OutputFiles files;
     files.write(modelkit::names_path(command.output),
                 modelkit::names_text(conversion.file, conversion.names));
+    const std::vector<unsigned char>& bytes = conversion.file;
     const std::string model_path =
-        files.write(command.output, {conversion.file.begin(), conversion.file.end()});
+        files.write(command.output, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     print_model(conversion);
     for (const std::string& note : conversion.notes) std::printf("\nnote: %s\n", note.c_str());
     if (command.engines != "cpu") {

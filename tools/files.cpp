@@ -69,7 +69,7 @@ std::string read_up_to(const RegularFile& file, const std::string& path, size_t 
 
 /// `temporary` must not be there yet.
 void write_new_file(const std::string& temporary, const std::string& path,
-                    const std::string& contents) {
+                    std::string_view contents) {
     std::FILE* file = std::fopen(temporary.c_str(), "wbx");
     if (file == nullptr) {
         throw CommandError(path + ": expected a place to write to, found: " + reason());
@@ -136,7 +136,7 @@ OutputFiles::~OutputFiles() {
     for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
 }
 
-std::string OutputFiles::write(const std::string& path, const std::string& contents) {
+std::string OutputFiles::write(const std::string& path, std::string_view contents) {
     const fs::path target = behind_links(path);
     std::error_code ignored;
     const fs::file_status status = fs::status(target, ignored);
@@ -171,7 +171,7 @@ void OutputFiles::folder(const std::string& path) {
 }
 
 void OutputFiles::write_in_folder(const std::string& path, const std::string& name,
-                                  const std::string& contents) {
+                                  std::string_view contents) {
     const auto folder = std::find_if(folders.begin(), folders.end(),
                                      [&](const Folder& each) { return each.path == path; });
     const std::string temporary = folder->staging + "/" + name;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tool {
@@ -29,15 +30,15 @@ public:
     OutputFiles(const OutputFiles&) = delete;
     OutputFiles& operator=(const OutputFiles&) = delete;
 
-    /// Writes `contents` for `path`. An existing `path` must be a regular file. Gives the place where
-    /// the file lies until `commit`.
-    std::string write(const std::string& path, const std::string& contents);
+    /// Writes `contents` for `path`. An existing `path` must be a regular file. Gives the place
+    /// where the file lies until `commit`.
+    std::string write(const std::string& path, std::string_view contents);
 
     /// Folder for files that are not `write`n: made when it is not there, by `commit`.
     void folder(const std::string& path);
     /// Writes `contents` for `path` / `name`, `path` having been handed to `folder`.
     void write_in_folder(const std::string& path, const std::string& name,
-                         const std::string& contents);
+                         std::string_view contents);
 
     void commit();
 

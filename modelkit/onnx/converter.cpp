@@ -7,12 +7,16 @@
 #include "modelkit/onnx/evaluator.h"
 #include "modelkit/onnx/lowering.h"
 #include "modelkit/onnx/passes.h"
+#include "modelkit/onnx/refusal.h"
 
 namespace modelkit::onnx {
 
 namespace {
 
 constexpr size_t MOST_LAYERS = 65536;
+// Weights that are spread over the groups of a convolution, or that only move numbers, stand in no
+// ONNX file. All layers together may have these and 16 times the file's own.
+constexpr int64_t MORE_WEIGHTS = int64_t{1} << 26;
 
 Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::vector<Dims>& all) {
     for (const auto& [name, dims] : options.shapes) {
@@ -62,7 +66,8 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     if (!forms) return forms;
     try {
         result.notes = cast_notes(graph);
-        simplify(graph);
+        ConstantFolder folder(graph);
+        simplify(graph, folder);
         if (graph.nodes.size() > MOST_LAYERS) {
             return Status::failure("has " + std::to_string(graph.nodes.size()) +
                                    " nodes that compute, expected at most " +
@@ -76,12 +81,13 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
             break;
         }
         if (options.keep_rounded) result.rounded = graph;
-        Emitter emitter(header, options.engines);
-        Lowering lowering(graph, emitter, options.keep_rounded ? &result.rounded : nullptr);
+        Emitter emitter(header, options.engines, MORE_WEIGHTS + 16 * folder.own_elements());
+        emitter.reserve(constant_elements(graph));
+        Lowering lowering(graph, folder, emitter, options.keep_rounded ? &result.rounded : nullptr);
         const Status lowered = lowering.run(shapes);
         if (!lowered) return lowered;
 
-        result.file = emitter.model().bytes();
+        result.file = emitter.take_file();
         result.layers = emitter.layers();
         result.notes.insert(result.notes.end(), lowering.notes().begin(), lowering.notes().end());
         result.slack = lowering.slack();
@@ -108,6 +114,9 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
                       const int y = result.value_layers[b];
                       return x != y ? x < y : a < b;
                   });
+    } catch (const Refusal& refusal) {
+        result = Conversion();
+        return Status::failure(refusal.text);
     } catch (const std::bad_alloc&) {
         result = Conversion();
         return Status::failure("out of memory");

@@ -47,19 +47,6 @@ int64_t extent_of(int kernel, int dilation) {
     return int64_t{kernel - 1} * dilation + 1;
 }
 
-// [a][taps][b] from [a][b][taps].
-std::vector<float> taps_before(const std::vector<float>& from, size_t a, size_t b, size_t taps) {
-    std::vector<float> to(from.size());
-    for (size_t i = 0; i < a; ++i) {
-        for (size_t j = 0; j < b; ++j) {
-            for (size_t k = 0; k < taps; ++k) {
-                to[(i * taps + k) * b + j] = from[(i * b + j) * taps + k];
-            }
-        }
-    }
-    return to;
-}
-
 size_t taps_of(const Window& w) {
     return static_cast<size_t>(w.kernel_w) * static_cast<size_t>(w.kernel_h);
 }
@@ -98,8 +85,13 @@ Range Range::with(const Range& other) const {
     return {std::min(low, other.low), std::max(high, other.high)};
 }
 
-Emitter::Emitter(const ModelHeader& header, Engines engines)
-    : header(header), chosen(engines), writer(header), gpu_rules(header.base_w, header.base_h) {}
+Emitter::Emitter(const ModelHeader& header, Engines engines, int64_t most_numbers)
+    : header(header),
+      chosen(engines),
+      numbers_left(static_cast<uint64_t>(most_numbers)),
+      most_numbers(most_numbers),
+      writer(header),
+      gpu_rules(header.base_w, header.base_h) {}
 
 shape3 Emitter::shape(const Extent& size) {
     const auto half = [](int pixels, unsigned int base) {
@@ -113,28 +105,63 @@ shape3 Emitter::shape(const Extent& size) {
     return {half(size.w, header.base_w), half(size.h, header.base_h), word(size.c, "channels")};
 }
 
-std::vector<unsigned short> Emitter::halves(const char* what, const std::vector<float>& values) {
-    std::vector<unsigned short> patterns(values.size());
-    Tarno::floats_to_halves(values.data(), patterns.data(), values.size());
-    double largest = 0;
-    double largest_error = 0;
-    for (size_t i = 0; i < values.size(); ++i) {
+void Emitter::round(const char* what, const float* values, size_t count, unsigned short* halves,
+                    Rounding& rounding) {
+    Tarno::floats_to_halves(values, halves, count);
+    for (size_t i = 0; i < count; ++i) {
         const double value = values[i];
         if (!std::isfinite(value)) refuse(std::string(what) + " are expected to be finite");
-        if ((patterns[i] & 0x7c00u) == 0x7c00u) {
+        if ((halves[i] & 0x7c00u) == 0x7c00u) {
             refuse(std::string(what) + ": " + std::to_string(value) +
                    " is beyond 65504, the largest half");
         }
-        const double error = value - static_cast<double>(Tarno::half_to_float(patterns[i]));
+        const double error = value - static_cast<double>(Tarno::half_to_float(halves[i]));
         squared_weights += value * value;
         squared_errors += error * error;
-        largest = std::max(largest, std::fabs(value));
-        largest_error = std::max(largest_error, std::fabs(error));
+        rounding.largest = std::max(rounding.largest, std::fabs(value));
+        rounding.largest_error = std::max(rounding.largest_error, std::fabs(error));
     }
-    current.weights += static_cast<int64_t>(values.size());
-    if (largest > 0)
-        current.largest_error = std::max(current.largest_error, largest_error / largest);
+    current.weights += static_cast<int64_t>(count);
+}
+
+void Emitter::count_rounding(const Rounding& rounding) {
+    if (rounding.largest == 0) return;
+    current.largest_error =
+        std::max(current.largest_error, rounding.largest_error / rounding.largest);
+}
+
+std::vector<unsigned short> Emitter::halves(const char* what, const std::vector<float>& values) {
+    take_numbers(values.size());
+    std::vector<unsigned short> patterns(values.size());
+    Rounding rounding;
+    round(what, values.data(), values.size(), patterns.data(), rounding);
+    count_rounding(rounding);
     return patterns;
+}
+
+void Emitter::round_rows(const char* what, size_t rows, size_t length, const WeightRows& fill,
+                         const PutHalves& put, Rounding& rounding) {
+    constexpr size_t PIECE = 16384;
+    if (length == 0) return;
+    const size_t together = std::min(rows, std::max<size_t>(1, PIECE / length));
+    std::vector<float> values(together * length);
+    std::vector<unsigned short> patterns(values.size());
+    for (size_t row = 0; row < rows; row += together) {
+        const size_t now = std::min(together, rows - row);
+        for (size_t i = 0; i < now; ++i) fill(row + i, &values[i * length]);
+        round(what, values.data(), now * length, patterns.data(), rounding);
+        put(patterns.data(), now * length);
+    }
+}
+
+void Emitter::take_numbers(uint64_t count) {
+    require(count <= numbers_left,
+            "at most " + std::to_string(most_numbers) +
+                " weights in all layers of a file of this size expected, found " +
+                std::to_string(static_cast<uint64_t>(most_numbers) - numbers_left + count));
+    numbers_left -= count;
+    // And a record's other fields.
+    writer.reserve(static_cast<size_t>(count) * 2 + 1024);
 }
 
 template <typename Record>
@@ -160,7 +187,27 @@ void Emitter::set_window(Record& record, const Window& window) {
 }
 
 template <typename Record>
-Blob Emitter::finish(Record& record, const Extent& size, const Range& range) {
+Blob Emitter::finish_weights(Record& record, const Extent& size, const Range& range, size_t rows,
+                             size_t length, const WeightRows& weights,
+                             const std::vector<float>& bias) {
+    take_numbers(uint64_t{rows} * length + bias.size());
+    record.weights_count = rows * length;
+    record.bias_count = bias.size();
+    return finish(record, size, range, [&](const std::string& array, size_t, const PutHalves& put) {
+        Rounding rounding;
+        if (array == "weights") {
+            round_rows("weights", rows, length, weights, put, rounding);
+        } else {
+            const auto all = [&](size_t, float* to) { std::copy(bias.begin(), bias.end(), to); };
+            round_rows("bias", 1, bias.size(), all, put, rounding);
+        }
+        count_rounding(rounding);
+    });
+}
+
+template <typename Record>
+Blob Emitter::finish(Record& record, const Extent& size, const Range& range,
+                     const ArraySource& source) {
     require(size.c > 0 && size.h > 0 && size.w > 0,
             "an output of at least 1x1x1 expected, found " + text_of(size));
     require(size.elements() <= (int64_t{1} << 30),
@@ -171,7 +218,7 @@ Blob Emitter::finish(Record& record, const Extent& size, const Range& range) {
         const std::string fault = gpu_rules.fault(record);
         require(fault.empty(), fault);
     }
-    const Status added = writer.add(record);
+    const Status added = writer.add(record, source);
     require(added.ok(), added.message());
     current.id = id;
     current.type = record.type;
@@ -209,9 +256,8 @@ Blob Emitter::tensor_input(const std::vector<int>& dims) {
     return finish(record, size, Range());
 }
 
-Blob Emitter::conv(const Blob& bottom, int out_channels, const Window& w,
-                   const std::vector<float>& weights, const std::vector<float>& bias,
-                   int activation) {
+Blob Emitter::conv(const Blob& bottom, int out_channels, const Window& w, const WeightRows& weights,
+                   const std::vector<float>& bias, int activation) {
     ZQLayerInfo_Conv2D record;
     // The engine's default rule gives the four frequent shapes to operators that keep the size, or
     // take the kernel's margin off where there is no padding; all others divide by the stride.
@@ -228,20 +274,15 @@ Blob Emitter::conv(const Blob& bottom, int out_channels, const Window& w,
     record.has_bias = bias.empty() ? 0 : 1;
     record.activation = static_cast<unsigned short>(activation);
     record.groups = 1;
-    const auto patterns =
-        halves("weights", taps_before(weights, static_cast<size_t>(out_channels),
-                                      static_cast<size_t>(bottom.size.c), taps_of(w)));
     std::vector<float> stored_bias = bias;
     stored_bias.resize(static_cast<size_t>(out_channels));
-    if (!assign_weights(record, patterns) || !assign_bias(record, halves("bias", stored_bias))) {
-        throw std::bad_alloc();
-    }
-    return finish(record, size, of_activation(activation, Range()));
+    return finish_weights(record, size, of_activation(activation, Range()),
+                          static_cast<size_t>(out_channels) * taps_of(w),
+                          static_cast<size_t>(bottom.size.c), weights, stored_bias);
 }
 
 Blob Emitter::depthwise(const Blob& bottom, int multiplier, const Window& w,
-                        const std::vector<float>& weights, const std::vector<float>& bias,
-                        int activation) {
+                        const WeightRows& weights, const std::vector<float>& bias, int activation) {
     ZQLayerInfo_DepthWiseConv2D record;
     const int64_t room_w = bottom.size.w + 2 * w.pad_w - extent_of(w.kernel_w, w.dilation_w);
     const int64_t room_h = bottom.size.h + 2 * w.pad_h - extent_of(w.kernel_h, w.dilation_h);
@@ -258,12 +299,8 @@ Blob Emitter::depthwise(const Blob& bottom, int multiplier, const Window& w,
     record.activation = static_cast<unsigned short>(activation);
     std::vector<float> stored_bias = bias;
     stored_bias.resize(static_cast<size_t>(size.c));
-    const auto patterns =
-        halves("weights", taps_before(weights, 1, static_cast<size_t>(size.c), taps_of(w)));
-    if (!assign_weights(record, patterns) || !assign_bias(record, halves("bias", stored_bias))) {
-        throw std::bad_alloc();
-    }
-    return finish(record, size, of_activation(activation, Range()));
+    return finish_weights(record, size, of_activation(activation, Range()), taps_of(w),
+                          static_cast<size_t>(size.c), weights, stored_bias);
 }
 
 namespace {
@@ -280,7 +317,7 @@ Extent deconvolved(const Extent& from, int channels, const Window& w) {
 }  // namespace
 
 Blob Emitter::deconvolution(const Blob& bottom, int out_channels, const Window& w,
-                            const std::vector<float>& weights, const std::vector<float>& bias,
+                            const WeightRows& weights, const std::vector<float>& bias,
                             int activation) {
     ZQLayerInfo_Conv2DTranspose record;
     const Extent size = deconvolved(bottom.size, out_channels, w);
@@ -291,18 +328,14 @@ Blob Emitter::deconvolution(const Blob& bottom, int out_channels, const Window& 
     record.groups = 1;
     std::vector<float> stored_bias = bias;
     stored_bias.resize(static_cast<size_t>(out_channels));
-    const auto patterns =
-        halves("weights", taps_before(weights, static_cast<size_t>(out_channels),
-                                      static_cast<size_t>(bottom.size.c), taps_of(w)));
-    if (!assign_weights(record, patterns) || !assign_bias(record, halves("bias", stored_bias))) {
-        throw std::bad_alloc();
-    }
-    return finish(record, size, of_activation(activation, Range()));
+    return finish_weights(record, size, of_activation(activation, Range()),
+                          static_cast<size_t>(out_channels) * taps_of(w),
+                          static_cast<size_t>(bottom.size.c), weights, stored_bias);
 }
 
 Blob Emitter::depthwise_deconvolution(const Blob& bottom, const Window& w,
-                                      const std::vector<float>& weights,
-                                      const std::vector<float>& bias, int activation) {
+                                      const WeightRows& weights, const std::vector<float>& bias,
+                                      int activation) {
     ZQLayerInfo_DepthWiseConv2DTranspose record;
     const Extent size = deconvolved(bottom.size, bottom.size.c, w);
     read(record, bottom, size);
@@ -313,11 +346,8 @@ Blob Emitter::depthwise_deconvolution(const Blob& bottom, const Window& w,
     record.activation = static_cast<unsigned short>(activation);
     std::vector<float> stored_bias = bias;
     stored_bias.resize(static_cast<size_t>(size.c));
-    if (!assign_weights(record, halves("weights", weights)) ||
-        !assign_bias(record, halves("bias", stored_bias))) {
-        throw std::bad_alloc();
-    }
-    return finish(record, size, of_activation(activation, Range()));
+    return finish_weights(record, size, of_activation(activation, Range()),
+                          static_cast<size_t>(size.c), taps_of(w), weights, stored_bias);
 }
 
 Blob Emitter::pooling(const Blob& bottom, bool maximum, const Window& w) {
@@ -435,7 +465,7 @@ Blob Emitter::row(const Blob& bottom) {
     return finish(record, size, bottom.range);
 }
 
-Blob Emitter::full_connection(const Blob& bottom, int outputs, const std::vector<float>& weights,
+Blob Emitter::full_connection(const Blob& bottom, int outputs, const WeightRows& weights,
                               const std::vector<float>& bias) {
     ZQLayerInfo_FullConnection record;
     const int64_t inputs_count = bottom.size.elements();
@@ -445,15 +475,12 @@ Blob Emitter::full_connection(const Blob& bottom, int outputs, const std::vector
     record.num_input = word(inputs_count, "inputs of a full connection");
     record.num_output = word(outputs, "outputs of a full connection");
     record.has_bias = bias.empty() ? 0 : 1;
-    if (!assign_weights(record, halves("weights", weights)) ||
-        !assign_bias(record, halves("bias", bias))) {
-        throw std::bad_alloc();
-    }
-    return finish(record, size, Range());
+    return finish_weights(record, size, Range(), static_cast<size_t>(outputs),
+                          static_cast<size_t>(inputs_count), weights, bias);
 }
 
 Blob Emitter::lstm(const Blob& bottom, int input_size, int hidden_size, bool bidirectional,
-                   const std::vector<float>& arrays) {
+                   const LstmRows& weights) {
     ZQLayerInfo_LSTM record;
     require(int64_t{bottom.size.h} * bottom.size.w == input_size,
             "time steps of " + std::to_string(input_size) + " values expected, found " +
@@ -465,9 +492,27 @@ Blob Emitter::lstm(const Blob& bottom, int input_size, int hidden_size, bool bid
     record.has_bias = 1;
     record.bidirectional = bidirectional ? 1 : 0;
     read(record, bottom, size);
-    require(arrays.size() == lstm_halves_count(record), "weights of other sizes");
-    if (!assign_lstm(record, halves("weights", arrays))) throw std::bad_alloc();
-    return finish(record, size, {-1.0, 1.0});
+    take_numbers(lstm_halves_count(record));
+    const auto inner = static_cast<size_t>(input_size);
+    const auto hidden = static_cast<size_t>(hidden_size);
+    record.list_count = 1;
+    record.w_ih_count = 4 * hidden * inner;
+    record.w_hh_count = 4 * hidden * hidden;
+    record.bias_count = 4 * hidden;
+    Rounding rounding;
+    size_t next = 0;
+    const Blob blob =
+        finish(record, size, {-1.0, 1.0}, [&](const std::string&, size_t, const PutHalves& put) {
+            const size_t direction = next / 4;
+            const size_t array = next % 4;
+            ++next;
+            const size_t length = array == 0 ? inner : array == 1 ? hidden : 1;
+            round_rows(
+                "weights", 4 * hidden, length,
+                [&](size_t row, float* to) { weights(direction, array, row, to); }, put, rounding);
+            if (next == (bidirectional ? 8u : 4u)) count_rounding(rounding);
+        });
+    return blob;
 }
 
 Blob Emitter::linear(const Blob& bottom, double alpha, double beta) {
@@ -596,18 +641,22 @@ Blob Emitter::affine(const Blob& bottom, const Affine& wanted, Affine& used) {
     const bool exact = one_pair && as_half(scale) == scale && as_half(shift) == shift;
     if (for_gpu()) {
         // A centre tap for each channel is the one form that both engines have.
-        std::vector<float> weights(channels * 9);
         std::vector<float> bias(channels);
         used.scale.resize(channels);
         used.shift.resize(channels);
         for (size_t i = 0; i < channels; ++i) {
             const double a = wanted.scale[wanted.scale.size() == 1 ? 0 : i];
             const double b = wanted.shift[wanted.shift.size() == 1 ? 0 : i];
-            weights[i * 9 + 4] = static_cast<float>(a);
             bias[i] = static_cast<float>(b);
             used.scale[i] = as_half(a);
             used.shift[i] = as_half(b);
         }
+        const auto weights = [&](size_t tap, float* to) {
+            for (size_t i = 0; i < channels; ++i) {
+                const double a = wanted.scale[wanted.scale.size() == 1 ? 0 : i];
+                to[i] = tap == 4 ? static_cast<float>(a) : 0.0f;
+            }
+        };
         return depthwise(bottom, 1, Window::square(3, 1, 1), weights, bias);
     }
     if (exact) {

@@ -6,7 +6,9 @@
 
 #include <tarno/model.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -66,9 +68,15 @@ struct LayerReport {
 
 enum class Engines { Cpu, Gpu, Both };
 
+/// Writes one row of a layer's weights to `to`. Each method says which rows there are and how long
+/// they are; they come in the order of the file, so that a layer is never in memory as a whole.
+using WeightRows = std::function<void(size_t row, float* to)>;
+
 class Emitter {
 public:
-    Emitter(const ModelHeader& header, Engines engines);
+    /// `most_numbers` in the arrays of all layers together: a layer that only moves numbers may
+    /// have millions of weights that no file has given.
+    Emitter(const ModelHeader& header, Engines engines, int64_t most_numbers);
 
     /// The node that the next layers come from.
     void begin_node(const std::string& label) { node = label; }
@@ -76,22 +84,21 @@ public:
     Blob input(const Extent& size);
     Blob tensor_input(const std::vector<int>& dims);
 
-    /// Weights `[out][in][y][x]`, of one group. The output has the size that the engine gives it.
-    Blob conv(const Blob& bottom, int out_channels, const Window& window,
-              const std::vector<float>& weights, const std::vector<float>& bias, int activation);
-    /// Weights `[channel][multiplier][y][x]`. The output has (size + 2 * pad - extent) / stride + 1
-    /// pixels.
+    /// Weights of one group: rows `[out][y][x]`, each with a number for every input channel. The
+    /// output has the size that the engine gives it.
+    Blob conv(const Blob& bottom, int out_channels, const Window& window, const WeightRows& weights,
+              const std::vector<float>& bias, int activation);
+    /// Weights: rows `[y][x]`, each with a number for every output channel, those of one input side
+    /// by side. The output has (size + 2 * pad - extent) / stride + 1 pixels.
     Blob depthwise(const Blob& bottom, int multiplier, const Window& window,
-                   const std::vector<float>& weights, const std::vector<float>& bias,
-                   int activation = 0);
-    /// Weights `[out][in][y][x]`. The output has stride * size + 2 - 2 * pad pixels, whatever the
+                   const WeightRows& weights, const std::vector<float>& bias, int activation = 0);
+    /// Weights as for `conv`. The output has stride * size + 2 - 2 * pad pixels, whatever the
     /// kernel, which may be no larger than stride + 2.
     Blob deconvolution(const Blob& bottom, int out_channels, const Window& window,
-                       const std::vector<float>& weights, const std::vector<float>& bias,
-                       int activation);
-    /// Weights `[channel][y][x]`; sizes as above.
+                       const WeightRows& weights, const std::vector<float>& bias, int activation);
+    /// Weights: a row for each channel, with a number for every `[y][x]`; sizes as above.
     Blob depthwise_deconvolution(const Blob& bottom, const Window& window,
-                                 const std::vector<float>& weights, const std::vector<float>& bias,
+                                 const WeightRows& weights, const std::vector<float>& bias,
                                  int activation = 0);
     /// `pad_w` at the left and the top, `pad_h` at the right and the bottom, as the CPU engine
     /// takes them. The border counts as 0 for a maximum. For an average it is left out where the
@@ -104,27 +111,50 @@ public:
     Blob pixel_shuffle(const Blob& bottom, int factor, bool to_space);
     Blob activation(const Blob& bottom, int type);
     Blob row(const Blob& bottom);
-    /// Weights `[out][in]`; both counts are multiples of 4.
-    Blob full_connection(const Blob& bottom, int outputs, const std::vector<float>& weights,
+    /// Weights: a row for each output; both counts are multiples of 4.
+    Blob full_connection(const Blob& bottom, int outputs, const WeightRows& weights,
                          const std::vector<float>& bias);
-    /// The arrays in the order of the file (see the record class), one layer.
+    /// Weights of one layer: for each direction `array` 0 has `4 * hidden_size` rows for the input,
+    /// 1 as many for the hidden state, 2 and 3 are the biases of both, in rows of one number.
+    using LstmRows = std::function<void(size_t direction, size_t array, size_t row, float* to)>;
     Blob lstm(const Blob& bottom, int input_size, int hidden_size, bool bidirectional,
-              const std::vector<float>& arrays);
+              const LstmRows& weights);
 
     /// `x * scale + shift`, by the layers that hold the constants best: a Linear when halves do, a
     /// batch normalisation, whose quotient and sum carry about twice the digits of a half, or two
     /// Linear. `used` receives what the layers really compute with, one pair for each channel.
     Blob affine(const Blob& bottom, const Affine& wanted, Affine& used);
 
-    const ModelWriter& model() const { return writer; }
+    /// Room for a file that holds so many numbers.
+    void reserve(int64_t numbers) { writer.reserve(static_cast<size_t>(numbers) * 2 + 65536); }
+    /// The file; nothing can be emitted behind it.
+    std::vector<unsigned char> take_file() { return writer.take(); }
     const std::vector<LayerReport>& layers() const { return reports; }
     Engines engines() const { return chosen; }
     bool for_gpu() const { return chosen != Engines::Cpu; }
     bool for_cpu() const { return chosen != Engines::Gpu; }
 
 private:
+    /// What rounding changes in one array, or in several that are looked at together.
+    struct Rounding {
+        double largest = 0;
+        double largest_error = 0;
+    };
+    /// Takes numbers over as halves.
+    void round(const char* what, const float* values, size_t count, unsigned short* halves,
+               Rounding& rounding);
+    void count_rounding(const Rounding& rounding);
+    /// The same for rows, which `put` gets in pieces.
+    void round_rows(const char* what, size_t rows, size_t length, const WeightRows& fill,
+                    const PutHalves& put, Rounding& rounding);
+    void take_numbers(uint64_t count);
     template <typename Record>
-    Blob finish(Record& record, const Extent& size, const Range& range);
+    Blob finish(Record& record, const Extent& size, const Range& range,
+                const ArraySource& source = ArraySource());
+    /// The same for a record with weights of so many rows, and with a bias.
+    template <typename Record>
+    Blob finish_weights(Record& record, const Extent& size, const Range& range, size_t rows,
+                        size_t length, const WeightRows& weights, const std::vector<float>& bias);
     template <typename Record>
     void read(Record& record, const Blob& bottom, const Extent& size);
     template <typename Record>
@@ -136,6 +166,8 @@ private:
 
     ModelHeader header;
     Engines chosen;
+    uint64_t numbers_left;
+    int64_t most_numbers;
     ModelWriter writer;
     GpuRules gpu_rules;
     std::string node;

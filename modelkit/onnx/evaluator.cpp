@@ -304,8 +304,14 @@ std::set<std::string> unread_places(const Graph& graph) {
 
 Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
                 std::map<std::string, Tensor>& values, const EvaluationLimits& limits) {
-    values.clear();
     EvaluationLimits left = limits;
+    return evaluate_within(left, graph, inputs, values);
+}
+
+Status evaluate_within(EvaluationLimits& left, const Graph& graph,
+                       const std::map<std::string, Tensor>& inputs,
+                       std::map<std::string, Tensor>& values) {
+    values.clear();
     const Status taken = take_inputs(graph, inputs, values);
     if (!taken) return taken;
     const std::set<std::string> unread = unread_places(graph);

@@ -15,6 +15,7 @@ namespace modelkit::onnx {
 struct EvaluationLimits {
     int64_t elements = int64_t(1) << 28;  ///< of all computed tensors together, 8 bytes each
     int64_t steps = int64_t(1) << 38;  ///< products, comparisons or copies, of all nodes together
+    std::string exceeded = {};         ///< why a node was refused for them, empty when none was
 };
 
 /// Computes every value of a graph: the judge of converted models, independent of the engines and
@@ -32,6 +33,11 @@ struct EvaluationLimits {
 Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
                 std::map<std::string, Tensor>& values,
                 const EvaluationLimits& limits = EvaluationLimits());
+
+/// The same within what is left of limits, which becomes less.
+Status evaluate_within(EvaluationLimits& left, const Graph& graph,
+                       const std::map<std::string, Tensor>& inputs,
+                       std::map<std::string, Tensor>& values);
 
 /// Whether every node is one that its operator set defines and the evaluator knows: the operator's
 /// name, how many inputs it has, its attributes and their kinds. Looks at no shapes and no values.

@@ -46,6 +46,13 @@ Tensor arithmetic(Call& call, const Tensor& a, const Tensor& b, Reals reals, Who
                                                      std::get<Integers>(b.values), whole),
                                    a.type);
     }
+    // Weights of a model, without a copy of each.
+    const auto* floats_a = std::get_if<std::vector<float>>(&a.values);
+    const auto* floats_b = std::get_if<std::vector<float>>(&b.values);
+    if (floats_a != nullptr && floats_b != nullptr) {
+        return Tensor::of_doubles(dims,
+                                  combined<double>(call, dims, a, *floats_a, b, *floats_b, reals));
+    }
     const Numbers from_a(a);
     const Numbers from_b(b);
     return Tensor::of_doubles(

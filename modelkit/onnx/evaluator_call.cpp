@@ -46,8 +46,9 @@ size_t Call::axis(int64_t value, size_t rank) const {
 
 void Call::spend(int64_t steps) {
     if (steps > left.steps) {
-        refuse("the evaluation would take too long: more than " + std::to_string(left.steps) +
-               " further steps");
+        left.exceeded = "the evaluation would take too long: more than " +
+                        std::to_string(left.steps) + " further steps";
+        refuse(left.exceeded);
     }
     left.steps -= steps;
 }
@@ -55,8 +56,10 @@ void Call::spend(int64_t steps) {
 size_t Call::take(const Dims& dims) {
     const int64_t count = element_count(dims);
     if (count < 0 || count > left.elements) {
-        refuse("a tensor of shape " + text_of(dims) +
-               " is too large: " + std::to_string(left.elements) + " elements are left for all");
+        left.exceeded = "a tensor of shape " + text_of(dims) +
+                        " is too large: " + std::to_string(left.elements) +
+                        " elements are left for all";
+        refuse(left.exceeded);
     }
     spend(count);
     left.elements -= count;

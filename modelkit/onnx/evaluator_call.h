@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -100,6 +101,18 @@ public:
         auto to = room<double>(dims);
         fill(Numbers(from).list(), to);
         return Tensor::of_doubles(std::move(dims), std::move(to));
+    }
+
+    /// The same for values that only take other places: the result has the type of `from`.
+    template <typename Fill>
+    Tensor placed(const Tensor& from, Dims dims, Fill fill) {
+        return std::visit(
+            [&](const auto& list) {
+                auto to = room<typename std::decay_t<decltype(list)>::value_type>(dims);
+                fill(list, to);
+                return Tensor{from.type, std::move(dims), std::move(to)};
+            },
+            from.values);
     }
 
 private:

@@ -17,12 +17,12 @@ void reshaped(Call& call, Dims dims) {
     if (element_count(dims) != static_cast<int64_t>(x.size())) {
         call.refuse("the input " + text_of(x.dims) + " does not fit the shape " + text_of(dims));
     }
-    call.give(call.moved(x, std::move(dims), [](const auto& from, auto& to) { to = from; }));
+    call.give(call.placed(x, std::move(dims), [](const auto& from, auto& to) { to = from; }));
 }
 
 // The elements of the first input at `start` plus the offsets of a walk over `dims`.
 void picked(Call& call, Dims dims, const Dims& strides, int64_t start) {
-    call.give(call.moved(call.input(0), dims, [&](const auto& from, auto& to) {
+    call.give(call.placed(call.input(0), dims, [&](const auto& from, auto& to) {
         size_t next = 0;
         walk<1>(dims, {strides}, [&](const std::array<int64_t, 1>& at) {
             to[next++] = from[static_cast<size_t>(start + at[0])];
@@ -62,8 +62,8 @@ void constant(Call& call) {
     const Attribute& value = call.node.attributes.begin()->second;
     switch (value.kind) {
         case Kind::Tensor:
-            call.give(call.moved(value.tensor, value.tensor.dims,
-                                 [](const auto& from, auto& to) { to = from; }));
+            call.give(call.placed(value.tensor, value.tensor.dims,
+                                  [](const auto& from, auto& to) { to = from; }));
             break;
         case Kind::Float:
             call.give({}, value.floats);
@@ -388,7 +388,7 @@ void gather(Call& call) {
         }
         if (place < 0) place += at.size;
     }
-    call.give(call.moved(x, dims, [&](const auto& from, auto& to) {
+    call.give(call.placed(x, dims, [&](const auto& from, auto& to) {
         size_t next = 0;
         if (to.empty()) return;
         for (int64_t outer = 0; outer < at.outer; ++outer)

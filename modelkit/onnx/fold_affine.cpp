@@ -152,7 +152,9 @@ std::optional<WeightLayout> layout_of(const Node& node, const Tensor& weights) {
     return {};
 }
 
-bool fold_into(Graph& graph, Node& layer, const Node& node, const std::string& data) {
+// `shared`: other layers read the weights, which costs as many of `copies`.
+bool fold_into(Graph& graph, Node& layer, const Node& node, const std::string& data, bool shared,
+               int64_t& copies) {
     const Tensor* weights = layer.has_input(1) ? constant(graph, layer.inputs[1]) : nullptr;
     if (weights == nullptr || is_integral(weights->type)) return false;
     const std::optional<WeightLayout> layout = layout_of(layer, *weights);
@@ -180,23 +182,33 @@ bool fold_into(Graph& graph, Node& layer, const Node& node, const std::string& d
         return false;
     }
 
+    const auto size = static_cast<int64_t>(weights->size());
+    if (shared && size > copies) return false;
+    if (shared) copies -= size;
+
     const auto scale = [&](size_t c) { return affine.scale[found->per_channel ? c : 0]; };
     const auto shift = [&](size_t c) { return affine.shift[found->per_channel ? c : 0]; };
-    std::vector<float> scaled(weights->size());
-    size_t at = 0;
-    for (size_t o = 0; o < layout->outer; ++o) {
-        for (size_t c = 0; c < layout->channels; ++c) {
-            for (size_t i = 0; i < layout->inner; ++i, ++at) {
-                scaled[at] = static_cast<float>(weights->number(at) * scale(c));
-            }
-        }
-    }
+    const std::vector<int64_t> dims = weights->dims;
+    // The bias may be the weights themselves, so it comes first.
     std::vector<float> moved(layout->channels);
     for (size_t c = 0; c < layout->channels; ++c) {
         const double old = bias == nullptr ? 0.0 : bias->number(bias->size() == 1 ? 0 : c);
         moved[c] = static_cast<float>(old * scale(c) + shift(c));
     }
-    const std::vector<int64_t> dims = weights->dims;
+    // What nothing else reads is changed where it is.
+    auto* floats = std::get_if<std::vector<float>>(&graph.initializers.at(layer.inputs[1]).values);
+    const bool in_place = floats != nullptr && !shared;
+    std::vector<float> scaled = in_place ? std::move(*floats) : std::vector<float>(weights->size());
+    size_t at = 0;
+    for (size_t o = 0; o < layout->outer; ++o) {
+        for (size_t c = 0; c < layout->channels; ++c) {
+            for (size_t i = 0; i < layout->inner; ++i, ++at) {
+                const double number =
+                    in_place ? static_cast<double>(scaled[at]) : weights->number(at);
+                scaled[at] = static_cast<float>(number * scale(c));
+            }
+        }
+    }
     const auto channels = static_cast<int64_t>(layout->channels);
     layer.inputs[1] =
         add_initializer(graph, layer.inputs[1], Tensor::of_floats(dims, std::move(scaled)));
@@ -214,6 +226,9 @@ void fold_affine(Graph& graph) {
     const Uses uses(graph);
     std::set<size_t> dead;
     std::set<std::string> made;  // by earlier turns, for one layer each
+    // Weights that several layers share are copied for each: a few bytes could ask for any number
+    // of copies. What is beyond stays a layer behind the layer.
+    int64_t copies = 4 * constant_elements(graph) + (int64_t{1} << 20);
     for (size_t i = 0; i < graph.nodes.size(); ++i) {
         Node& layer = graph.nodes[i];
         const bool holds =
@@ -225,12 +240,14 @@ void fold_affine(Graph& graph) {
             if (!reader || !graph.nodes[*reader].has_output(0)) break;
             // The former weights go when nothing else reads them: a model is in memory once.
             const std::vector<std::string> before = layer.inputs;
-            if (!fold_into(graph, layer, graph.nodes[*reader], data)) break;
+            const auto its_own = [&](size_t k) {
+                return k < before.size() &&
+                       (uses.sole_reader(before[k]) == i || made.count(before[k]) != 0);
+            };
+            if (!fold_into(graph, layer, graph.nodes[*reader], data, !its_own(1), copies)) break;
             dead.insert(*reader);
             for (size_t k = 1; k < before.size(); ++k) {
-                if (uses.sole_reader(before[k]) == i || made.count(before[k]) != 0) {
-                    graph.initializers.erase(before[k]);
-                }
+                if (its_own(k)) graph.initializers.erase(before[k]);
             }
             made.insert({layer.inputs[1], layer.inputs[2]});
         }

@@ -1,6 +1,7 @@
 #include "modelkit/onnx/graph.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -68,6 +69,37 @@ const char* name_of(ElementType type) {
     return "undefined";
 }
 
+Float16::operator float() const {
+    const uint32_t sign = static_cast<uint32_t>(bits & 0x8000) << 16;
+    uint32_t exponent = (bits >> 10) & 31;
+    uint32_t fraction = bits & 1023;
+    uint32_t result;
+    if (exponent == 31) {
+        result = sign | 0x7f800000 | fraction << 13;
+    } else if (exponent != 0) {
+        result = sign | (exponent + 112) << 23 | fraction << 13;
+    } else if (fraction == 0) {
+        result = sign;
+    } else {
+        exponent = 113;
+        while ((fraction & 1024) == 0) {
+            fraction <<= 1;
+            --exponent;
+        }
+        result = sign | exponent << 23 | (fraction & 1023) << 13;
+    }
+    float value;
+    std::memcpy(&value, &result, sizeof(value));
+    return value;
+}
+
+BFloat16::operator float() const {
+    const uint32_t wide = static_cast<uint32_t>(bits) << 16;
+    float value;
+    std::memcpy(&value, &wide, sizeof(value));
+    return value;
+}
+
 size_t Tensor::size() const {
     return std::visit([](const auto& list) { return list.size(); }, values);
 }
@@ -92,6 +124,17 @@ std::vector<int64_t> Tensor::integers() const {
     std::vector<int64_t> result(size());
     for (size_t i = 0; i < result.size(); ++i) result[i] = integer(i);
     return result;
+}
+
+void Tensor::floats(size_t first, ptrdiff_t step, size_t count, float* to) const {
+    std::visit(
+        [&](const auto& list) {
+            const auto* from = list.data() + first;
+            for (size_t i = 0; i < count; ++i) {
+                to[i] = static_cast<float>(from[static_cast<ptrdiff_t>(i) * step]);
+            }
+        },
+        values);
 }
 
 Tensor Tensor::of_doubles(std::vector<int64_t> dims, std::vector<double> values) {

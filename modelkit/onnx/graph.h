@@ -33,14 +33,25 @@ bool is_integral(ElementType type);
 /// "float", "int64" and so on, as error lines name them.
 const char* name_of(ElementType type);
 
+/// Numbers of 16 bits as files keep them.
+struct Float16 {
+    uint16_t bits = 0;
+    operator float() const;
+};
+struct BFloat16 {
+    uint16_t bits = 0;
+    operator float() const;
+};
+
 /// A tensor with its values in row-major order, the last dimension fastest. A scalar has no
 /// dimensions and one value.
 ///
-/// Float, Float16 and BFloat16 are kept as floats, Double as doubles and all integral types as
-/// `int64_t` (a Uint64 above INT64_MAX is refused by the reader). What is computed by the evaluator
-/// is Double, or Int64 and Bool where the operator yields integers.
+/// Numbers with a fraction are kept as the file has them and all integral types as `int64_t` (a
+/// Uint64 above INT64_MAX is refused by the reader). What is computed by the evaluator is Double,
+/// or Int64 and Bool where the operator yields integers.
 struct Tensor {
-    using Values = std::variant<std::vector<float>, std::vector<double>, std::vector<int64_t>>;
+    using Values = std::variant<std::vector<float>, std::vector<double>, std::vector<int64_t>,
+                                std::vector<Float16>, std::vector<BFloat16>>;
 
     ElementType type = ElementType::Undefined;
     std::vector<int64_t> dims;
@@ -56,6 +67,8 @@ struct Tensor {
     /// All values as doubles, or as integers in the way of `integer`.
     std::vector<double> numbers() const;
     std::vector<int64_t> integers() const;
+    /// `count` values as floats: those at `first`, `first + step` and so on.
+    void floats(size_t first, ptrdiff_t step, size_t count, float* to) const;
 
     static Tensor of_doubles(std::vector<int64_t> dims, std::vector<double> values);
     static Tensor of_floats(std::vector<int64_t> dims, std::vector<float> values);

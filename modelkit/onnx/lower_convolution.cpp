@@ -4,6 +4,7 @@
 // sizes come from padding the input before it, and from leaving places out behind it.
 #include <algorithm>
 
+#include "modelkit/onnx/layer_weights.h"
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {
@@ -123,24 +124,20 @@ void require_places(const Window2D& window) {
     }
 }
 
-// `[out][in][taps]` from the weights of several groups, zero between the groups.
-std::vector<float> without_groups(const std::vector<float>& weights, int groups, int outputs,
-                                  int inputs, int64_t taps) {
-    if (groups == 1) return weights;
-    const auto out_each = static_cast<size_t>(outputs / groups);
-    const auto in_each = static_cast<size_t>(inputs / groups);
-    const auto count = static_cast<size_t>(taps);
-    require(int64_t{outputs} * inputs * taps <= (int64_t{1} << 27),
+KernelWeights kernel_weights(const Tensor& tensor, const Window2D& window, int groups, int outputs,
+                             int inputs) {
+    KernelWeights weights;
+    weights.tensor = &tensor;
+    weights.groups = static_cast<size_t>(groups);
+    weights.outputs = static_cast<size_t>(outputs);
+    weights.inputs = static_cast<size_t>(inputs);
+    weights.kernel_h = static_cast<size_t>(window.y.kernel);
+    weights.kernel_w = static_cast<size_t>(window.x.kernel);
+    const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
+    const bool spread = groups > 1 && groups != inputs;
+    require(!spread || int64_t{outputs} * inputs <= (int64_t{1} << 27) / taps,
             "fewer weights once the groups are spread out");
-    std::vector<float> dense(static_cast<size_t>(outputs) * static_cast<size_t>(inputs) * count);
-    for (size_t o = 0; o < static_cast<size_t>(outputs); ++o) {
-        const size_t first = o / out_each * in_each;
-        for (size_t i = 0; i < in_each; ++i) {
-            std::copy_n(&weights[(o * in_each + i) * count], count,
-                        &dense[(o * static_cast<size_t>(inputs) + first + i) * count]);
-        }
-    }
-    return dense;
+    return weights;
 }
 
 }  // namespace
@@ -200,9 +197,8 @@ std::vector<float> Lowering::bias_of(size_t input, int channels) {
     return floats_of(bias);
 }
 
-Blob Lowering::convolve(Blob blob, int channels, const Window2D& window,
-                        const std::vector<float>& weights, const std::vector<float>& bias,
-                        int activation) {
+Blob Lowering::convolve(Blob blob, int channels, const Window2D& window, const WeightRows& weights,
+                        const std::vector<float>& bias, int activation) {
     require_places(window);
     if (needs_blocks(window)) {
         return convolve_blocks(blob, channels, window, weights, bias, activation);
@@ -218,7 +214,7 @@ Blob Lowering::convolve(Blob blob, int channels, const Window2D& window,
 
 // The engine's depthwise convolution has ONNX's sizes for a padding that is the same on both sides.
 Blob Lowering::convolve_depthwise(Blob blob, int multiplier, const Window2D& window,
-                                  const std::vector<float>& weights, const std::vector<float>& bias,
+                                  const WeightRows& weights, const std::vector<float>& bias,
                                   int activation) {
     require_places(window);
     const auto plan = [](const AxisWindow& axis) {
@@ -263,13 +259,11 @@ void Lowering::conv() {
     const Blob map = map_of(data);
     const bool depthwise = groups > 1 && groups == in.c;
     const Fused fused = fuse(depthwise ? fusable({2, 8}) : fusable({2, 3, 4, 6, 8}));
-    const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
+    const KernelWeights kernels = kernel_weights(weights, window, groups, outputs, in.c);
     const Blob blob =
-        depthwise ? convolve_depthwise(map, outputs / groups, window, floats_of(weights), bias,
+        depthwise ? convolve_depthwise(map, outputs / groups, window, kernels.by_tap(), bias,
                                        fused.activation)
-                  : convolve(map, outputs, window,
-                             without_groups(floats_of(weights), groups, outputs, in.c, taps), bias,
-                             fused.activation);
+                  : convolve(map, outputs, window, kernels.by_output(), bias, fused.activation);
     Dims dims = data.dims;
     dims[1] = outputs;
     dims.back() = blob.size.w;
@@ -295,24 +289,6 @@ TransposedPlan plan_transposed(const AxisWindow& axis, int64_t out) {
     plan.zeros = plan.cut - axis.begin;
     plan.fits = plan.zeros >= 0 && axis.kernel + plan.zeros <= axis.stride + 2;
     return plan;
-}
-
-// `[blocks][kernel_h][kernel_w]` with zeros ahead of the rows and columns.
-std::vector<float> moved_kernel(const std::vector<float>& weights, const Window2D& window,
-                                int zeros_y, int zeros_x) {
-    if (zeros_y == 0 && zeros_x == 0) return weights;
-    const auto h = static_cast<size_t>(window.y.kernel);
-    const auto w = static_cast<size_t>(window.x.kernel);
-    const size_t wide_h = h + static_cast<size_t>(zeros_y);
-    const size_t wide_w = w + static_cast<size_t>(zeros_x);
-    std::vector<float> moved(weights.size() / (h * w) * wide_h * wide_w);
-    for (size_t i = 0; i < weights.size(); ++i) {
-        const size_t block = i / (h * w);
-        const size_t y = i / w % h + static_cast<size_t>(zeros_y);
-        const size_t x = i % w + static_cast<size_t>(zeros_x);
-        moved[(block * wide_h + y) * wide_w + x] = weights[i];
-    }
-    return moved;
 }
 
 }  // namespace
@@ -367,24 +343,8 @@ void Lowering::conv_transpose() {
     Blob blob = map_of(data);
     const bool depthwise = groups > 1 && groups == in.c && outputs == in.c;
     const Extent out = extent_of(dims);
-    const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
-
-    // [out][in][taps], the groups spread out.
-    std::vector<float> ordered = floats_of(weights);
-    if (!depthwise) {
-        const auto each = static_cast<size_t>(outputs / groups);
-        const auto inputs = static_cast<size_t>(in.c / groups);
-        const auto count = static_cast<size_t>(taps);
-        std::vector<float> grouped(ordered.size());
-        for (size_t i = 0; i < static_cast<size_t>(in.c); ++i) {
-            for (size_t o = 0; o < each; ++o) {
-                const size_t group = i / inputs;
-                std::copy_n(&ordered[(i * each + o) * count], count,
-                            &grouped[((group * each + o) * inputs + i % inputs) * count]);
-            }
-        }
-        ordered = without_groups(grouped, groups, outputs, in.c, taps);
-    }
+    KernelWeights kernels = kernel_weights(weights, window, groups, outputs, in.c);
+    kernels.inputs_first = true;
 
     const TransposedPlan y = plan_transposed(window.y, out.h);
     const TransposedPlan x = plan_transposed(window.x, out.w);
@@ -399,11 +359,13 @@ void Lowering::conv_transpose() {
         engine.kernel_h += y.zeros;
         engine.kernel_w += x.zeros;
         engine.dilation_h = engine.dilation_w = 1;
-        const std::vector<float> moved = moved_kernel(ordered, window, y.zeros, x.zeros);
+        kernels.zeros_y = static_cast<size_t>(y.zeros);
+        kernels.zeros_x = static_cast<size_t>(x.zeros);
         const Fused fused = fuse(depthwise ? fusable({}) : fusable({2, 3, 4, 8}));
-        blob = depthwise
-                   ? emitter.depthwise_deconvolution(blob, engine, moved, bias, fused.activation)
-                   : emitter.deconvolution(blob, outputs, engine, moved, bias, fused.activation);
+        blob = depthwise ? emitter.depthwise_deconvolution(blob, engine, kernels.by_channel(), bias,
+                                                           fused.activation)
+                         : emitter.deconvolution(blob, outputs, engine, kernels.by_output(), bias,
+                                                 fused.activation);
         give(fused.output, dims, blob);
         return;
     }
@@ -413,9 +375,8 @@ void Lowering::conv_transpose() {
         Window apart;
         apart.stride_h = window.y.stride;
         apart.stride_w = window.x.stride;
-        const std::vector<float> ones(static_cast<size_t>(in.c), 1.0f);
         const Range range = blob.range.with(0.0);
-        blob = emitter.depthwise_deconvolution(blob, apart, ones, {});
+        blob = emitter.depthwise_deconvolution(blob, apart, all_of(1, 1.0f), {});
         blob.range = range;
     }
     const auto forward = [](const AxisWindow& axis, int pixels, int64_t places) {
@@ -428,14 +389,10 @@ void Lowering::conv_transpose() {
     };
     const Window2D turned = {forward(window.y, blob.size.h, out.h),
                              forward(window.x, blob.size.w, out.w)};
-    const auto count = static_cast<size_t>(taps);
-    for (size_t i = 0; i + count <= ordered.size(); i += count) {
-        std::reverse(ordered.begin() + static_cast<long>(i),
-                     ordered.begin() + static_cast<long>(i + count));
-    }
+    kernels.turned = true;
     const Fused fused = fuse(depthwise ? fusable({2, 8}) : fusable({2, 3, 4, 6, 8}));
-    blob = depthwise ? convolve_depthwise(blob, 1, turned, ordered, bias, fused.activation)
-                     : convolve(blob, outputs, turned, ordered, bias, fused.activation);
+    blob = depthwise ? convolve_depthwise(blob, 1, turned, kernels.by_tap(), bias, fused.activation)
+                     : convolve(blob, outputs, turned, kernels.by_output(), bias, fused.activation);
     give(fused.output, dims, blob);
 }
 

@@ -1,13 +1,16 @@
 // Gemm and MatMul with constant weights.
+#include <algorithm>
+
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {
 
-// `weights` are [out][in]. A convolution over the whole tensor takes any division of the inputs and
-// any counts; the full connection is for rows, and for counts divisible by 4, which it relies on.
-void Lowering::dense(const Value& data, int64_t rows, int64_t inner, int outputs,
-                     const std::vector<float>& weights, const std::vector<float>& bias,
-                     const Dims& dims, const Fused& fused) {
+// A convolution over the whole tensor takes any division of the inputs and any counts; the full
+// connection is for rows, and for counts divisible by 4, which it relies on.
+void Lowering::dense(const Value& data, int64_t rows, const MatrixWeights& weights,
+                     const std::vector<float>& bias, const Dims& dims, const Fused& fused) {
+    const auto inner = static_cast<int64_t>(weights.inputs);
+    const int outputs = small(static_cast<int64_t>(weights.outputs), "outputs");
     Blob blob = data.blob;
     if (rows == 1) {
         const Extent& size = blob.size;
@@ -16,13 +19,21 @@ void Lowering::dense(const Value& data, int64_t rows, int64_t inner, int outputs
         const bool connects = size.h * size.w > 1 && inner % 4 == 0 && outputs % 4 == 0 &&
                               inner <= 65535 && !to_softmax && !emitter.for_gpu();
         if (connects) {
-            blob = emitter.full_connection(blob, outputs, weights, bias);
+            const auto by_output = [&](size_t row, float* to) {
+                weights.of_output(row, 0, 1, weights.inputs, to);
+            };
+            blob = emitter.full_connection(blob, outputs, by_output, bias);
             if (fused.activation != 0) blob = emitter.activation(blob, fused.activation);
         } else {
             Window window;
             window.kernel_w = window.stride_w = size.w;
             window.kernel_h = window.stride_h = size.h;
-            blob = emitter.conv(blob, outputs, window, weights, bias, fused.activation);
+            const size_t taps = static_cast<size_t>(size.h) * static_cast<size_t>(size.w);
+            const auto channels = static_cast<size_t>(size.c);
+            const auto by_output = [&](size_t row, float* to) {
+                weights.of_output(row / taps, row % taps, taps, channels, to);
+            };
+            blob = emitter.conv(blob, outputs, window, by_output, bias, fused.activation);
         }
         give(fused.output, dims, blob);
         return;
@@ -33,10 +44,12 @@ void Lowering::dense(const Value& data, int64_t rows, int64_t inner, int outputs
             "rows of " + std::to_string(inner) + " numbers expected, found " + text_of(blob.size));
     require(rows * inner * outputs <= (int64_t{1} << 26),
             "fewer weights once they are repeated for each row");
-    std::vector<float> repeated;
+    const auto repeated = [&](size_t tap, float* to) {
+        weights.of_input(tap, to);
+        for (int64_t i = 1; i < rows; ++i) std::copy_n(to, outputs, to + i * outputs);
+    };
     std::vector<float> repeated_bias;
     for (int64_t i = 0; i < rows; ++i) {
-        repeated.insert(repeated.end(), weights.begin(), weights.end());
         repeated_bias.insert(repeated_bias.end(), bias.begin(), bias.end());
     }
     Window window;
@@ -45,20 +58,6 @@ void Lowering::dense(const Value& data, int64_t rows, int64_t inner, int outputs
     blob = emitter.depthwise(blob, outputs, window, repeated, repeated_bias, fused.activation);
     give(fused.output, dims, blob);
 }
-
-namespace {
-
-std::vector<float> transposed(const std::vector<float>& from, int64_t rows, int64_t columns) {
-    std::vector<float> to(from.size());
-    for (int64_t r = 0; r < rows; ++r) {
-        for (int64_t c = 0; c < columns; ++c) {
-            to[static_cast<size_t>(c * rows + r)] = from[static_cast<size_t>(r * columns + c)];
-        }
-    }
-    return to;
-}
-
-}  // namespace
 
 void Lowering::gemm() {
     const Value& data = value(0);
@@ -78,11 +77,8 @@ void Lowering::gemm() {
     const double alpha = node().number("alpha", 1.0);
     const double beta = node().number("beta", 1.0);
     require(alpha != 0, "an alpha other than 0 expected");
-    std::vector<float> matrix = floats_of(weights);
-    if (!as_rows) matrix = transposed(matrix, inner, outputs);
-    for (float& weight : matrix) {
-        weight = static_cast<float>(static_cast<double>(weight) * alpha);
-    }
+    const MatrixWeights matrix = {&weights, static_cast<size_t>(outputs),
+                                  static_cast<size_t>(inner), as_rows, alpha};
     show_halves(1, alpha);
     std::vector<float> bias;
     if (node().has_input(2) && beta != 0) {
@@ -98,7 +94,7 @@ void Lowering::gemm() {
         show_halves(2, beta);
     }
     const Fused fused = fuse(fusable({2, 3, 4, 6, 8}));
-    dense(data, rows, inner, small(outputs, "outputs"), matrix, bias, {rows, outputs}, fused);
+    dense(data, rows, matrix, bias, {rows, outputs}, fused);
 }
 
 void Lowering::matmul() {
@@ -115,7 +111,8 @@ void Lowering::matmul() {
     Dims dims = data.dims;
     dims.back() = outputs;
     show_halves(1);
-    const std::vector<float> matrix = transposed(floats_of(weights), inner, outputs);
+    const MatrixWeights matrix = {&weights, static_cast<size_t>(outputs),
+                                  static_cast<size_t>(inner), false, 1.0};
     // Exporters write the bias as an Add behind it.
     std::vector<float> bias;
     std::string output = node().outputs[0];
@@ -137,7 +134,7 @@ void Lowering::matmul() {
         }
     }
     const Fused fused = fuse(output, fusable({2, 3, 4, 6, 8}));
-    dense(data, rows, inner, small(outputs, "outputs"), matrix, bias, dims, fused);
+    dense(data, rows, matrix, bias, dims, fused);
 }
 
 }  // namespace modelkit::onnx

@@ -204,9 +204,11 @@ void Lowering::softmax() {
             "a softmax over all numbers, or over two channels, expected: the engine has none along "
             "the channels of " +
                 text_of(map.size));
-    const Blob distance =
-        emitter.conv(map, 2, Window(), {1.0f, -1.0f, -1.0f, 1.0f}, {}, ActivationType_Sigmoid);
-    give(data.dims, distance);
+    const auto distance = [](size_t row, float* to) {
+        to[row] = 1.0f;
+        to[1 - row] = -1.0f;
+    };
+    give(data.dims, emitter.conv(map, 2, Window(), distance, {}, ActivationType_Sigmoid));
 }
 
 void Lowering::affine_node() {
@@ -293,16 +295,19 @@ void Lowering::with_constant_map(size_t side) {
     const Extent& size = blob.size;
     require(size.elements() <= (int64_t{1} << 24),
             "at most 16777216 pixels with constants of their own, found " + text_of(size));
-    std::vector<double> shown(numbers.size());
-    std::vector<double> used(numbers.size());
-    for (size_t i = 0; i < numbers.size(); ++i) {
+    const bool negative = type == "Sub" && side == 0;
+    const auto used = [&](size_t i) {
         const double number = numbers.number(i);
-        const bool negative = type == "Sub" && side == 0;
-        used[i] = type == "Div" ? 1.0 / number : negative ? -number : number;
-        const double half = as_half(used[i]);
-        shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+        return type == "Div" ? 1.0 / number : negative ? -number : number;
+    };
+    if (rounded != nullptr) {
+        std::vector<double> shown(numbers.size());
+        for (size_t i = 0; i < shown.size(); ++i) {
+            const double half = as_half(used(i));
+            shown[i] = type == "Div" ? 1.0 / half : negative ? -half : half;
+        }
+        show_tensor(1 - side, Tensor::of_doubles(numbers.dims, std::move(shown)));
     }
-    show_tensor(1 - side, Tensor::of_doubles(numbers.dims, shown));
 
     // The engine's kernel begins one pixel ahead of what it leaves.
     Window window;
@@ -313,7 +318,6 @@ void Lowering::with_constant_map(size_t side) {
     window.pad_h = window.pad_w = 1;
     const auto row = static_cast<size_t>(window.kernel_w);
     const size_t plane = row * static_cast<size_t>(window.kernel_h);
-    std::vector<float> weights(static_cast<size_t>(size.c) * plane);
     Dims steps(dims.size(), 0);
     int64_t step = 1;
     for (size_t i = 0; i < numbers.dims.size(); ++i) {
@@ -321,22 +325,25 @@ void Lowering::with_constant_map(size_t side) {
         steps[dims.size() - 1 - i] = own == 1 ? 0 : step;
         step *= own;
     }
-    for (int64_t i = 0; i < size.elements(); ++i) {
-        int64_t rest = i;
-        int64_t at = 0;
-        for (size_t axis = dims.size(); axis-- > 0;) {
-            at += rest % dims[axis] * steps[axis];
-            rest /= dims[axis];
+    const int64_t pixels = int64_t{size.h} * size.w;
+    const auto painted = [&](size_t channel, float* to) {
+        std::fill_n(to, plane, 0.0f);
+        for (int64_t pixel = 0; pixel < pixels; ++pixel) {
+            int64_t rest = static_cast<int64_t>(channel) * pixels + pixel;
+            int64_t at = 0;
+            for (size_t axis = dims.size(); axis-- > 0;) {
+                at += rest % dims[axis] * steps[axis];
+                rest /= dims[axis];
+            }
+            const auto y = static_cast<size_t>(pixel / size.w) + 1;
+            const auto x = static_cast<size_t>(pixel % size.w) + 1;
+            to[y * row + x] = static_cast<float>(used(static_cast<size_t>(at)));
         }
-        const auto c = static_cast<size_t>(i / (int64_t{size.h} * size.w));
-        const auto y = static_cast<size_t>(i / size.w % size.h) + 1;
-        const auto x = static_cast<size_t>(i % size.w) + 1;
-        weights[c * plane + y * row + x] = static_cast<float>(used[static_cast<size_t>(at)]);
-    }
+    };
     Affine exact;
     const Blob one =
         emitter.affine(pad_or_crop(blob, 0, 0, 1 - size.h, 1 - size.w), {{0.0}, {1.0}}, exact);
-    const Blob map = emitter.depthwise_deconvolution(one, window, weights, {});
+    const Blob map = emitter.depthwise_deconvolution(one, window, painted, {});
     Blob left = blob;
     if (type == "Sub" && side == 1) left = emitter.affine(left, {{-1.0}, {0.0}}, exact);
     const Fused fused = fuse(fusable({2, 8}));
@@ -449,10 +456,11 @@ void Lowering::concat() {
     int first = 0;
     for (size_t i = 0; i < 2; ++i) {
         const int channels = blobs[i].size.c;
-        std::vector<float> weights(static_cast<size_t>(both) * static_cast<size_t>(channels));
-        for (int c = 0; c < channels; ++c) {
-            weights[static_cast<size_t>((first + c) * channels + c)] = 1.0f;
-        }
+        const auto weights = [=](size_t row, float* to) {
+            const int channel = static_cast<int>(row) - first;
+            std::fill_n(to, channels, 0.0f);
+            if (channel >= 0 && channel < channels) to[channel] = 1.0f;
+        };
         Blob blob = emitter.conv(blobs[i], both, Window(), weights, {}, 0);
         blob.range = blobs[i].range.with(0.0);
         spread.push_back(blob);

@@ -11,21 +11,6 @@ namespace {
 // output.
 constexpr size_t GATES[4] = {0, 2, 3, 1};
 
-// The gates of one direction in the engine's order; `columns` may be wider than the file's rows,
-// with zeros behind them.
-void append_gates(std::vector<float>& to, const Tensor& from, size_t direction, size_t offset,
-                  size_t rows, size_t columns, size_t wide, size_t stride) {
-    for (const size_t gate : GATES) {
-        for (size_t row = 0; row < rows; ++row) {
-            for (size_t column = 0; column < wide; ++column) {
-                const size_t at =
-                    direction * stride + offset + (gate * rows + row) * columns + column;
-                to.push_back(column < columns ? static_cast<float>(from.number(at)) : 0.0f);
-            }
-        }
-    }
-}
-
 }  // namespace
 
 void Lowering::lstm() {
@@ -110,26 +95,23 @@ void Lowering::lstm() {
     const auto h = static_cast<size_t>(hidden);
     const auto n = static_cast<size_t>(inputs);
     const auto wide = static_cast<size_t>(width);
-    std::vector<float> arrays;
-    for (size_t d = 0; d < (both ? 2u : 1u); ++d) {
-        if (directions == 1 && both && d == 0) {
-            arrays.resize(4 * h * wide + 4 * h * h + 8 * h);
-            continue;
-        }
+    // Rows may be wider than the file's, with zeros behind them.
+    const auto rows = [&](size_t d, size_t array, size_t row, float* to) {
+        const size_t length = array == 0 ? wide : array == 1 ? h : 1;
+        std::fill_n(to, length, 0.0f);
+        if (directions == 1 && both && d == 0) return;
         const size_t from = directions == 2 ? d : 0;
-        append_gates(arrays, weights, from, 0, h, n, wide, 4 * h * n);
-        append_gates(arrays, recurrent, from, 0, h, h, h, 4 * h * h);
-        if (bias == nullptr) {
-            arrays.resize(arrays.size() + 8 * h);
-            continue;
+        const size_t gate = GATES[row / h] * h + row % h;
+        if (array == 0) weights.floats((from * 4 * h + gate) * n, 1, n, to);
+        if (array == 1) recurrent.floats((from * 4 * h + gate) * h, 1, h, to);
+        if (array >= 2 && bias != nullptr) {
+            bias->floats((from * 8 + (array - 2) * 4) * h + gate, 1, 1, to);
         }
-        append_gates(arrays, *bias, from, 0, h, 1, 1, 8 * h);
-        append_gates(arrays, *bias, from, 4 * h, h, 1, 1, 8 * h);
-    }
+    };
     show_halves(1);
     show_halves(2);
     if (bias != nullptr) show_halves(3);
-    blob = emitter.lstm(blob, static_cast<int>(width), hidden, both, arrays);
+    blob = emitter.lstm(blob, static_cast<int>(width), hidden, both, rows);
     note("the engine keeps hidden and cell state from run to run, until reset_lstm_state");
     if (directions == 1 && both) blob = pad_or_crop(blob, 0, -hidden, 0, 0);
     if (node().has_output(0)) give(node().outputs[0], {steps, directions, 1, hidden}, blob);

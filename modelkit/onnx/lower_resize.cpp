@@ -81,15 +81,11 @@ std::vector<double> tent(int factor, double middle, int& first) {
     return taps;
 }
 
-std::vector<float> outer_product(const std::vector<double>& y, const std::vector<double>& x,
-                                 int channels) {
-    std::vector<float> weights;
-    for (int c = 0; c < channels; ++c) {
-        for (const double row : y) {
-            for (const double column : x) weights.push_back(static_cast<float>(row * column));
-        }
-    }
-    return weights;
+WeightRows outer_product(const std::vector<double>& y, const std::vector<double>& x, int channels) {
+    return [=](size_t tap, float* to) {
+        const double product = y[tap / x.size()] * x[tap % x.size()];
+        std::fill_n(to, channels, static_cast<float>(product));
+    };
 }
 
 }  // namespace
@@ -168,7 +164,7 @@ void Lowering::resize() {
         if (thin.stride_h > 1 || thin.stride_w > 1) {
             blob = pad_or_crop(blob, step_y == Step::Thin ? -from_y : 0,
                                step_x == Step::Thin ? -from_x : 0, 0, 0);
-            const std::vector<float> ones(static_cast<size_t>(blob.size.c), 1.0f);
+            const WeightRows ones = all_of(static_cast<size_t>(blob.size.c), 1.0f);
             blob = emitter.depthwise(blob, 1, thin, ones, {});
         }
         for (const bool rows : {true, false}) {
@@ -238,8 +234,7 @@ void Lowering::resize() {
             blob = gather_lines(blob, rows, lines);
             Window apart;
             (rows ? apart.stride_h : apart.stride_w) = times;
-            const std::vector<float> ones(static_cast<size_t>(channels), 1.0f);
-            blob = emitter.depthwise_deconvolution(blob, apart, ones, {});
+            blob = emitter.depthwise_deconvolution(blob, apart, all_of(1, 1.0f), {});
             if (rows) {
                 blob = pad_or_crop(blob, 0, 0, 0, -2);
             } else {
@@ -254,7 +249,7 @@ void Lowering::resize() {
             along.begin = -first;
             along.end = axis.out - 1 + along.kernel - along.in - along.begin;
             across.in = rows ? blob.size.w : blob.size.h;
-            const std::vector<float> weights =
+            const WeightRows weights =
                 outer_product(rows ? taps : one, rows ? one : taps, channels);
             blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
             blob = scaled(blob, 1.0 / times);
@@ -270,7 +265,7 @@ void Lowering::resize() {
             along.in = axis.in;
             along.kernel = along.stride = stride;
             across.in = rows ? blob.size.w : blob.size.h;
-            const std::vector<float> weights =
+            const WeightRows weights =
                 outer_product(rows ? taps : one, rows ? one : taps, channels);
             blob = convolve_depthwise(blob, 1, window, weights, {}, 0);
         }

@@ -301,7 +301,7 @@ Blob Lowering::slice_axis(const Blob& blob, const Dims& dims, size_t axis, int64
     if (step == 1) return result;
     Window thin;
     (rows ? thin.stride_h : thin.stride_w) = small(step, "a step");
-    const std::vector<float> ones(static_cast<size_t>(result.size.c), 1.0f);
+    const WeightRows ones = all_of(static_cast<size_t>(result.size.c), 1.0f);
     const Range range = result.range;
     result = emitter.depthwise(result, 1, thin, ones, {});
     result.range = range;

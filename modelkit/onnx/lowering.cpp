@@ -37,14 +37,17 @@ std::string number_text(double number) {
 }
 
 std::vector<float> floats_of(const Tensor& tensor) {
-    if (const auto* list = std::get_if<std::vector<float>>(&tensor.values)) return *list;
     std::vector<float> values(tensor.size());
-    for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(tensor.number(i));
+    tensor.floats(0, 1, values.size(), values.data());
     return values;
 }
 
-Lowering::Lowering(Graph& graph, Emitter& emitter, Graph* rounded)
-    : graph(graph), emitter(emitter), rounded(rounded), uses(graph) {}
+WeightRows all_of(size_t length, float number) {
+    return [=](size_t, float* to) { std::fill_n(to, length, number); };
+}
+
+Lowering::Lowering(Graph& graph, ConstantFolder& folder, Emitter& emitter, Graph* rounded)
+    : graph(graph), folder(folder), emitter(emitter), rounded(rounded), uses(graph) {}
 
 const std::unordered_map<std::string, Lowering::Handler>& Lowering::handlers() {
     static const std::unordered_map<std::string, Handler> all = {
@@ -163,6 +166,7 @@ void Lowering::lower_node(size_t index) {
     for (const std::string& input : node().inputs) reads_value |= made.count(input) != 0;
     require(reads_value, "constants that cannot be computed");
     (this->*handler->second)();
+    folder.release_inputs(graph.nodes[index]);
 }
 
 // Shapes are known here, so what was computed from them is constant.
@@ -184,7 +188,7 @@ bool Lowering::fold_shape() {
             graph.initializers[current.outputs[0]] =
                 Tensor::of_integers({static_cast<int64_t>(dims.size())}, dims);
         }
-    } else if (!fold_node(graph, current)) {
+    } else if (!folder.fold(current)) {
         return false;
     }
     return true;
@@ -192,6 +196,8 @@ bool Lowering::fold_shape() {
 
 // The tensor of an output is what the graph says, in as many dimensions as the engine can tell.
 void Lowering::finish_outputs() {
+    std::set<int> inputs;
+    for (const ValueInfo& input : graph.inputs) inputs.insert(made[input.name].blob.layer);
     for (const ValueInfo& output : graph.outputs) {
         Value& value = made[output.name];
         const Extent& size = value.blob.size;
@@ -201,12 +207,10 @@ void Lowering::finish_outputs() {
             emitter.begin_node(printable(output.name));
             value.blob = emitter.row(value.blob);
         }
-        for (const ValueInfo& input : graph.inputs) {
-            if (made[input.name].blob.layer != value.blob.layer) continue;
-            emitter.begin_node(printable(output.name));
-            Affine used;
-            value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
-        }
+        if (inputs.count(value.blob.layer) == 0) continue;
+        emitter.begin_node(printable(output.name));
+        Affine used;
+        value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
     }
 }
 
@@ -368,8 +372,13 @@ Blob Lowering::channels_of(const Blob& blob) {
     const int64_t count = size.elements();
     require(count * count <= MOST_MOVING_WEIGHTS,
             "at most 4096 numbers to make channels of, found " + std::to_string(count));
-    std::vector<float> weights(static_cast<size_t>(count * count));
-    for (int64_t i = 0; i < count; ++i) weights[static_cast<size_t>(i * count + i)] = 1.0f;
+    const auto pixels = static_cast<size_t>(size.h) * static_cast<size_t>(size.w);
+    const auto channels = static_cast<size_t>(size.c);
+    const auto weights = [=](size_t row, float* to) {
+        const size_t number = row / pixels;
+        std::fill_n(to, channels, 0.0f);
+        if (number % pixels == row % pixels) to[number / pixels] = 1.0f;
+    };
     Window window;
     window.kernel_w = window.stride_w = size.w;
     window.kernel_h = window.stride_h = size.h;
@@ -414,8 +423,10 @@ Blob Lowering::pad_or_crop(Blob blob, int top, int left, int bottom, int right) 
     require(static_cast<int64_t>(taps) * blob.size.c <= 4 * MOST_MOVING_WEIGHTS,
             "fewer pixels to pad or to leave out of " + text_of(blob.size));
     const auto tap = static_cast<size_t>((pad_h - top) * kernel_w + (pad_w - left));
-    std::vector<float> weights(static_cast<size_t>(blob.size.c) * taps);
-    for (size_t c = 0; c < static_cast<size_t>(blob.size.c); ++c) weights[c * taps + tap] = 1.0f;
+    const auto all = static_cast<size_t>(blob.size.c);
+    const auto weights = [=](size_t row, float* to) {
+        std::fill_n(to, all, row == tap ? 1.0f : 0.0f);
+    };
     Window window;
     window.kernel_w = kernel_w;
     window.kernel_h = kernel_h;
@@ -432,9 +443,12 @@ Blob Lowering::pick_channels(const Blob& blob, const std::vector<int>& channels)
     require(count <= MOST_MOVING_WEIGHTS,
             "at most 4096 channels to move, found " + std::to_string(blob.size.c));
     bool in_place = static_cast<int>(channels.size()) == blob.size.c;
-    std::vector<float> weights(static_cast<size_t>(count));
+    const auto from = static_cast<size_t>(blob.size.c);
+    const auto weights = [&](size_t row, float* to) {
+        std::fill_n(to, from, 0.0f);
+        to[channels[row]] = 1.0f;
+    };
     for (size_t i = 0; i < channels.size(); ++i) {
-        weights[i * static_cast<size_t>(blob.size.c) + static_cast<size_t>(channels[i])] = 1.0f;
         in_place = in_place && channels[i] == static_cast<int>(i);
     }
     if (in_place) return blob;
@@ -505,12 +519,10 @@ Blob Lowering::repeat(Blob blob, int times_y, int times_x) {
     const size_t taps = static_cast<size_t>(window.kernel_w) * static_cast<size_t>(window.kernel_h);
     require(static_cast<int64_t>(taps) * blob.size.c <= MOST_MOVING_WEIGHTS,
             "a smaller factor than " + std::to_string(times_y) + " by " + std::to_string(times_x));
-    std::vector<float> weights(static_cast<size_t>(blob.size.c) * taps);
-    for (size_t i = 0; i < weights.size(); ++i) {
-        const size_t y = i % taps / static_cast<size_t>(window.kernel_w);
-        const size_t x = i % static_cast<size_t>(window.kernel_w);
-        weights[i] = y > 0 && x > 0 ? 1.0f : 0.0f;
-    }
+    const auto width = static_cast<size_t>(window.kernel_w);
+    const auto weights = [=](size_t, float* to) {
+        for (size_t i = 0; i < taps; ++i) to[i] = i >= width && i % width > 0 ? 1.0f : 0.0f;
+    };
     const Range range = blob.range;
     blob = emitter.depthwise_deconvolution(blob, window, weights, {});
     blob.range = range;

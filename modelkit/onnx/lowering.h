@@ -15,6 +15,7 @@
 
 #include "modelkit/onnx/emitter.h"
 #include "modelkit/onnx/graph.h"
+#include "modelkit/onnx/layer_weights.h"
 #include "modelkit/onnx/passes.h"
 #include "modelkit/onnx/refusal.h"
 #include "modelkit/status.h"
@@ -51,10 +52,11 @@ struct Window2D {
 
 class Lowering {
 public:
-    /// Works on a graph after `simplify`, whose shape chains it folds as it goes. `rounded`, when
-    /// not null, is a copy of the graph, in which the constants become what the halves of the file
-    /// mean; it stays a graph that can be evaluated.
-    Lowering(Graph& graph, Emitter& emitter, Graph* rounded);
+    /// Works on a graph after `simplify`, whose shape chains it folds as it goes, and whose
+    /// constants go with their last reader. `rounded`, when not null, is a copy of the graph, in
+    /// which the constants become what the halves of the file mean; it stays a graph that can be
+    /// evaluated.
+    Lowering(Graph& graph, ConstantFolder& folder, Emitter& emitter, Graph* rounded);
 
     /// Emits the layers. `inputs` are the shapes of the graph's inputs, in its order.
     Status run(const std::vector<Dims>& inputs);
@@ -121,11 +123,10 @@ private:
     // lower_convolution.cpp
     void conv();
     void conv_transpose();
-    Blob convolve(Blob blob, int channels, const Window2D& window,
-                  const std::vector<float>& weights, const std::vector<float>& bias,
-                  int activation);
+    Blob convolve(Blob blob, int channels, const Window2D& window, const WeightRows& weights,
+                  const std::vector<float>& bias, int activation);
     Blob convolve_depthwise(Blob blob, int multiplier, const Window2D& window,
-                            const std::vector<float>& weights, const std::vector<float>& bias,
+                            const WeightRows& weights, const std::vector<float>& bias,
                             int activation);
     Window2D window_of(const Dims& dims, const Dims& kernel, bool transposed = false);
     std::vector<float> bias_of(size_t input, int channels);
@@ -145,9 +146,8 @@ private:
     // lower_dense.cpp
     void gemm();
     void matmul();
-    void dense(const Value& data, int64_t rows, int64_t inner, int outputs,
-               const std::vector<float>& weights, const std::vector<float>& bias, const Dims& dims,
-               const Fused& fused);
+    void dense(const Value& data, int64_t rows, const MatrixWeights& weights,
+               const std::vector<float>& bias, const Dims& dims, const Fused& fused);
 
     // lower_pooling.cpp
     void max_pool();
@@ -197,6 +197,7 @@ private:
     void lstm();
 
     Graph& graph;
+    ConstantFolder& folder;
     Emitter& emitter;
     Graph* rounded;
     Uses uses;
@@ -214,5 +215,7 @@ int small(int64_t value, const char* what);
 std::vector<float> floats_of(const Tensor& tensor);
 /// Up to six digits, "1e+06", "-inf".
 std::string number_text(double number);
+/// Weights that are the same number in rows of `length`.
+WeightRows all_of(size_t length, float number);
 
 }  // namespace modelkit::onnx

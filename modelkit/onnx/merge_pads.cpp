@@ -98,13 +98,14 @@ void merge_pads(Graph& graph) {
     erase_nodes(graph, dead);
 }
 
-void simplify(Graph& graph) {
+void simplify(Graph& graph, ConstantFolder& folder) {
     remove_unused(graph);
-    fold_constants(graph);
+    folder.fold_all();
     remove_identities(graph);
     merge_pads(graph);
     fold_affine(graph);
     remove_unused(graph);
+    folder.count_readers();
 }
 
 }  // namespace modelkit::onnx

@@ -43,13 +43,49 @@ void remove_unused(Graph& graph);
 /// An initializer under a name that is not in use yet; the name.
 std::string add_initializer(Graph& graph, const std::string& like, Tensor tensor);
 
-/// Computes the outputs of a node whose inputs are all constants; they become initializers. False,
-/// and nothing changes, when an input is no constant or the evaluator refuses.
-bool fold_node(Graph& graph, const Node& node);
-/// The same for all nodes; those that were folded are gone. Floating-point results are floats.
-void fold_constants(Graph& graph);
+/// How many numbers the constants of a graph are, those in attributes included.
+int64_t constant_elements(const Graph& graph);
 
-/// Takes out Identity, Dropout as it is at inference, and casts among floating-point types.
+/// Makes constants of nodes whose inputs are all constants, and lets constants go that nothing
+/// reads any more.
+///
+/// A few bytes can ask for constants of any size. Computed constants get room for twice the numbers
+/// that the file has and 2^22 more, 64 times as many and 2^26 more in the course of time, and 2^32
+/// steps; beyond that a Refusal is thrown.
+class ConstantFolder {
+public:
+    explicit ConstantFolder(Graph& graph);
+
+    /// The numbers that the file has.
+    int64_t own_elements() const { return own; }
+
+    /// Computes the outputs of a node; they become initializers, floating-point ones floats. False,
+    /// and nothing changes, when an input is no constant or the evaluator refuses.
+    bool fold(const Node& node);
+    /// The same for all nodes; those that were folded are gone.
+    void fold_all();
+    /// Counts who reads what, for a graph that was changed otherwise.
+    void count_readers();
+    /// Says that a node will not read its inputs again.
+    void release_inputs(const Node& node);
+
+private:
+    void hold(const std::string& name, Tensor tensor);
+    bool take_constant(Node& node);
+
+    Graph& graph;
+    int64_t own;
+    int64_t held = 0;
+    int64_t computed = 0;
+    int64_t steps = 0;
+    std::unordered_map<std::string, int64_t> computed_sizes;  // of constants that are held
+    std::unordered_map<std::string, size_t> readers;  // of initializers; outputs have one more
+};
+
+/// Whether a node hands its first input on: Identity, Dropout as it is at inference, and casts
+/// among floating-point types.
+bool hands_on(const Graph& graph, const Node& node);
+/// Takes out the nodes that hand their input on.
 void remove_identities(Graph& graph);
 /// A line for each cast to fewer digits than a float has: the engines keep all digits there.
 std::vector<std::string> cast_notes(const Graph& graph);
@@ -73,8 +109,8 @@ void fold_affine(Graph& graph);
 /// Moves the zeros of a Pad into the Conv or AveragePool behind it, -inf into the MaxPool.
 void merge_pads(Graph& graph);
 
-/// All of the above until nothing changes.
-void simplify(Graph& graph);
+/// All of the above. Throws a Refusal that names the node where constants take too much.
+void simplify(Graph& graph, ConstantFolder& folder);
 
 /// The pads of a Pad node with constants: begins, then ends, one for each axis. Nothing when they
 /// are no constants or an axis list is given.

@@ -1,6 +1,6 @@
 #include "modelkit/onnx/reader.h"
 
-#include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <onnx/onnx_pb.h>
 #include <sys/stat.h>
@@ -11,12 +11,15 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <queue>
 #include <set>
 #include <unordered_map>
 #include <utility>
+
+#include "modelkit/onnx/descriptor.h"
+#include "modelkit/onnx/external_data.h"
+#include "modelkit/onnx/file_parts.h"
 
 namespace modelkit::onnx {
 
@@ -24,38 +27,8 @@ namespace {
 
 namespace proto = ::onnx;
 using google::protobuf::MessageLite;
-
-// float16 and bfloat16, exactly.
-float from_float16(uint16_t bits) {
-    const uint32_t sign = static_cast<uint32_t>(bits & 0x8000) << 16;
-    uint32_t exponent = (bits >> 10) & 31;
-    uint32_t fraction = bits & 1023;
-    uint32_t result;
-    if (exponent == 31) {
-        result = sign | 0x7f800000 | fraction << 13;
-    } else if (exponent != 0) {
-        result = sign | (exponent + 112) << 23 | fraction << 13;
-    } else if (fraction == 0) {
-        result = sign;
-    } else {
-        exponent = 113;
-        while ((fraction & 1024) == 0) {
-            fraction <<= 1;
-            --exponent;
-        }
-        result = sign | exponent << 23 | (fraction & 1023) << 13;
-    }
-    float value;
-    std::memcpy(&value, &result, sizeof(value));
-    return value;
-}
-
-float from_bfloat16(uint16_t bits) {
-    const uint32_t wide = static_cast<uint32_t>(bits) << 16;
-    float value;
-    std::memcpy(&value, &wide, sizeof(value));
-    return value;
-}
+using google::protobuf::io::CodedInputStream;
+using google::protobuf::io::FileInputStream;
 
 bool element_type_of(int number, ElementType& type) {
     switch (number) {
@@ -129,60 +102,69 @@ size_t bytes_of(ElementType type) {
 }
 
 // Files are little-endian, as are the machines that this is built for.
-template <typename Stored, typename Value, typename Change>
-std::vector<Value> unpack(const char* bytes, size_t count, Change change) {
-    std::vector<Value> values(count);
-    for (size_t i = 0; i < count; ++i) {
+template <typename Stored, typename Value>
+void append(const char* bytes, size_t length, std::vector<Value>& values) {
+    for (size_t at = 0; at < length; at += sizeof(Stored)) {
         Stored stored;
-        std::memcpy(&stored, bytes + i * sizeof(Stored), sizeof(Stored));
-        values[i] = static_cast<Value>(change(stored));
+        std::memcpy(&stored, bytes + at, sizeof(Stored));
+        values.push_back(static_cast<Value>(stored));
     }
-    return values;
 }
 
-template <typename Stored>
-std::vector<int64_t> unpack_integers(const char* bytes, size_t count) {
-    return unpack<Stored, int64_t>(bytes, count, [](Stored value) { return value; });
+// What is kept as it is stored.
+template <typename Value>
+void append(const char* bytes, size_t length, std::vector<Value>& values) {
+    const size_t before = values.size();
+    values.resize(before + length / sizeof(Value));
+    if (length != 0) std::memcpy(values.data() + before, bytes, length);
 }
 
-Tensor::Values values_of_bytes(ElementType type, const char* bytes, size_t count) {
+// Room for `count` values of a type; none are there yet.
+Tensor::Values room_for(ElementType type, size_t count) {
+    const auto room = [count](auto list) -> Tensor::Values {
+        list.reserve(count);
+        return list;
+    };
+    if (type == ElementType::Float) return room(std::vector<float>());
+    if (type == ElementType::Double) return room(std::vector<double>());
+    if (type == ElementType::Float16) return room(std::vector<Float16>());
+    if (type == ElementType::BFloat16) return room(std::vector<BFloat16>());
+    return room(std::vector<int64_t>());
+}
+
+void append_values(ElementType type, const char* bytes, size_t length, Tensor::Values& values) {
     switch (type) {
-        case ElementType::Float: {
-            std::vector<float> values(count);
-            if (count != 0) std::memcpy(values.data(), bytes, count * sizeof(float));
-            return values;
-        }
-        case ElementType::Double: {
-            std::vector<double> values(count);
-            if (count != 0) std::memcpy(values.data(), bytes, count * sizeof(double));
-            return values;
-        }
+        case ElementType::Float:
+            return append(bytes, length, std::get<std::vector<float>>(values));
+        case ElementType::Double:
+            return append(bytes, length, std::get<std::vector<double>>(values));
         case ElementType::Float16:
-            return unpack<uint16_t, float>(bytes, count, from_float16);
+            return append(bytes, length, std::get<std::vector<Float16>>(values));
         case ElementType::BFloat16:
-            return unpack<uint16_t, float>(bytes, count, from_bfloat16);
-        case ElementType::Int8:
-            return unpack_integers<int8_t>(bytes, count);
-        case ElementType::Int16:
-            return unpack_integers<int16_t>(bytes, count);
-        case ElementType::Int32:
-            return unpack_integers<int32_t>(bytes, count);
-        case ElementType::Int64:
-            return unpack_integers<int64_t>(bytes, count);
-        case ElementType::Uint8:
-            return unpack_integers<uint8_t>(bytes, count);
-        case ElementType::Uint16:
-            return unpack_integers<uint16_t>(bytes, count);
-        case ElementType::Uint32:
-            return unpack_integers<uint32_t>(bytes, count);
-        case ElementType::Uint64:
-            return unpack_integers<uint64_t>(bytes, count);
-        case ElementType::Bool:
-            return unpack<uint8_t, int64_t>(bytes, count, [](uint8_t value) { return value != 0; });
-        case ElementType::Undefined:
+            return append(bytes, length, std::get<std::vector<BFloat16>>(values));
+        default:
             break;
     }
-    return std::vector<int64_t>();
+    auto& integers = std::get<std::vector<int64_t>>(values);
+    switch (type) {
+        case ElementType::Int8:
+            return append<int8_t>(bytes, length, integers);
+        case ElementType::Int16:
+            return append<int16_t>(bytes, length, integers);
+        case ElementType::Int32:
+            return append<int32_t>(bytes, length, integers);
+        case ElementType::Uint8:
+            return append<uint8_t>(bytes, length, integers);
+        case ElementType::Uint16:
+            return append<uint16_t>(bytes, length, integers);
+        case ElementType::Uint32:
+            return append<uint32_t>(bytes, length, integers);
+        case ElementType::Bool:
+            for (size_t i = 0; i < length; ++i) integers.push_back(bytes[i] != 0 ? 1 : 0);
+            return;
+        default:
+            return append(bytes, length, integers);
+    }
 }
 
 template <typename Value, typename List>
@@ -190,123 +172,47 @@ std::vector<Value> copied(const List& list) {
     return std::vector<Value>(list.begin(), list.end());
 }
 
+template <typename Half>
+std::vector<Half> halves_of(const proto::TensorProto& from) {
+    std::vector<Half> list;
+    list.reserve(static_cast<size_t>(from.int32_data_size()));
+    for (const int32_t value : from.int32_data()) {
+        list.push_back({static_cast<uint16_t>(value & 0xffff)});
+    }
+    return list;
+}
+
 // The typed lists of a TensorProto, for what has no raw bytes.
-bool values_of_lists(const proto::TensorProto& from, ElementType type, Tensor::Values& values) {
+Tensor::Values values_of_lists(const proto::TensorProto& from, ElementType type) {
     switch (type) {
         case ElementType::Float:
-            values = copied<float>(from.float_data());
-            return true;
+            return copied<float>(from.float_data());
         case ElementType::Double:
-            values = copied<double>(from.double_data());
-            return true;
+            return copied<double>(from.double_data());
+        case ElementType::Float16:
+            return halves_of<Float16>(from);
+        case ElementType::BFloat16:
+            return halves_of<BFloat16>(from);
         case ElementType::Int64:
-            values = copied<int64_t>(from.int64_data());
-            return true;
+            return copied<int64_t>(from.int64_data());
         case ElementType::Uint32:
         case ElementType::Uint64: {
             std::vector<int64_t> list;
             list.reserve(static_cast<size_t>(from.uint64_data_size()));
             for (const uint64_t value : from.uint64_data())
                 list.push_back(static_cast<int64_t>(value));
-            values = std::move(list);
-            return true;
-        }
-        case ElementType::Float16:
-        case ElementType::BFloat16: {
-            std::vector<float> list;
-            list.reserve(static_cast<size_t>(from.int32_data_size()));
-            for (const int32_t value : from.int32_data()) {
-                const auto bits = static_cast<uint16_t>(value & 0xffff);
-                list.push_back(type == ElementType::Float16 ? from_float16(bits)
-                                                            : from_bfloat16(bits));
-            }
-            values = std::move(list);
-            return true;
+            return list;
         }
         default:
-            values = copied<int64_t>(from.int32_data());
-            return true;
+            return copied<int64_t>(from.int32_data());
     }
 }
 
-// The file that a tensor's location names; it must lie in the model's folder or below it, links
-// followed.
-Status find_external(const std::string& location, const std::string& folder, std::string& path) {
-    namespace fs = std::filesystem;
-    const std::string name = in_quotes(location);
-    if (folder.empty()) return Status::failure("external data " + name + " of a model in memory");
-    const std::string outside = "external data " + name + " lies outside the model's folder";
-    const fs::path relative(location);
-    if (location.empty() || location.find('\0') != std::string::npos || relative.is_absolute()) {
-        return Status::failure(outside);
-    }
-    for (const fs::path& part : relative) {
-        if (part == "..") return Status::failure(outside);
-    }
-    std::error_code error;
-    const fs::path root = fs::canonical(folder, error);
-    if (error) return Status::failure("external data " + name + ": " + error.message());
-    const fs::path file = fs::canonical(root / relative, error);
-    if (error) return Status::failure("external data " + name + ": " + error.message());
-    const auto [end, other] = std::mismatch(root.begin(), root.end(), file.begin(), file.end());
-    if (end != root.end()) return Status::failure(outside);
-    if (!fs::is_regular_file(file, error)) {
-        return Status::failure("external data " + name + " is not a file");
-    }
-    path = file.string();
-    return Status::success();
-}
-
-bool parse_number(const std::string& text, uint64_t& number) {
-    if (text.empty() || text.size() > 18) return false;
-    number = 0;
-    for (const char letter : text) {
-        if (letter < '0' || letter > '9') return false;
-        number = number * 10 + static_cast<uint64_t>(letter - '0');
-    }
-    return true;
-}
-
-Status read_external(const proto::TensorProto& from, const std::string& folder, size_t size,
-                     std::string& bytes) {
-    std::string location;
-    uint64_t offset = 0;
-    uint64_t length = size;
-    for (const proto::StringStringEntryProto& entry : from.external_data()) {
-        if (entry.key() == "location") location = entry.value();
-        if (entry.key() == "offset" && !parse_number(entry.value(), offset)) {
-            return Status::failure("external data with offset " + in_quotes(entry.value()));
-        }
-        if (entry.key() == "length" && !parse_number(entry.value(), length)) {
-            return Status::failure("external data with length " + in_quotes(entry.value()));
-        }
-    }
-    std::string path;
-    const Status found = find_external(location, folder, path);
-    if (!found) return found;
-    if (length != size) {
-        return Status::failure("external data of " + std::to_string(length) + " bytes, expected " +
-                               std::to_string(size) + " for its shape");
-    }
-    std::error_code error;
-    const uint64_t there = std::filesystem::file_size(path, error);
-    if (error)
-        return Status::failure("external data " + in_quotes(location) + ": " + error.message());
-    if (offset > there || size > there - offset) {
-        return Status::failure("external data " + in_quotes(location) + " has " +
-                               std::to_string(there) + " bytes, expected " + std::to_string(size) +
-                               " from byte " + std::to_string(offset));
-    }
-    bytes.resize(size);
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(offset));
-    file.read(bytes.data(), static_cast<std::streamsize>(size));
-    if (!file) return Status::failure("external data " + in_quotes(location) + " cannot be read");
-    return Status::success();
-}
+// Of external data at once; a multiple of every element's size.
+constexpr size_t PIECE = size_t{1} << 16;
 
 // Takes a tensor over and frees the proto's copy of its values.
-Status take_tensor(proto::TensorProto& from, const std::string& folder, Tensor& to) {
+Status take_tensor(proto::TensorProto& from, ExternalData& external, Tensor& to) {
     if (from.has_segment()) return Status::failure("a tensor in segments is not supported");
     if (!element_type_of(from.data_type(), to.type)) {
         return Status::failure("element type " + std::to_string(from.data_type()) +
@@ -320,19 +226,24 @@ Status take_tensor(proto::TensorProto& from, const std::string& folder, Tensor& 
     const auto count = static_cast<size_t>(elements);
     const size_t size = count * bytes_of(to.type);
     if (from.data_location() == proto::TensorProto::EXTERNAL) {
-        std::string bytes;
-        const Status read = read_external(from, folder, size, bytes);
+        bool started = false;
+        const Status read = external.read(from, size, PIECE, [&](const char* bytes, size_t length) {
+            if (!started) to.values = room_for(to.type, count);
+            started = true;
+            append_values(to.type, bytes, length, to.values);
+        });
         if (!read) return read;
-        to.values = values_of_bytes(to.type, bytes.data(), count);
+        if (!started) to.values = room_for(to.type, 0);
     } else if (from.has_raw_data()) {
         if (from.raw_data().size() != size) {
             return Status::failure("has " + std::to_string(from.raw_data().size()) +
                                    " bytes, expected " + std::to_string(size) + " for shape " +
                                    text_of(to.dims) + " of " + name_of(to.type));
         }
-        to.values = values_of_bytes(to.type, from.raw_data().data(), count);
+        to.values = room_for(to.type, count);
+        append_values(to.type, from.raw_data().data(), size, to.values);
     } else {
-        values_of_lists(from, to.type, to.values);
+        to.values = values_of_lists(from, to.type);
         if (to.size() != count) {
             return Status::failure("has " + std::to_string(to.size()) + " values, expected " +
                                    std::to_string(count) + " for shape " + text_of(to.dims));
@@ -349,7 +260,7 @@ Status take_tensor(proto::TensorProto& from, const std::string& folder, Tensor& 
     return Status::success();
 }
 
-Status take_attribute(proto::AttributeProto& from, const std::string& folder, Attribute& to) {
+Status take_attribute(proto::AttributeProto& from, ExternalData& external, Attribute& to) {
     using Kind = Attribute::Kind;
     switch (from.type()) {
         case proto::AttributeProto::FLOAT:
@@ -366,7 +277,7 @@ Status take_attribute(proto::AttributeProto& from, const std::string& folder, At
             break;
         case proto::AttributeProto::TENSOR:
             to.kind = Kind::Tensor;
-            return take_tensor(*from.mutable_t(), folder, to.tensor);
+            return take_tensor(*from.mutable_t(), external, to.tensor);
         case proto::AttributeProto::FLOATS:
             to.kind = Kind::Floats;
             to.floats = copied<double>(from.floats());
@@ -390,7 +301,7 @@ bool default_domain(const std::string& domain) {
     return domain.empty() || domain == "ai.onnx";
 }
 
-Status take_node(proto::NodeProto& from, const std::string& folder, Node& to) {
+Status take_node(proto::NodeProto& from, ExternalData& external, Node& to) {
     to.name = from.name();
     to.op_type = from.op_type();
     to.inputs = copied<std::string>(from.input());
@@ -406,7 +317,7 @@ Status take_node(proto::NodeProto& from, const std::string& folder, Node& to) {
         const auto [place, is_new] = to.attributes.try_emplace(attribute.name());
         const std::string name = in_quotes(attribute.name());
         if (!is_new) return Status::failure(named() + " has attribute " + name + " twice");
-        const Status taken = take_attribute(attribute, folder, place->second);
+        const Status taken = take_attribute(attribute, external, place->second);
         if (!taken) {
             return Status::failure(named() + ", attribute " + name + ": " + taken.message());
         }
@@ -528,10 +439,7 @@ Status take_model(proto::ModelProto& model, const std::string& folder, Graph& gr
 
     proto::GraphProto& from = *model.mutable_graph();
     graph.name = from.name();
-    if (static_cast<size_t>(from.node_size()) > MOST_NODES) {
-        return Status::failure("has " + std::to_string(from.node_size()) +
-                               " nodes, expected at most " + std::to_string(MOST_NODES));
-    }
+    ExternalData external(folder);
     if (from.sparse_initializer_size() != 0) {
         return Status::failure("has sparse initializers, which are not supported");
     }
@@ -541,7 +449,7 @@ Status take_model(proto::ModelProto& model, const std::string& folder, Graph& gr
         if (name.empty()) return Status::failure("an initializer has no name");
         if (!is_new)
             return Status::failure("the initializer " + in_quotes(name) + " is there twice");
-        const Status taken = take_tensor(initializer, folder, place->second);
+        const Status taken = take_tensor(initializer, external, place->second);
         if (!taken) {
             return Status::failure("the initializer " + in_quotes(name) + ": " + taken.message());
         }
@@ -566,7 +474,7 @@ Status take_model(proto::ModelProto& model, const std::string& folder, Graph& gr
     graph.nodes.resize(static_cast<size_t>(from.node_size()));
     for (int i = 0; i < from.node_size(); ++i) {
         const Status taken =
-            take_node(*from.mutable_node(i), folder, graph.nodes[static_cast<size_t>(i)]);
+            take_node(*from.mutable_node(i), external, graph.nodes[static_cast<size_t>(i)]);
         if (!taken) return taken;
     }
     return sort_nodes(graph);
@@ -579,23 +487,8 @@ Status take_and_clear(proto::ModelProto& model, const std::string& folder, Graph
     return taken;
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(const std::string& path)
-        : number(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~Descriptor() {
-        if (number >= 0) close(number);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return number; }
-
-private:
-    int number;
-};
-
 // Through a stream, so that the file's bytes are in memory once, as the message.
-Status parse_file(const std::string& path, const char* what, MessageLite& message) {
+Status parse_file(const std::string& path, FileKind kind, MessageLite& message) {
     const Descriptor file(path);
     struct stat state = {};
     if (file.get() < 0 || fstat(file.get(), &state) != 0) {
@@ -606,9 +499,18 @@ Status parse_file(const std::string& path, const char* what, MessageLite& messag
         return Status::failure("has " + std::to_string(state.st_size) +
                                " bytes, more than the 2 GB that ONNX files can have");
     }
-    google::protobuf::io::FileInputStream stream(file.get());
+    {
+        FileInputStream stream(file.get());
+        CodedInputStream coded(&stream);
+        const Status counted = check_parts(coded, kind);
+        if (!counted) return counted;
+    }
+    if (lseek(file.get(), 0, SEEK_SET) != 0) return Status::failure(std::strerror(errno));
+    FileInputStream stream(file.get());
     if (state.st_size == 0 || !message.ParsePartialFromZeroCopyStream(&stream)) {
-        return Status::failure(std::string("is not ") + what + ", or it is cut off");
+        return Status::failure(std::string("is not an ONNX ") +
+                               (kind == FileKind::Model ? "model" : "tensor") +
+                               ", or it is cut off");
     }
     return Status::success();
 }
@@ -618,7 +520,7 @@ Status parse_file(const std::string& path, const char* what, MessageLite& messag
 Status read_graph(const std::string& path, Graph& graph) {
     graph = Graph();
     proto::ModelProto model;
-    const Status parsed = parse_file(path, "an ONNX model", model);
+    const Status parsed = parse_file(path, FileKind::Model, model);
     if (!parsed) return parsed;
     std::string folder = std::filesystem::path(path).parent_path().string();
     if (folder.empty()) folder = ".";
@@ -627,9 +529,14 @@ Status read_graph(const std::string& path, Graph& graph) {
 
 Status read_graph(const void* bytes, size_t size, const std::string& folder, Graph& graph) {
     graph = Graph();
+    if (size == 0 || size > INT_MAX) {
+        return Status::failure("is not an ONNX model, or it is cut off");
+    }
+    CodedInputStream coded(static_cast<const uint8_t*>(bytes), static_cast<int>(size));
+    const Status counted = check_parts(coded, FileKind::Model);
+    if (!counted) return counted;
     proto::ModelProto model;
-    if (size == 0 || size > INT_MAX ||
-        !model.ParsePartialFromArray(bytes, static_cast<int>(size))) {
+    if (!model.ParsePartialFromArray(bytes, static_cast<int>(size))) {
         return Status::failure("is not an ONNX model, or it is cut off");
     }
     return take_and_clear(model, folder, graph);
@@ -638,9 +545,18 @@ Status read_graph(const void* bytes, size_t size, const std::string& folder, Gra
 Status read_tensor(const std::string& path, Tensor& tensor) {
     tensor = Tensor();
     proto::TensorProto from;
-    const Status parsed = parse_file(path, "an ONNX tensor", from);
+    const Status parsed = parse_file(path, FileKind::Tensor, from);
     if (!parsed) return parsed;
-    const Status taken = take_tensor(from, std::string(), tensor);
+    if (from.data_location() == proto::TensorProto::EXTERNAL) {
+        std::string location;
+        for (const auto& entry : from.external_data()) {
+            if (entry.key() == "location") location = entry.value();
+        }
+        return Status::failure("is expected to hold its numbers, found them in another file, " +
+                               in_quotes(location));
+    }
+    ExternalData none{std::string()};
+    const Status taken = take_tensor(from, none, tensor);
     if (!taken) tensor = Tensor();
     return taken;
 }

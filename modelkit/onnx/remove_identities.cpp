@@ -11,6 +11,8 @@ bool float_type(int64_t type) {
     return type == 1 || type == 10 || type == 11 || type == 16;
 }
 
+}  // namespace
+
 bool hands_on(const Graph& graph, const Node& node) {
     if (!node.has_input(0) || !node.has_output(0)) return false;
     if (node.op_type == "Identity") return true;
@@ -23,8 +25,6 @@ bool hands_on(const Graph& graph, const Node& node) {
     return mode != graph.initializers.end() && mode->second.size() == 1 &&
            mode->second.integer(0) == 0;
 }
-
-}  // namespace
 
 std::vector<std::string> cast_notes(const Graph& graph) {
     const Uses uses(graph);

@@ -62,7 +62,8 @@ void remove_unused(Graph& graph) {
 std::string add_initializer(Graph& graph, const std::string& like, Tensor tensor) {
     // A blank keeps these apart from all that exporters write.
     std::string name = like + " folded";
-    for (int i = 2; graph.initializers.count(name) != 0; ++i) {
+    // Thousands of layers may share one name.
+    for (size_t i = graph.initializers.size(); graph.initializers.count(name) != 0; ++i) {
         name = like + " folded " + std::to_string(i);
     }
     graph.initializers.emplace(name, std::move(tensor));

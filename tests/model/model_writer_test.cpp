@@ -126,8 +126,7 @@ std::unique_ptr<ZQLayerInfo_Conv2D> small_convolution() {
     for (unsigned short i = 0; i < 10; ++i)
         record->reserved[i] = static_cast<unsigned short>(80 + i);
     std::vector<unsigned short> weights(60);
-    for (size_t i = 0; i < 60; ++i)
-        weights[i] = static_cast<unsigned short>(100 + i);
+    for (size_t i = 0; i < 60; ++i) weights[i] = static_cast<unsigned short>(100 + i);
     EXPECT_TRUE(modelkit::assign_weights(*record, weights));
     EXPECT_TRUE(modelkit::assign_bias(*record, {300, 301, 302, 303, 304}));
     return record;
@@ -318,6 +317,66 @@ TEST(ModelWriter, SaveToAFolderThatIsNotThereFails) {
     EXPECT_FALSE(ModelWriter(ModelHeader()).save((folder / "net.model").string()));
     EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(folder), {}));
     std::filesystem::remove_all(folder);
+}
+
+// A convolution of 2 channels with a kernel of 1, whose 4 weights and 2 terms are only counted.
+struct CountedConvolution : ZQLayerInfo_Conv2D {
+    CountedConvolution() {
+        id = 0;
+        in_shape->channels = out_shape->channels = 2;
+        kernel_w = kernel_h = stride_w = stride_h = dilation_w = dilation_h = groups = 1;
+        weights_count = 4;
+        bias_count = 2;
+    }
+};
+
+TEST(ModelWriter, ArraysThatARecordOnlyCountsComeFromASource) {
+    CountedConvolution record;
+    std::string asked;
+    ModelWriter streamed(header_of_version(10011));
+    const Status added = streamed.add(
+        record, [&](const std::string& array, size_t count, const modelkit::PutHalves& put) {
+            asked += array + std::to_string(count);
+            for (size_t i = 0; i < count; ++i) {
+                const auto half = static_cast<unsigned short>(0x3c00 + i);
+                put(&half, 1);
+            }
+        });
+    ASSERT_TRUE(added) << added.message();
+    EXPECT_EQ("weights4bias2", asked);
+    ModelWriter whole(header_of_version(10011));
+    ASSERT_TRUE(modelkit::assign_weights(record, {0x3c00, 0x3c01, 0x3c02, 0x3c03}));
+    ASSERT_TRUE(modelkit::assign_bias(record, {0x3c00, 0x3c01}));
+    ASSERT_TRUE(whole.add(record));
+    EXPECT_EQ(whole.bytes(), streamed.bytes());
+    EXPECT_EQ(whole.bytes(), streamed.take());
+}
+
+TEST(ModelWriter, ASourceThatFailsLeavesNothingBehind) {
+    CountedConvolution record;
+    ModelWriter writer(header_of_version(10011));
+    const File before = writer.bytes();
+    const Status few =
+        writer.add(record, [](const std::string&, size_t, const modelkit::PutHalves& put) {
+            const unsigned short half = 0x3c00;
+            put(&half, 1);
+        });
+    EXPECT_EQ("layer 0 (Conv2D): weights: 4 numbers expected, the source gave 1", few.message());
+    EXPECT_EQ(before, writer.bytes());
+    EXPECT_THROW(static_cast<void>(
+                     writer.add(record,
+                                [](const std::string&, size_t, const modelkit::PutHalves& put) {
+                                    const unsigned short half = 0x3c00;
+                                    put(&half, 1);
+                                    throw 1;
+                                })),
+                 int);
+    EXPECT_EQ(before, writer.bytes());
+    record.weights_count = 3;
+    EXPECT_EQ("layer 0 (Conv2D): weights: 4 numbers expected, found 3",
+              writer.add(record, [](const std::string&, size_t, const modelkit::PutHalves&) {})
+                  .message());
+    EXPECT_FALSE(writer.add(CountedConvolution())) << "without a source";
 }
 
 TEST(RecordDifference, NamesTheFirstMemberThatDiffers) {

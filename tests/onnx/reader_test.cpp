@@ -12,6 +12,7 @@
 
 #include "onnx/converted.h"
 #include "onnx/made_model.h"
+#include "support/peak_memory.h"
 #include "support/temporary_folder.h"
 
 namespace {
@@ -19,6 +20,7 @@ namespace {
 using namespace onnx_test;
 using modelkit::onnx::read_graph;
 using testing_support::Folder;
+using testing_support::PeakMemory;
 
 MadeModel small_model() {
     MadeModel model;
@@ -203,6 +205,30 @@ TEST(Reader, AHundredThousandNodesAreTooManyLayersButNoHarm) {
         << result.status.message();
 }
 
+TEST(Reader, CountsNodesBeforeItMakesThem) {
+    // Two bytes each in the file, two hundred in memory. Those inside of attributes count.
+    onnx::ModelProto model = small_model().proto;
+    onnx::GraphProto& inside =
+        *model.mutable_graph()->mutable_node(0)->add_attribute()->mutable_g();
+    for (int i = 0; i < 5000000; ++i) inside.add_node();
+    std::string bytes = model.SerializeAsString();
+    model.Clear();
+    onnx::ModelProto().Swap(&model);
+    const PeakMemory peak;
+    expect_refusal(bytes, "has 5000002 nodes, expected at most 100000");
+    EXPECT_LT(peak.growth(), 32e6);
+}
+
+TEST(Reader, CountsThePartsOfAllMessages) {
+    onnx::ModelProto names = small_model().proto;
+    for (int i = 0; i < 3000000; ++i) names.mutable_graph()->mutable_node(1)->add_input();
+    expect_refusal(names.SerializeAsString(), "texts, lists and parts, expected at most 3000000");
+    onnx::ModelProto dims = small_model().proto;
+    auto& shape = *dims.mutable_graph()->add_value_info()->mutable_type()->mutable_tensor_type();
+    for (int i = 0; i < 3000000; ++i) shape.mutable_shape()->add_dim();
+    expect_refusal(dims.SerializeAsString(), "texts, lists and parts, expected at most 3000000");
+}
+
 class ExternalData : public testing::Test {
 protected:
     // The weights of the small model in a file of the folder.
@@ -277,6 +303,63 @@ TEST_F(ExternalData, HasToBeThereAndLongEnough) {
     expect_refused("external data of 12 bytes, expected 216");
     save(".");
     expect_refused("is not a file");
+}
+
+// Convolutions that all name the same bytes.
+void save_sharing(const std::string& path, int tensors, int64_t channels) {
+    MadeModel model;
+    model.input("x", {1, channels, 1, 1});
+    for (int i = 0; i < tensors; ++i) {
+        const std::string n = std::to_string(i);
+        onnx::TensorProto& tensor = *model.graph().add_initializer();
+        tensor.set_name("w" + n);
+        tensor.set_data_type(onnx::TensorProto::FLOAT);
+        for (const int64_t size : {channels, channels, int64_t{1}, int64_t{1}})
+            tensor.add_dims(size);
+        tensor.set_data_location(onnx::TensorProto::EXTERNAL);
+        onnx::StringStringEntryProto& entry = *tensor.add_external_data();
+        entry.set_key("location");
+        entry.set_value(i % 2 == 0 ? "w.bin" : "same.bin");
+        model.node("Conv", {i == 0 ? "x" : "y" + std::to_string(i - 1), "w" + n}, {"y" + n});
+    }
+    model.output("y" + std::to_string(tensors - 1));
+    testing_support::write_file(path, model.bytes());
+}
+
+TEST_F(ExternalData, IsSharedByTwoTensorsAndNotByAThousand) {
+    std::filesystem::create_directories(folder / "model");
+    const std::string path = folder / "model/m.onnx";
+    testing_support::write_file(folder / "model/w.bin", std::string(size_t{4} << 20, '\0'));
+    // Another name for a file gives it no more bytes.
+    ASSERT_EQ(link((folder / "model/w.bin").c_str(), (folder / "model/same.bin").c_str()), 0);
+    Graph graph;
+    save_sharing(path, 2, 1024);
+    const modelkit::Status two = read_graph(path, graph);
+    ASSERT_TRUE(two) << two.message();
+    EXPECT_EQ(graph.initializers.at("w1").size(), size_t{1} << 20);
+    graph = Graph();
+    const PeakMemory peak;
+    save_sharing(path, 1000, 1024);
+    expect_refused(
+        "\"w2\": external data \"w.bin\" has 4194304 bytes, expected at most twice as many in all "
+        "tensors together, found 12582912");
+    EXPECT_LT(peak.growth(), 64e6);
+}
+
+TEST(TensorFile, HasItsNumbersInItself) {
+    onnx::TensorProto tensor;
+    tensor.set_data_type(onnx::TensorProto::FLOAT);
+    tensor.add_dims(2);
+    tensor.set_data_location(onnx::TensorProto::EXTERNAL);
+    onnx::StringStringEntryProto& entry = *tensor.add_external_data();
+    entry.set_key("location");
+    entry.set_value("w.bin");
+    const Folder folder;
+    testing_support::write_file(folder / "t.pb", tensor.SerializeAsString());
+    testing_support::write_file(folder / "w.bin", std::string(8, '\0'));
+    Tensor read;
+    EXPECT_EQ(modelkit::onnx::read_tensor(folder / "t.pb", read).message(),
+              "is expected to hold its numbers, found them in another file, \"w.bin\"");
 }
 
 TEST(TensorFile, IsABareTensor) {

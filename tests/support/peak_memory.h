@@ -1,0 +1,31 @@
+// How much memory a piece of a test takes.
+#pragma once
+
+#include <fstream>
+#include <string>
+
+namespace testing_support {
+
+/// What the process has in memory at most, beyond what it had when the object was made.
+class PeakMemory {
+public:
+    PeakMemory() {
+        std::ofstream("/proc/self/clear_refs") << "5";  // forgets the peak
+        before = status("VmRSS:");
+    }
+    /// In bytes.
+    double growth() const { return status("VmHWM:") - before; }
+
+private:
+    static double status(const std::string& name) {
+        std::ifstream file("/proc/self/status");
+        std::string line;
+        while (std::getline(file, line)) {
+            if (line.rfind(name, 0) == 0) return std::stod(line.substr(name.size())) * 1024;
+        }
+        return 0;
+    }
+    double before = 0;
+};
+
+}  // namespace testing_support
