@@ -10,6 +10,7 @@ namespace modelkit::onnx {
 namespace {
 
 constexpr int BLOCK = 2;
+constexpr int PHASES = BLOCK * BLOCK;
 constexpr int64_t MOST_WEIGHTS = int64_t{1} << 26;
 
 int floor_half(int value) {
@@ -58,6 +59,28 @@ AxisWindow keeping(const Square& square, int pixels) {
     return axis;
 }
 
+/// A row of weights in the order [output][y][x] of a square kernel.
+struct Place {
+    size_t output;
+    int y;
+    int x;
+};
+
+Place place_of(size_t row, const Square& square) {
+    const auto side = static_cast<size_t>(square.side);
+    return {row / (side * side), static_cast<int>(row / side % side), static_cast<int>(row % side)};
+}
+
+bool has_tap(const Window2D& window, int y, int x) {
+    return y >= 0 && x >= 0 && y < window.y.kernel && x < window.x.kernel;
+}
+
+size_t row_of(const Window2D& window, size_t output, int y, int x) {
+    const auto h = static_cast<size_t>(window.y.kernel);
+    const auto w = static_cast<size_t>(window.x.kernel);
+    return (output * h + static_cast<size_t>(y)) * w + static_cast<size_t>(x);
+}
+
 }  // namespace
 
 bool Lowering::needs_blocks(const Window2D& window) const {
@@ -73,25 +96,26 @@ bool Lowering::needs_blocks(const Window2D& window) const {
 }
 
 Blob Lowering::convolve_blocks(const Blob& blob, int channels, const Window2D& window,
-                               const std::vector<float>& weights, const std::vector<float>& bias,
+                               const WeightRows& weights, const std::vector<float>& bias,
                                int activation) {
     const Square square = square_for(reach_of(window.y), reach_of(window.x));
-    const int inputs = blob.size.c;
-    const int64_t side = square.side;
-    const int64_t per_output = int64_t{inputs} * BLOCK * BLOCK * side * side;
-    require(channels * per_output <= MOST_WEIGHTS, "fewer weights by blocks of pixels");
-    std::vector<float> blocks(static_cast<size_t>(channels * per_output));
-    const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
-    for (int64_t i = 0; i < static_cast<int64_t>(weights.size()); ++i) {
-        const int64_t plane = i / taps;  // of output and input
-        const auto y = static_cast<int>(i % taps / window.x.kernel) - window.y.begin;
-        const auto x = static_cast<int>(i % window.x.kernel) - window.x.begin;
-        const int64_t phase = (y - BLOCK * floor_half(y)) * BLOCK + x - BLOCK * floor_half(x);
-        const int64_t row = floor_half(y) + square.middle;
-        const int64_t column = floor_half(x) + square.middle;
-        const int64_t to = ((plane * BLOCK * BLOCK + phase) * side + row) * side + column;
-        blocks[static_cast<size_t>(to)] = weights[static_cast<size_t>(i)];
-    }
+    const auto inputs = static_cast<size_t>(blob.size.c);
+    require(int64_t{channels} * blob.size.c * PHASES * square.side * square.side <= MOST_WEIGHTS,
+            "fewer weights by blocks of pixels");
+    std::vector<float> pixels(inputs);
+    const WeightRows blocks = [&](size_t row, float* to) {
+        std::fill_n(to, inputs * PHASES, 0.0f);
+        const Place place = place_of(row, square);
+        for (int phase = 0; phase < PHASES; ++phase) {
+            // The tap that falls on this pixel of the block.
+            const int y = BLOCK * (place.y - square.middle) + phase / BLOCK + window.y.begin;
+            const int x = BLOCK * (place.x - square.middle) + phase % BLOCK + window.x.begin;
+            if (!has_tap(window, y, x)) continue;
+            weights(row_of(window, place.output, y, x), pixels.data());
+            for (size_t i = 0; i < inputs; ++i)
+                to[i * PHASES + static_cast<size_t>(phase)] = pixels[i];
+        }
+    };
     const Blob divided = emitter.pixel_shuffle(blob, BLOCK, false);
     return convolve(divided, channels,
                     {keeping(square, divided.size.h), keeping(square, divided.size.w)}, blocks,
@@ -99,8 +123,7 @@ Blob Lowering::convolve_blocks(const Blob& blob, int channels, const Window2D& w
 }
 
 bool Lowering::transpose_by_blocks(const Blob& blob, const Window2D& window, const Dims& dims,
-                                   const std::vector<float>& weights,
-                                   const std::vector<float>& bias) {
+                                   const WeightRows& weights, const std::vector<float>& bias) {
     const Extent out = extent_of(dims);
     const auto doubles = [](const AxisWindow& axis, int pixels) {
         return axis.stride == BLOCK && axis.dilation == 1 && axis.begin >= 0 &&
@@ -111,32 +134,27 @@ bool Lowering::transpose_by_blocks(const Blob& blob, const Window2D& window, con
         square.side == 0) {
         return false;
     }
-    const int64_t side = square.side;
-    const int64_t inputs = blob.size.c;
-    const int64_t phases = BLOCK * BLOCK;
-    require(out.c * phases * inputs * side * side <= MOST_WEIGHTS,
+    require(int64_t{out.c} * PHASES * blob.size.c * square.side * square.side <= MOST_WEIGHTS,
             "fewer weights by blocks of pixels");
-    std::vector<float> blocks(static_cast<size_t>(out.c * phases * inputs * side * side));
-    const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
-    for (int64_t i = 0; i < static_cast<int64_t>(weights.size()); ++i) {
-        const int64_t input = i / taps % inputs;
-        const int64_t output = i / taps / inputs;
-        const auto y = static_cast<int>(i % taps / window.x.kernel) - window.y.begin;
-        const auto x = static_cast<int>(i % window.x.kernel) - window.x.begin;
-        // Tap y falls on pixel y of the doubled picture, seen from the one that it takes.
-        const int64_t phase = (y - BLOCK * floor_half(y)) * BLOCK + x - BLOCK * floor_half(x);
-        const int64_t row = square.middle - floor_half(y);
-        const int64_t column = square.middle - floor_half(x);
-        const int64_t to =
-            (((output * phases + phase) * inputs + input) * side + row) * side + column;
-        blocks[static_cast<size_t>(to)] = weights[static_cast<size_t>(i)];
-    }
+    const WeightRows blocks = [&](size_t row, float* to) {
+        const Place place = place_of(row, square);
+        const int phase = static_cast<int>(place.output % PHASES);
+        // The tap that falls on this pixel of the doubled picture, seen from the one that it takes.
+        const int y = BLOCK * (square.middle - place.y) + phase / BLOCK + window.y.begin;
+        const int x = BLOCK * (square.middle - place.x) + phase % BLOCK + window.x.begin;
+        if (has_tap(window, y, x)) {
+            weights(row_of(window, place.output / PHASES, y, x), to);
+        } else {
+            std::fill_n(to, blob.size.c, 0.0f);
+        }
+    };
     std::vector<float> repeated;
-    for (const float term : bias) repeated.insert(repeated.end(), phases, term);
+    for (const float term : bias) repeated.insert(repeated.end(), PHASES, term);
     const Fused fused = fuse(fusable({2, 3, 4, 6, 8}));
-    const Blob divided = convolve(blob, small(out.c * phases, "channels by blocks of pixels"),
-                                  {keeping(square, blob.size.h), keeping(square, blob.size.w)},
-                                  blocks, repeated, fused.activation);
+    const Blob divided =
+        convolve(blob, small(int64_t{out.c} * PHASES, "channels by blocks of pixels"),
+                 {keeping(square, blob.size.h), keeping(square, blob.size.w)}, blocks, repeated,
+                 fused.activation);
     give(fused.output, dims, emitter.pixel_shuffle(divided, BLOCK, true));
     return true;
 }

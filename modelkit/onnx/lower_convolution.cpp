@@ -353,7 +353,10 @@ void Lowering::conv_transpose() {
     };
     // Three by three is the one kernel of the GPU engine.
     const bool three = is_three(window.y, y) && is_three(window.x, x);
-    if (!depthwise && !three && transpose_by_blocks(blob, window, dims, ordered, bias)) return;
+    if (!depthwise && !three &&
+        transpose_by_blocks(blob, window, dims, kernels.by_output(), bias)) {
+        return;
+    }
     if (y.fits && x.fits) {
         Window engine = engine_window(window, y.cut, x.cut);
         engine.kernel_h += y.zeros;

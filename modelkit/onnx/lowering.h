@@ -136,12 +136,12 @@ private:
     /// them.
     bool needs_blocks(const Window2D& window) const;
     Blob convolve_blocks(const Blob& blob, int channels, const Window2D& window,
-                         const std::vector<float>& weights, const std::vector<float>& bias,
-                         int activation);
-    /// The current node as a transposed convolution that doubles the sides, `weights` as
-    /// [out][in][y][x]. False, and nothing happens, where it does not go by blocks or need not.
+                         const WeightRows& weights, const std::vector<float>& bias, int activation);
+    /// The current node as a transposed convolution that doubles the sides, `weights` in
+    /// rows [out][y][x] of all inputs. False, and nothing happens, where it does not go by blocks
+    /// or need not.
     bool transpose_by_blocks(const Blob& blob, const Window2D& window, const Dims& dims,
-                             const std::vector<float>& weights, const std::vector<float>& bias);
+                             const WeightRows& weights, const std::vector<float>& bias);
 
     // lower_dense.cpp
     void gemm();
