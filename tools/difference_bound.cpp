@@ -80,18 +80,6 @@ void add_tap(const float* source, const TensorSize& in, float weight, const Wind
 }
 
 template <typename Record>
-Window window_of(const Record& record) {
-    Window window;
-    window.kernel_w = record.kernel_w;
-    window.kernel_h = record.kernel_h;
-    window.stride_w = record.stride_w;
-    window.stride_h = record.stride_h;
-    window.pad_w = record.pad_w;
-    window.pad_h = record.pad_h;
-    return window;
-}
-
-template <typename Record>
 float bias_of(const Record& record, int64_t channel) {
     const bool has = record.has_bias != 0 && record.bias != nullptr &&
                      static_cast<size_t>(channel) < record.bias_count;

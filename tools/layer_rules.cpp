@@ -496,18 +496,6 @@ void size_lstm(const ZQLayerInfo_LSTM& record, const TensorSize& bottom, Planned
 }
 
 template <typename Record>
-Window window_of(const Record& record) {
-    Window window;
-    window.kernel_w = record.kernel_w;
-    window.kernel_h = record.kernel_h;
-    window.stride_w = record.stride_w;
-    window.stride_h = record.stride_h;
-    window.pad_w = record.pad_w;
-    window.pad_h = record.pad_h;
-    return window;
-}
-
-template <typename Record>
 Window dilated_window_of(const Record& record) {
     Window window = window_of(record);
     window.dilation_w = record.dilation_w;

@@ -38,6 +38,19 @@ struct Window {
     int dilation_h = 1;
 };
 
+/// The window of a record that has one, without a dilation.
+template <typename Record>
+Window window_of(const Record& record) {
+    Window window;
+    window.kernel_w = record.kernel_w;
+    window.kernel_h = record.kernel_h;
+    window.stride_w = record.stride_w;
+    window.stride_h = record.stride_h;
+    window.pad_w = record.pad_w;
+    window.pad_h = record.pad_h;
+    return window;
+}
+
 struct PlannedLayer {
     unsigned short id = 0;
     unsigned short type = 0;
