@@ -1,6 +1,6 @@
-// Feeds the ONNX importer: the reader, the passes, the lowering for each choice of engines. Beside
-// the sanitizers' findings it stops when a refusal is no one line, or when what was converted does
-// not read back as a model of so many layers.
+// Feeds the ONNX importer: the reader with a folder of external data, the passes, the lowering for
+// each choice of engines. Beside the sanitizers' findings it stops when a refusal is no one line,
+// or when what was converted does not read back as a model of so many layers.
 #include <modelkit/onnx/converter.h>
 #include <modelkit/onnx/reader.h>
 #include <sys/mman.h>
@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,26 @@ void read_back(const Conversion& conversion) {
     if (loader.getSequentialLayers().size() != conversion.layers.size()) stop("other layers");
 }
 
+/// A folder with one file, "w.bin", for tensors that name it, as onnx.dict lets them.
+class ExternalFolder {
+public:
+    ExternalFolder() : path("/tmp/fuzz_onnx_XXXXXX") {
+        if (mkdtemp(path.data()) == nullptr) std::abort();
+        std::ofstream file(path + "/w.bin", std::ios::binary);
+        for (int i = 0; i < 4096; ++i) file.put(static_cast<char>(i * 7 % 64));
+    }
+    ~ExternalFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    std::string path;
+};
+
+const std::string& external_folder() {
+    static const ExternalFolder folder;
+    return folder.path;
+}
+
 // A few bytes may ask for an input of gigabytes, which is sound and slow.
 bool small(const Graph& graph) {
     for (const ValueInfo& input : graph.inputs) {
@@ -65,7 +87,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Graph graph;
-    const modelkit::Status read = read_graph(data, size, "", graph);
+    const modelkit::Status read = read_graph(data, size, external_folder(), graph);
     expect_line(read);
     if (!read || !small(graph)) return 0;
     for (const Engines engines : {Engines::Cpu, Engines::Both}) {

@@ -329,14 +329,18 @@ void save_sharing(const std::string& path, int tensors, int64_t channels) {
 TEST_F(ExternalData, IsSharedByTwoTensorsAndNotByAThousand) {
     std::filesystem::create_directories(folder / "model");
     const std::string path = folder / "model/m.onnx";
-    testing_support::write_file(folder / "model/w.bin", std::string(size_t{4} << 20, '\0'));
+    std::vector<float> numbers(size_t{1} << 20);
+    for (size_t i = 0; i < numbers.size(); ++i) numbers[i] = static_cast<float>(i);
+    testing_support::write_file(
+        folder / "model/w.bin",
+        std::string(reinterpret_cast<const char*>(numbers.data()), numbers.size() * 4));
     // Another name for a file gives it no more bytes.
     ASSERT_EQ(link((folder / "model/w.bin").c_str(), (folder / "model/same.bin").c_str()), 0);
     Graph graph;
     save_sharing(path, 2, 1024);
     const modelkit::Status two = read_graph(path, graph);
     ASSERT_TRUE(two) << two.message();
-    EXPECT_EQ(graph.initializers.at("w1").size(), size_t{1} << 20);
+    EXPECT_EQ(std::get<std::vector<float>>(graph.initializers.at("w1").values), numbers);
     graph = Graph();
     const PeakMemory peak;
     save_sharing(path, 1000, 1024);
