@@ -103,35 +103,48 @@ std::vector<Stretch> by_scales(const Call& call, const std::vector<double>& scal
     return axes;
 }
 
-double asymmetric(const Stretch& axis, int64_t o) {
-    return static_cast<double>(o) / axis.scale;
-}
+// Coordinates by the arithmetic of `Real`. Between two pixels the result goes on evenly, and the
+// coordinate is taken in double. The nearest one jumps, and which it is where a coordinate meets a
+// jump is as the scale's own type has it: with float scales the coordinates are floats.
+template <typename Real>
+struct Coordinates {
+    static double asymmetric(const Stretch& axis, int64_t o) {
+        return static_cast<double>(static_cast<Real>(o) / static_cast<Real>(axis.scale));
+    }
 
-double half_pixel(const Stretch& axis, int64_t o) {
-    return (static_cast<double>(o) + 0.5) / axis.scale - 0.5;
-}
+    static Real from_edge(const Stretch& axis, int64_t o) {
+        const Real middle = static_cast<Real>(o) + Real(0.5);
+        return middle / static_cast<Real>(axis.scale);
+    }
 
-double pytorch_half_pixel(const Stretch& axis, int64_t o) {
-    return axis.out > 1 ? half_pixel(axis, o) : 0;
-}
+    static double half_pixel(const Stretch& axis, int64_t o) {
+        return static_cast<double>(from_edge(axis, o) - Real(0.5));
+    }
 
-double align_corners(const Stretch& axis, int64_t o) {
-    if (axis.out == 1) return 0;
-    return static_cast<double>(o) * static_cast<double>(axis.in - 1) /
-           static_cast<double>(axis.out - 1);
-}
+    static double pytorch_half_pixel(const Stretch& axis, int64_t o) {
+        return axis.out > 1 ? half_pixel(axis, o) : 0;
+    }
 
-double tf_half_pixel_for_nn(const Stretch& axis, int64_t o) {
-    return (static_cast<double>(o) + 0.5) / axis.scale;
-}
+    static double align_corners(const Stretch& axis, int64_t o) {
+        if (axis.out == 1) return 0;
+        const Real product = static_cast<Real>(o) * static_cast<Real>(axis.in - 1);
+        return static_cast<double>(product / static_cast<Real>(axis.out - 1));
+    }
 
+    static double tf_half_pixel_for_nn(const Stretch& axis, int64_t o) {
+        return static_cast<double>(from_edge(axis, o));
+    }
+};
+
+template <typename Real>
 Coordinate coordinate_of(const Call& call) {
+    using In = Coordinates<Real>;
     const std::string mode = call.node.text("coordinate_transformation_mode", "half_pixel");
-    if (mode == "half_pixel") return half_pixel;
-    if (mode == "pytorch_half_pixel") return pytorch_half_pixel;
-    if (mode == "align_corners") return align_corners;
-    if (mode == "asymmetric") return asymmetric;
-    if (mode == "tf_half_pixel_for_nn" && call.opset < 13) return tf_half_pixel_for_nn;
+    if (mode == "half_pixel") return In::half_pixel;
+    if (mode == "pytorch_half_pixel") return In::pytorch_half_pixel;
+    if (mode == "align_corners") return In::align_corners;
+    if (mode == "asymmetric") return In::asymmetric;
+    if (mode == "tf_half_pixel_for_nn" && call.opset < 13) return In::tf_half_pixel_for_nn;
     call.refuse("attribute \"coordinate_transformation_mode\" is " + in_quotes(mode) +
                 ", which is not supported");
 }
@@ -147,21 +160,26 @@ Nearest nearest_of(const Call& call) {
 
 bool is_linear(const Call& call) {
     const std::string mode = call.node.text("mode", "nearest");
-    call.require(mode == "nearest" || mode == "linear",
+    // Some exporters still give Upsample the name that its first form had.
+    const bool linear = mode == "linear" || (mode == "bilinear" && call.node.op_type == "Upsample");
+    call.require(mode == "nearest" || linear,
                  "attribute \"mode\" is " + in_quotes(mode) + ", which is not supported");
-    return mode == "linear";
+    return linear;
 }
 
 // The forms before set 11 say nothing of coordinates. All implementations take the asymmetric ones
 // and, for enlargements, the pixel at or before them; reductions they treat differently.
 void old_upsample(Call& call, const std::vector<double>& scales) {
-    if (is_linear(call)) return stretch_all(call, by_scales(call, scales), asymmetric, nullptr);
+    if (is_linear(call)) {
+        return stretch_all(call, by_scales(call, scales), Coordinates<double>::asymmetric, nullptr);
+    }
     for (const double scale : scales) {
         call.require(
             scale >= 1 || 1 / scale == std::floor(1 / scale),
             "a scale of " + std::to_string(scale) + " leaves open which pixels are the nearest");
     }
-    stretch_all(call, by_scales(call, scales), asymmetric, [](double x) { return std::floor(x); });
+    stretch_all(call, by_scales(call, scales), Coordinates<float>::asymmetric,
+                [](double x) { return std::floor(x); });
 }
 
 std::vector<double> scales_of(const Call& call, size_t index) {
@@ -208,7 +226,8 @@ void resize(Call& call) {
                 {dims[i], sizes[i], static_cast<double>(sizes[i]) / static_cast<double>(dims[i])});
         }
     }
-    stretch_all(call, axes, coordinate_of(call), is_linear(call) ? Nearest() : nearest_of(call));
+    if (is_linear(call)) return stretch_all(call, axes, coordinate_of<double>(call), nullptr);
+    stretch_all(call, axes, coordinate_of<float>(call), nearest_of(call));
 }
 
 namespace {

@@ -26,16 +26,79 @@ struct ResizedAxis {
         return (x + 0.5) / scale - 0.5;
     }
 
+    /// The same in float, the type of the scales, as the runtimes of such graphs compute it: 6
+    /// / 1.2 is 5, while 6 / 1.2000000477 in double is a little less, which a floor makes a 4.
+    float place_in_float(int at) const {
+        const auto x = static_cast<float>(at);
+        const auto by = static_cast<float>(scale);
+        if (corner == "asymmetric") return x / by;
+        if (corner == "align_corners") {
+            if (out == 1) return 0.0f;
+            return x * static_cast<float>(in - 1) / static_cast<float>(out - 1);
+        }
+        if (corner == "pytorch_half_pixel" && out == 1) return 0.0f;
+        const float from_edge = (x + 0.5f) / by;
+        return corner == "tf_half_pixel_for_nn" ? from_edge : from_edge - 0.5f;
+    }
+
     /// Which input the nearest one is.
     int nearest(int at, const std::string& rounding) const {
+        return rounded(static_cast<double>(place_in_float(at)), rounding);
+    }
+
+    /// The input that a place between inputs is rounded to.
+    int rounded(double x, const std::string& rounding) const {
+        double whole = std::floor(x);
+        if (rounding == "ceil") whole = std::ceil(x);
+        if (rounding == "round_prefer_floor") whole = std::ceil(x - 0.5);
+        if (rounding == "round_prefer_ceil") whole = std::floor(x + 0.5);
+        return static_cast<int>(std::clamp(whole, 0.0, static_cast<double>(in - 1)));
+    }
+
+    /// Whether an output lies so near to where one input ends and the next begins that another
+    /// order of roundings takes the other one: a quotient, a product with the reciprocal, and the
+    /// factor before it became a float are apart by up to three roundings. A quotient that lies
+    /// there to the last bit is the same everywhere, a product with the reciprocal need not be: 41
+    /// times the float next to 1 / 41 is less than 1.
+    bool is_open(int at, const std::string& rounding, int& low, int& high) const {
         const double x = place(at);
-        double rounded = std::floor(x);
-        if (rounding == "ceil") rounded = std::ceil(x);
-        if (rounding == "round_prefer_floor") rounded = std::ceil(x - 0.5);
-        if (rounding == "round_prefer_ceil") rounded = std::floor(x + 0.5);
-        return static_cast<int>(std::clamp(rounded, 0.0, static_cast<double>(in - 1)));
+        const double steps = rounding == "floor" || rounding == "ceil" ? x : x + 0.5;
+        low = high = nearest(at, rounding);
+        if (steps != std::floor(steps)) {
+            const double reach = 4 * 0x1p-24 * (std::fabs(x) + 0.5);
+            low = rounded(x - reach, rounding);
+            high = rounded(x + reach, rounding);
+        } else if (corner == "asymmetric") {
+            const float product = static_cast<float>(at) * static_cast<float>(1.0 / scale);
+            low = std::min(low, rounded(static_cast<double>(product), rounding));
+            high = std::max(high, rounded(static_cast<double>(product), rounding));
+        }
+        return low != high;
     }
 };
+
+/// What is to be told where rounding decides; empty when it does nowhere.
+std::string open_places(const ResizedAxis& axis, const std::string& rounding, bool rows) {
+    if (axis.in == axis.out && axis.scale == 1.0) return {};
+    constexpr int told = 16;
+    const std::string name = rows ? "row" : "column";
+    int count = 0;
+    std::string places;
+    std::string example;
+    for (int i = 0; i < axis.out; ++i) {
+        int low = 0;
+        int high = 0;
+        if (!axis.is_open(i, rounding, low, high) || ++count > told) continue;
+        places += (count > 1 ? ", " : "") + std::to_string(i);
+        if (count > 1) continue;
+        example = name + " " + std::to_string(i) + " is pixel " + std::to_string(low) + " or " +
+                  std::to_string(high) + ", here " + std::to_string(axis.nearest(i, rounding));
+    }
+    if (count == 0) return {};
+    if (count > told) places += " and " + std::to_string(count - told) + " more";
+    return name + (count > 1 ? "s " : " ") + places + " at scale " + number_text(axis.scale) +
+           ": which of two pixels is taken depends on rounding; " + example;
+}
 
 /// The whole factor by which an axis grows; 0 when there is none.
 int growth(const ResizedAxis& axis) {
@@ -97,7 +160,8 @@ void Lowering::resize() {
             "a tensor of 3 or 4 dimensions expected, found " + text_of(data.dims));
     const bool old = node().op_type == "Upsample" || graph.opset < 11;
     std::string mode = node().text("mode", "nearest");
-    if (mode == "bilinear") mode = "linear";
+    // Upsample's first form had this name for it.
+    if (mode == "bilinear" && node().op_type == "Upsample") mode = "linear";
     require(mode == "nearest" || mode == "linear",
             "mode nearest or linear expected, found " + in_quotes(mode));
     std::string corner = "asymmetric";
@@ -154,6 +218,10 @@ void Lowering::resize() {
     const ResizedAxis& x = axes[1];
 
     if (mode == "nearest") {
+        for (const bool rows : {true, false}) {
+            const std::string open = open_places(rows ? y : x, rounding, rows);
+            if (!open.empty()) note(open);
+        }
         int from_y = 0;
         int from_x = 0;
         const Step step_y = nearest_step(y, rounding, from_y);

@@ -125,6 +125,37 @@ TEST(EvaluatorUpsample, IsAsymmetricAndTakesThePixelBefore) {
         .is_refused("not part of operator set 10");
 }
 
+TEST(EvaluatorUpsample, HasAnotherNameForLinear) {
+    OneNode("Upsample", 9)
+        .reals({1, 2}, {0, 4})
+        .reals({2}, {1, 2})
+        .with("mode", "bilinear")
+        .gives({1, 4}, {0, 2, 4, 4});
+    resize({1, 2}, 2).with("mode", "bilinear").is_refused("\"bilinear\"");
+}
+
+// Scales whose quotients are whole in float and a little less in double, or a little more.
+TEST(EvaluatorResize, ComputesCoordinatesOfNearestPixelsInFloat) {
+    const auto last_of = [](int64_t in, float scale, int64_t out, const char* corner,
+                            const char* rounding) {
+        Numbers row;
+        for (int64_t i = 0; i < in; ++i) row.push_back(static_cast<double>(i));
+        OneNode node = resize(row, static_cast<double>(scale), 11);
+        node.with("coordinate_transformation_mode", corner).with("nearest_mode", rounding);
+        const Tensor result = node.result();
+        return result.number(static_cast<size_t>(out));
+    };
+    EXPECT_EQ(last_of(10, 1.2f, 6, "asymmetric", "floor"), 5);
+    // 5.5 / 1.1 is 5.
+    EXPECT_EQ(last_of(10, 1.1f, 5, "tf_half_pixel_for_nn", "floor"), 5);
+    EXPECT_EQ(last_of(10, 1.1f, 5, "half_pixel", "round_prefer_ceil"), 5);
+    EXPECT_EQ(last_of(10, 1.1f, 5, "pytorch_half_pixel", "round_prefer_floor"), 4);
+    // Of sets before 11, too.
+    EXPECT_EQ(
+        resize({0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, static_cast<double>(1.2f), 10).result().number(6),
+        5);
+}
+
 TEST(EvaluatorResize, OfSet10LeavesReductionsByFractionsOpen) {
     resize({1, 2, 3, 4}, 0.5, 10).gives({1, 2}, {1, 3});
     resize({1, 2, 3, 4}, 0.75, 10).is_refused("leaves open");
