@@ -100,6 +100,18 @@ std::string open_places(const ResizedAxis& axis, const std::string& rounding, bo
            ": which of two pixels is taken depends on rounding; " + example;
 }
 
+/// The first input behind which the engine, which doubles by a running sum of floats, takes the
+/// wrong pair of neighbours with aligned corners; 0 when there is none. The last outputs lie
+/// 1 / (2n - 1) behind an input, and from n = 377 on the sum may have fallen behind by that.
+int overtaken(int inputs) {
+    const auto step = static_cast<float>((inputs - 1.0) / (2.0 * inputs - 1.0));
+    float position = step;
+    for (int i = 0; i + 1 < inputs; ++i, position += 2.0f * step) {
+        if (static_cast<int>(position) != i) return i;
+    }
+    return 0;
+}
+
 /// The whole factor by which an axis grows; 0 when there is none.
 int growth(const ResizedAxis& axis) {
     return axis.out % axis.in == 0 ? axis.out / axis.in : 0;
@@ -271,6 +283,25 @@ void Lowering::resize() {
         // left as they were.
         const bool pixels = y.in > 1 && x.in > 1;
         if (native && pixels) {
+            if (corner == "align_corners" && factor == 2) {
+                for (const ResizedAxis* axis : {&y, &x}) {
+                    const int behind = overtaken(axis->in);
+                    require(behind == 0,
+                            "sides whose running positions in the engine stay in step "
+                            "expected for align_corners, found " +
+                                std::to_string(axis->in) + ", out of step at pixel " +
+                                std::to_string(behind));
+                }
+                // n sums at positions up to n, each off by 2^-24 of that: beyond what a half
+                // resolves it is worth a word.
+                const double sums = std::max(y.in, x.in);
+                if (sums * sums * 0x1p-24 > 0x1p-11) {
+                    note(
+                        "the engine adds its positions up in float: with aligned corners they are "
+                        "off by up to " +
+                        number_text(sums * sums * 0x1p-24) + " of the step between two pixels");
+                }
+            }
             give(dims, emitter.upsampling(blob, factor, true, corner == "align_corners"));
             return;
         }

@@ -127,6 +127,77 @@ void shake_mean(const Node& node, double terms, const std::vector<int64_t>& dims
     result.nodes.push_back(std::move(mean));
 }
 
+// How far the engine's positions may be off along an axis of n inputs with aligned corners, as a
+// part of the position itself; `times` is how many times as many outputs there are.
+//
+// By 4 and 8 a position is the product of the output's number and a step, which is a quotient: two
+// roundings of 2^-24.
+//
+// By 2 it is a running sum from the step s in steps of 2s, s being just below a half. After k sums
+// it is at about k: the sums rounded by up to 1 * 2^-24, 2 * 2^-24 ... k * 2^-24, together
+// k * (k + 1) / 2 * 2^-24, of k that is (n / 2 + 1) * 2^-24 at most. s is off by 2^-24 of itself,
+// and the second of the two outputs in a gap adds s once more. (n / 2 + 3) * 2^-24 holds them all;
+// the sums alone have been seen to reach 0.45 of it.
+double position_reach(int64_t n, int64_t times) {
+    return (times == 2 ? static_cast<double>(n) / 2 + 3 : 2.0) * FLOAT_UNIT;
+}
+
+bool is_aligned(const Node& node) {
+    return node.op_type == "Resize" && node.text("mode", "nearest") == "linear" &&
+           node.text("coordinate_transformation_mode", "half_pixel") == "align_corners";
+}
+
+// Moves the positions of a linear resize with aligned corners by as much as the engine's may be
+// off. The result then differs by that times the differences of neighbours, with their signs, as
+// the engine's does, whose positions are those of all channels, and all that follows is computed
+// with it. Output o lies at o * (n - 1) / (m - 1): the same as asymmetric coordinates have by a
+// scale of (m - 1) / (n - 1), which may be a little less or more. The size that belongs to the
+// scale is a little larger, so what is over is cut off. Rows and columns are moved in directions of
+// their own; where both should have pulled together and the draw has them against each other, the
+// change is still what the larger one does, no less than half: as with means, the bound is to be
+// twice the worst.
+bool shake_positions(const Node& node, const Tensor& data, const Tensor& output,
+                     std::mt19937& engine, Graph& result) {
+    const std::vector<int64_t>& in = data.dims;
+    const std::vector<int64_t>& out = output.dims;
+    std::vector<double> scales(in.size(), 1.0);
+    std::vector<int64_t> axes;
+    std::vector<int64_t> ends;
+    for (size_t i = 0; i < in.size() && in.size() == out.size(); ++i) {
+        if (in[i] < 2 || out[i] <= in[i] || out[i] % in[i] != 0) continue;
+        const double reach = 2.0 / DRAWS * position_reach(in[i], out[i] / in[i]);
+        const double share = (engine() & 1) != 0 ? reach : -reach;
+        scales[i] =
+            static_cast<double>(out[i] - 1) / static_cast<double>(in[i] - 1) / (1.0 + share);
+        axes.push_back(static_cast<int64_t>(i));
+        ends.push_back(out[i]);
+    }
+    if (axes.empty()) return false;
+    const std::string name = node.outputs[0] + ", its positions";
+    const auto count = static_cast<int64_t>(axes.size());
+    result.initializers[name + ", scales"] =
+        Tensor::of_doubles({static_cast<int64_t>(in.size())}, std::move(scales));
+    result.initializers[name + ", starts"] =
+        Tensor::of_integers({count}, std::vector<int64_t>(axes.size(), 0), ElementType::Int64);
+    result.initializers[name + ", ends"] =
+        Tensor::of_integers({count}, std::move(ends), ElementType::Int64);
+    result.initializers[name + ", axes"] =
+        Tensor::of_integers({count}, std::move(axes), ElementType::Int64);
+    Node moved = node;
+    Attribute& corner = moved.attributes["coordinate_transformation_mode"];
+    corner.strings = {"asymmetric"};
+    moved.inputs = {node.inputs[0], "", name + ", scales"};
+    moved.outputs = {name};
+    result.nodes.push_back(std::move(moved));
+    Node cut;
+    cut.name = node.name;
+    cut.op_type = "Slice";
+    cut.inputs = {name, name + ", starts", name + ", ends", name + ", axes"};
+    cut.outputs = node.outputs;
+    result.nodes.push_back(std::move(cut));
+    return true;
+}
+
 // `values` are those of the graph, for the shapes.
 Graph perturbed(const Graph& graph, double slack, const Values& values,
                 const std::map<std::string, Tensor>& inputs) {
@@ -146,6 +217,13 @@ Graph perturbed(const Graph& graph, double slack, const Values& values,
         if (terms > 0) {
             shake_mean(node, terms, data->dims, engine, result);
             continue;
+        }
+        if (data != nullptr && is_aligned(node)) {
+            const auto output = values.find(node.outputs[0]);
+            if (output != values.end() &&
+                shake_positions(node, *data, output->second, engine, result)) {
+                continue;
+            }
         }
         result.nodes.push_back(node);
         const bool has_weights = node.op_type == "Conv" || node.op_type == "ConvTranspose" ||
