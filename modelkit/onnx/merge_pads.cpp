@@ -6,6 +6,13 @@
 
 namespace modelkit::onnx {
 
+namespace {
+
+/// The fields of the format hold no more, and sums of two stay far from overflowing.
+constexpr int64_t MOST_PADDING = 65535;
+
+}  // namespace
+
 std::optional<PadNode> pad_of(const Graph& graph, const Node& node) {
     PadNode result;
     result.mode = node.text("mode", "constant");
@@ -25,7 +32,7 @@ std::optional<PadNode> pad_of(const Graph& graph, const Node& node) {
     }
     if (result.pads.empty() || result.pads.size() % 2 != 0) return {};
     for (const int64_t pad : result.pads) {
-        if (pad < -65535 || pad > 65535) return {};
+        if (pad < -MOST_PADDING || pad > MOST_PADDING) return {};
     }
     return result;
 }
@@ -51,7 +58,10 @@ bool merge_into(Node& layer, const PadNode& pad) {
     if (automatic == "NOTSET") pads = layer.integers("pads", pads);
     if (pads.size() != 2 * spatial) return false;
     bool padded = false;
-    for (const int64_t own : pads) padded = padded || own != 0;
+    for (const int64_t own : pads) {
+        if (own < 0 || own > MOST_PADDING) return false;
+        padded = padded || own != 0;
+    }
     for (size_t i = 0; i < rank; ++i) {
         const int64_t begin = pad.pads[i];
         const int64_t end = pad.pads[rank + i];

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -452,6 +453,31 @@ TEST(DropoutAttributes, InTrainingOrWithItsMaskItIsRefused) {
     expect_refused(dropout(true, false), "d\" (Dropout)",
                    "a dropout that is not in training expected");
     expect_refused(dropout(false, true), "d\" (Dropout)", "the mask of a dropout is not supported");
+}
+
+// Sums with such numbers would leave 64 bits.
+TEST(Attributes, OfTheLargestIntegersAreRefused) {
+    constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
+    constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
+    for (const int64_t size : {LOWEST, HIGHEST}) {
+        MadeModel model(13);
+        model.input("x", {1, 1, 4, 4})
+            .output("y")
+            .floats("w", {1, 1, 3, 3}, std::vector<float>(9, 0.5f));
+        model.node("ConvTranspose", {"x", "w"}, {"y"}, {{"output_shape", Ints{size, 4}}});
+        expect_refusal(convert_and_prove(model.bytes(), {}), "\"y\" (ConvTranspose)",
+                       "an output_shape of 1 to 65535 expected");
+    }
+    for (const int64_t pad : {LOWEST, HIGHEST}) {
+        MadeModel model(10);
+        model.input("x", {1, 1, 4, 4})
+            .output("y")
+            .floats("w", {1, 1, 3, 3}, std::vector<float>(9, 0.5f));
+        model.node("Pad", {"x"}, {"p"}, {{"pads", Ints{0, 0, 1, 1, 0, 0, 1, 1}}});
+        model.node("Conv", {"p", "w"}, {"y"}, {{"pads", Ints{pad, 0, 0, 0}}});
+        expect_refusal(convert_and_prove(model.bytes(), {}), "\"y\" (Conv)",
+                       "pads of 0 to 65535 expected");
+    }
 }
 
 }  // namespace
