@@ -197,9 +197,9 @@ bool Lowering::fold_shape() {
 // The tensor of an output is what the graph says, in as many dimensions as the engine can tell.
 void Lowering::finish_outputs() {
     std::set<int> inputs;
-    for (const ValueInfo& input : graph.inputs) inputs.insert(made[input.name].blob.layer);
+    for (const ValueInfo& input : graph.inputs) inputs.insert(made.at(input.name).blob.layer);
     for (const ValueInfo& output : graph.outputs) {
-        Value& value = made[output.name];
+        Value value = made.at(output.name);
         const Extent& size = value.blob.size;
         const bool is_flat = value.dims.size() <= 2 && size.h * size.w > 1 && size.c > 1 &&
                              (value.dims.size() < 2 || value.dims[0] == 1);
@@ -207,10 +207,17 @@ void Lowering::finish_outputs() {
             emitter.begin_node(printable(output.name));
             value.blob = emitter.row(value.blob);
         }
-        if (inputs.count(value.blob.layer) == 0) continue;
-        emitter.begin_node(printable(output.name));
-        Affine used;
-        value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
+        if (inputs.count(value.blob.layer) != 0) {
+            emitter.begin_node(printable(output.name));
+            Affine used;
+            value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
+        }
+        finished[output.name] = value;
+    }
+    // An input that is an output as well has two layers under one name: the value keeps the
+    // input's.
+    for (const auto& [name, value] : finished) {
+        if (inputs.count(made.at(name).blob.layer) == 0) made[name] = value;
     }
 }
 

@@ -63,6 +63,8 @@ public:
 
     /// The layer and size of each value that has them.
     const std::unordered_map<std::string, Value>& values() const { return made; }
+    /// The same for the graph's outputs. One that is an input as well has a layer for each.
+    const std::unordered_map<std::string, Value>& outputs() const { return finished; }
     /// Limits that the engine has where ONNX has none; no conversion is refused for them.
     const std::vector<std::string>& notes() const { return all_notes; }
     /// Sum of the relative changes of constants that `rounded` does not show.
@@ -204,6 +206,7 @@ private:
     size_t at = 0;
     std::set<size_t> done;
     std::unordered_map<std::string, Value> made;
+    std::unordered_map<std::string, Value> finished;
     std::vector<std::string> all_notes;
     double unshown = 0;
 };

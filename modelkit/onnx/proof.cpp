@@ -211,6 +211,11 @@ public:
                 c = record.out_shape->channels;
                 h = static_cast<int>(input.dims[2]);
                 w = static_cast<int>(input.dims[3]);
+            } else if (record.type != ZQLayerType_TensorInput) {
+                return Status::failure("layer " + std::to_string(input.layer) +
+                                       " of the converted model is expected to be the input " +
+                                       in_quotes(input.name) + ", found one of type " +
+                                       std::to_string(record.type));
             } else {
                 const auto& shape = static_cast<const ZQLayerInfo_TensorInput&>(record).out_tensor;
                 c = shape.dims[0];
