@@ -22,7 +22,7 @@ Range of_activation(int type, const Range& range) {
         case ActivationType_ReLU6:
             return {std::clamp(range.low, 0.0, 6.0), std::clamp(range.high, 0.0, 6.0)};
         case ActivationType_LeakyReLU:
-            return {std::min(range.low, range.low * 0.1), range.high};
+            return {std::min(range.low, range.low * 0.1), std::max(range.high, range.high * 0.1)};
         case ActivationType_Sigmoid:
         case ActivationType_SoftMax:
             return {0.0, 1.0};
