@@ -222,6 +222,7 @@ Blob Emitter::finish(Record& record, const Extent& size, const Range& range,
     require(added.ok(), added.message());
     current.id = id;
     current.type = record.type;
+    current.elements = size.elements();
     current.node = node;
     if (squared_weights > 0) current.mean_error = std::sqrt(squared_errors / squared_weights);
     reports.push_back(current);

@@ -109,8 +109,11 @@ private:
 
     // Layers that make other divisions of the same numbers.
     static Extent extent_of(const Dims& dims);
+    /// The value divided as its dimensions say.
     Blob map_of(const Value& value);
+    Blob in_rows(const Blob& blob, int rows);
     Blob channels_of(const Blob& blob);
+    /// The numbers in so many channels, each divided in whatever way.
     Blob rows_of(const Blob& blob, int rows);
 
     // Layers that move numbers without changing them.
@@ -121,6 +124,7 @@ private:
     Blob broadcast(Blob blob, const Extent& size);
     /// Along channels, rows or columns; one channel is no first tensor for it.
     Blob join(const std::vector<Blob>& blobs, int axis);
+    Blob joined(const std::vector<Blob>& first, int axis);
 
     // lower_convolution.cpp
     void conv();
@@ -215,6 +219,8 @@ private:
 size_t axis_of(int64_t axis, size_t rank);
 /// A number that must fit 0 to 65535, the fields of the format.
 int small(int64_t value, const char* what);
+/// Refuses what would be put together of too many lines.
+void require_pieces(int64_t count);
 std::vector<float> floats_of(const Tensor& tensor);
 /// Up to six digits, "1e+06", "-inf".
 std::string number_text(double number);

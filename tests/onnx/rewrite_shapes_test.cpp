@@ -11,8 +11,8 @@
 namespace {
 
 using onnx_test::convert_and_prove;
-using onnx_test::convert_only;
 using onnx_test::Converted;
+using onnx_test::Dims;
 using onnx_test::expect_numbers;
 using onnx_test::expect_proof;
 using onnx_test::Ints;
@@ -135,6 +135,55 @@ TEST(ConstantArithmetic, OfFloatsIsRoundedByTheEvaluatorNodeByNode) {
     OneNode doubles("Mul");
     doubles.reals({}, {10.0}).reals({}, {static_cast<double>(0.7f)});
     doubles.gives({}, {10.0 * static_cast<double>(0.7f)});
+}
+
+// A value of [1, 4, 16] that the engine still has as 4x2x8.
+MadeModel reshaped_from(const Dims& picture, const Dims& dims) {
+    MadeModel model;
+    model.input("x", picture).output("y").integers("dims", dims);
+    model.node("Reshape", {"x", "dims"}, {"r"});
+    return model;
+}
+
+void expect_by_evaluator(const MadeModel& model) {
+    const Converted result = convert_and_prove(model.bytes());
+    expect_proof(result);
+    EXPECT_TRUE(result.proof.holds());
+}
+
+TEST(Division, AReshapedTensorIsDividedAgainWhereRowsOrColumnsCount) {
+    const Dims pictures[] = {{1, 4, 2, 8}, {1, 1, 4, 16}, {1, 64, 1, 1}, {1, 4, 16, 1}};
+    for (const Dims& picture : pictures) {
+        SCOPED_TRACE(testing::PrintToString(picture));
+        const auto made = [&] { return reshaped_from(picture, {1, 4, 16}); };
+        if (picture[1] != 1) {
+            expect_by_evaluator(made().random("o", {1, 4, 16}, 5).node("Add", {"r", "o"}, {"y"}));
+            MadeModel joined = made();
+            joined.node("Concat", {"r", "r"}, {"y"}, {{"axis", 2}});
+            expect_by_evaluator(joined);
+            MadeModel sliced = made();
+            sliced.integers("from", {3}).integers("to", {11}).integers("axis", {2});
+            sliced.node("Slice", {"r", "from", "to", "axis"}, {"y"});
+            expect_by_evaluator(sliced);
+            MadeModel convolved = made();
+            convolved.random("w", {3, 4, 3}, 6);
+            convolved.node("Conv", {"r", "w"}, {"y"}, {{"pads", Ints{1, 1}}});
+            expect_by_evaluator(convolved);
+            MadeModel pooled = made();
+            pooled.node("MaxPool", {"r"}, {"y"}, {{"kernel_shape", Ints{3}}});
+            expect_by_evaluator(pooled);
+            MadeModel padded = made();
+            padded.integers("pads", {0, 0, 2, 0, 0, 1}).node("Pad", {"r", "pads"}, {"y"});
+            expect_by_evaluator(padded);
+        }
+    }
+    // Rows out of one line, and other rows of as many pixels.
+    for (const Dims& picture : {Dims{1, 3, 1, 12}, Dims{1, 3, 2, 6}, Dims{1, 1, 4, 9}}) {
+        SCOPED_TRACE(testing::PrintToString(picture));
+        MadeModel model = reshaped_from(picture, {1, picture[1], 3, -1});
+        model.node("MaxPool", {"r"}, {"y"}, {{"kernel_shape", Ints{2, 2}}});
+        expect_by_evaluator(model);
+    }
 }
 
 }  // namespace
