@@ -92,16 +92,17 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
         result.notes.insert(result.notes.end(), lowering.notes().begin(), lowering.notes().end());
         result.slack = lowering.slack();
         for (const LayerReport& layer : result.layers) result.names.layers[layer.id] = layer.node;
-        const auto named = [&](const std::vector<ValueInfo>& infos) {
+        const auto named = [](const std::vector<ValueInfo>& infos,
+                              const std::unordered_map<std::string, Value>& values) {
             std::vector<ModelNames::Tensor> tensors;
             for (const ValueInfo& info : infos) {
-                const Value& value = lowering.values().at(info.name);
+                const Value& value = values.at(info.name);
                 tensors.push_back({value.blob.layer, value.dims, info.name});
             }
             return tensors;
         };
-        result.names.inputs = named(graph.inputs);
-        result.names.outputs = named(graph.outputs);
+        result.names.inputs = named(graph.inputs, lowering.values());
+        result.names.outputs = named(graph.outputs, lowering.outputs());
         for (const auto& [name, value] : lowering.values()) {
             if (value.zero_border != 0) continue;
             result.value_layers[name] = value.blob.layer;

@@ -22,7 +22,7 @@ Range of_activation(int type, const Range& range) {
         case ActivationType_ReLU6:
             return {std::clamp(range.low, 0.0, 6.0), std::clamp(range.high, 0.0, 6.0)};
         case ActivationType_LeakyReLU:
-            return {std::min(range.low, range.low * 0.1), range.high};
+            return {std::min(range.low, range.low * 0.1), std::max(range.high, range.high * 0.1)};
         case ActivationType_Sigmoid:
         case ActivationType_SoftMax:
             return {0.0, 1.0};
@@ -222,6 +222,7 @@ Blob Emitter::finish(Record& record, const Extent& size, const Range& range,
     require(added.ok(), added.message());
     current.id = id;
     current.type = record.type;
+    current.elements = size.elements();
     current.node = node;
     if (squared_weights > 0) current.mean_error = std::sqrt(squared_errors / squared_weights);
     reports.push_back(current);

@@ -61,6 +61,7 @@ struct LayerReport {
     int id = 0;
     unsigned short type = 0;
     std::string node;          ///< name of the ONNX node
+    int64_t elements = 0;      ///< of its output
     int64_t weights = 0;       ///< how many numbers were rounded to halves
     double largest_error = 0;  ///< largest change of a weight, relative to the largest weight
     double mean_error = 0;     ///< root of the summed squared changes over that of the weights

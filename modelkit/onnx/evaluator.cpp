@@ -247,14 +247,36 @@ const Form& checked_form(const Node& node, int opset) {
     return form;
 }
 
+// Whether a constant node computes in double: files hold floats unless they say so.
+bool gives_doubles(const Node& node, const std::vector<const Tensor*>& inputs) {
+    constexpr int64_t DOUBLE = 11;
+    if (node.op_type == "Cast") return node.integer("to", 0) == DOUBLE;
+    if (node.op_type == "ConstantOfShape") {
+        const Attribute* value = node.find("value", Attribute::Kind::Tensor);
+        return value != nullptr && value->tensor.type == ElementType::Double;
+    }
+    return std::any_of(inputs.begin(), inputs.end(), [](const Tensor* input) {
+        return input != nullptr && input->type == ElementType::Double;
+    });
+}
+
+Tensor as_floats(Tensor tensor) {
+    std::vector<float> values(tensor.size());
+    tensor.floats(0, 1, values.size(), values.data());
+    return Tensor::of_floats(std::move(tensor.dims), std::move(values));
+}
+
+// `constants`: the values that were computed from constants and shapes so far.
 void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& values,
-         EvaluationLimits& left) {
+         std::set<std::string>& constants, EvaluationLimits& left) {
     const Form& form = checked_form(node, graph.opset);
     std::vector<const Tensor*> inputs;
+    bool constant = true;
     for (const std::string& name : node.inputs) {
         const Tensor* tensor = nullptr;
         if (const auto value = values.find(name); value != values.end()) {
             tensor = &value->second;
+            constant = constant && constants.count(name) != 0;
         } else if (const auto weight = graph.initializers.find(name);
                    weight != graph.initializers.end()) {
             tensor = &weight->second;
@@ -264,6 +286,11 @@ void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& va
         }
         inputs.push_back(name.empty() ? nullptr : tensor);
     }
+    constant = constant || node.op_type == "Shape" || node.op_type == "Size";
+    // A Constant of doubles hands its tensor out as it is, so the list of numbers is of floats.
+    const bool doubles = node.op_type == "Constant"
+                             ? node.find("value", Attribute::Kind::Tensor) != nullptr
+                             : gives_doubles(node, inputs);
     Call call(node, graph.opset, std::move(inputs), left);
     form.operation(call);
     for (size_t i = 0; i < node.outputs.size(); ++i) {
@@ -271,7 +298,13 @@ void run(const Graph& graph, const Node& node, std::map<std::string, Tensor>& va
         if (call.outputs[i].type == ElementType::Undefined) {
             throw Refusal{"output " + std::to_string(i) + " is not supported"};
         }
-        values[node.outputs[i]] = std::move(call.outputs[i]);
+        Tensor& result = call.outputs[i];
+        if (constant) {
+            constants.insert(node.outputs[i]);
+            if (result.type == ElementType::Double && !doubles)
+                result = as_floats(std::move(result));
+        }
+        values[node.outputs[i]] = std::move(result);
     }
 }
 
@@ -315,14 +348,15 @@ Status evaluate_within(EvaluationLimits& left, const Graph& graph,
     const Status taken = take_inputs(graph, inputs, values);
     if (!taken) return taken;
     const std::set<std::string> unread = unread_places(graph);
+    std::set<std::string> constants;
     for (const Node& node : graph.nodes) {
         try {
             if (names_places(node) && unread.count(node.outputs[1]) != 0) {
                 Node maxima = node;
                 maxima.outputs.resize(1);
-                run(graph, maxima, values, left);
+                run(graph, maxima, values, constants, left);
             } else {
-                run(graph, node, values, left);
+                run(graph, node, values, constants, left);
             }
         } catch (const Refusal& refusal) {
             return failure_of(node, refusal.reason);

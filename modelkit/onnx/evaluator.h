@@ -22,6 +22,11 @@ struct EvaluationLimits {
 /// of the converter. All floating-point arithmetic is in double, integer arithmetic in 64 bits that
 /// wrap around; a cast to a narrower floating-point type rounds nothing.
 ///
+/// What is computed from constants and shapes alone is a Float tensor, rounded to floats node by
+/// node as its type says, unless it comes from doubles or is cast to them. Such numbers become
+/// sizes and indices: the floor of 10 * 0.7f is 7 in floats and 6 in doubles, and the graph
+/// means 7.
+///
 /// `inputs` has a tensor for each of `graph.inputs`, of the declared shape where the graph gives
 /// numbers. `values` receives the inputs and every output of every node by name (initializers are
 /// not copied); on failure it holds what was computed before the node that failed. The order of

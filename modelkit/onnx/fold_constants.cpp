@@ -14,14 +14,6 @@ constexpr int64_t MORE_HELD = int64_t{1} << 22;
 constexpr int64_t MORE_COMPUTED = int64_t{1} << 26;
 constexpr int64_t MOST_STEPS = int64_t{1} << 32;
 
-// The weights of a model are floats, whatever they were computed in.
-Tensor as_floats(Tensor tensor) {
-    if (!std::holds_alternative<std::vector<double>>(tensor.values)) return tensor;
-    std::vector<float> values(tensor.size());
-    tensor.floats(0, 1, values.size(), values.data());
-    return Tensor::of_floats(std::move(tensor.dims), std::move(values));
-}
-
 }  // namespace
 
 int64_t constant_elements(const Graph& graph) {
@@ -101,7 +93,7 @@ bool ConstantFolder::fold(const Node& node) {
         if (output.empty()) continue;
         const auto count = readers.find(output);
         if (count == readers.end() || count->second == 0) continue;
-        hold(output, as_floats(std::move(values[output])));
+        hold(output, std::move(values[output]));
     }
     return true;
 }

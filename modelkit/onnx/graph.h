@@ -48,7 +48,7 @@ struct BFloat16 {
 ///
 /// Numbers with a fraction are kept as the file has them and all integral types as `int64_t` (a
 /// Uint64 above INT64_MAX is refused by the reader). What is computed by the evaluator is Double,
-/// or Int64 and Bool where the operator yields integers.
+/// of constants alone Float, or Int64 and Bool where the operator yields integers.
 struct Tensor {
     using Values = std::variant<std::vector<float>, std::vector<double>, std::vector<int64_t>,
                                 std::vector<Float16>, std::vector<BFloat16>>;

@@ -144,6 +144,9 @@ Blob Lowering::without_padding(Blob blob, const AxisWindow& axis, bool rows) {
     if (blob.size.c == 1) {
         return pick_channels(without_padding(pick_channels(blob, {0, 0}), axis, rows), {0});
     }
+    int64_t pieces = 1;
+    for (int64_t i = 1; i < places; ++i) pieces += pixels(i) != pixels(i - 1) ? 1 : 0;
+    require_pieces(pieces);
     std::vector<Blob> parts;
     for (int64_t i = 0; i < places;) {
         int64_t end = i + 1;

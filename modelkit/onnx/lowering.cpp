@@ -13,6 +13,9 @@ namespace {
 // A layer that only moves numbers may need a weight for each pair of its ends; beyond this a file
 // would be mostly zeros.
 constexpr int64_t MOST_MOVING_WEIGHTS = int64_t{1} << 24;
+// What is put together line by line has a layer for each piece, on as many numbers as the whole
+// has.
+constexpr int64_t MOST_PIECES = 1024;
 constexpr int64_t MOST_INPUTS = int64_t{1} << 28;
 
 }  // namespace
@@ -28,6 +31,13 @@ int small(int64_t value, const char* what) {
     require(value >= 0 && value <= 65535,
             std::string(what) + " of 0 to 65535 expected, found " + std::to_string(value));
     return static_cast<int>(value);
+}
+
+void require_pieces(int64_t count) {
+    require(count <= MOST_PIECES,
+            "at most " + std::to_string(MOST_PIECES) +
+                " pieces of rows or columns to put together expected, found " +
+                std::to_string(count));
 }
 
 std::string number_text(double number) {
@@ -197,9 +207,9 @@ bool Lowering::fold_shape() {
 // The tensor of an output is what the graph says, in as many dimensions as the engine can tell.
 void Lowering::finish_outputs() {
     std::set<int> inputs;
-    for (const ValueInfo& input : graph.inputs) inputs.insert(made[input.name].blob.layer);
+    for (const ValueInfo& input : graph.inputs) inputs.insert(made.at(input.name).blob.layer);
     for (const ValueInfo& output : graph.outputs) {
-        Value& value = made[output.name];
+        Value value = made.at(output.name);
         const Extent& size = value.blob.size;
         const bool is_flat = value.dims.size() <= 2 && size.h * size.w > 1 && size.c > 1 &&
                              (value.dims.size() < 2 || value.dims[0] == 1);
@@ -207,10 +217,17 @@ void Lowering::finish_outputs() {
             emitter.begin_node(printable(output.name));
             value.blob = emitter.row(value.blob);
         }
-        if (inputs.count(value.blob.layer) == 0) continue;
-        emitter.begin_node(printable(output.name));
-        Affine used;
-        value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
+        if (inputs.count(value.blob.layer) != 0) {
+            emitter.begin_node(printable(output.name));
+            Affine used;
+            value.blob = emitter.affine(value.blob, {{1.0}, {0.0}}, used);
+        }
+        finished[output.name] = value;
+    }
+    // An input that is an output as well has two layers under one name: the value keeps the
+    // input's.
+    for (const auto& [name, value] : finished) {
+        if (inputs.count(made.at(name).blob.layer) == 0) made[name] = value;
     }
 }
 
@@ -358,11 +375,42 @@ Extent Lowering::extent_of(const Dims& dims) {
 
 Blob Lowering::map_of(const Value& value) {
     const Extent wanted = extent_of(value.dims);
-    if (value.blob.size == wanted) return value.blob;
-    if (wanted.h == 1 && wanted.w == 1) return channels_of(value.blob);
-    if (wanted.h == 1) return rows_of(value.blob, wanted.c);
-    refuse("a tensor of " + text_of(wanted) + " expected, found the numbers divided as " +
-           text_of(value.blob.size) + ", and the engines reshape to rows only");
+    Blob blob = value.blob;
+    if (blob.size == wanted) return blob;
+    if (wanted.h == 1 && wanted.w == 1) {
+        blob = channels_of(blob);
+    } else if (wanted.h == 1) {
+        blob = rows_of(blob, wanted.c);
+    }
+    if (blob.size.c == wanted.c && blob.size != wanted) blob = in_rows(blob, wanted.h);
+    require(blob.size == wanted,
+            "a tensor of " + text_of(wanted) + " expected, found the numbers divided as " +
+                text_of(value.blob.size) + ", and the engines reshape to rows only");
+    return blob;
+}
+
+// The pixels of each channel in so many rows: the lines one behind the other, then cut again.
+Blob Lowering::in_rows(const Blob& blob, int rows) {
+    const Extent& size = blob.size;
+    if (size.h == rows) return blob;
+    if (size.c == 1 && rows == 1) return emitter.row(blob);
+    if (size.c == 1) return pick_channels(in_rows(pick_channels(blob, {0, 0}), rows), {0});
+    require(int64_t{size.h} * size.w % rows == 0,
+            "pixels for " + std::to_string(rows) + " rows expected, found " + text_of(size));
+    std::vector<Blob> parts;
+    if (size.h > 1) {
+        require_pieces(size.h);
+        for (int i = 0; i < size.h; ++i) {
+            parts.push_back(pad_or_crop(blob, -i, 0, i + 1 - size.h, 0));
+        }
+        return in_rows(join(parts, 2), rows);
+    }
+    require_pieces(rows);
+    const int width = size.w / rows;
+    for (int i = 0; i < rows; ++i) {
+        parts.push_back(pad_or_crop(blob, 0, -i * width, 0, (i + 1) * width - size.w));
+    }
+    return join(parts, 1);
 }
 
 // All numbers as channels: a convolution over the whole of a tensor, each output one of the inputs.
@@ -387,7 +435,7 @@ Blob Lowering::channels_of(const Blob& blob) {
     return result;
 }
 
-// The numbers as `rows` channels of one row each.
+// The numbers as `rows` channels, whose pixels lie in ONNX's order however they are divided.
 Blob Lowering::rows_of(const Blob& blob, int rows) {
     const int64_t count = blob.size.elements();
     if (rows == 1) return blob.size.c == 1 && blob.size.h == 1 ? blob : emitter.row(blob);
@@ -459,23 +507,41 @@ Blob Lowering::pick_channels(const Blob& blob, const std::vector<int>& channels)
 
 Blob Lowering::join(const std::vector<Blob>& blobs, int axis) {
     std::vector<Blob> parts = blobs;
-    while (parts.size() > 1) {
+    std::vector<Blob> next;
+    // Of channels only the first tensor must have several, so the turns start with it.
+    while (axis == 0 && parts.size() > 1) {
         const size_t count = std::min<size_t>(parts.size(), ZQ_MAX_BOTTOMS);
-        const std::vector<Blob> first(parts.begin(), parts.begin() + static_cast<long>(count));
-        Extent size = first[0].size;
-        int& side = axis == 0 ? size.c : axis == 1 ? size.h : size.w;
-        int64_t sum = 0;
-        for (const Blob& blob : first) {
-            sum += axis == 0 ? blob.size.c : axis == 1 ? blob.size.h : blob.size.w;
+        const auto end = parts.begin() + static_cast<std::ptrdiff_t>(count);
+        next.assign(1, joined({parts.begin(), end}, axis));
+        next.insert(next.end(), end, parts.end());
+        parts.swap(next);
+    }
+    // Lines in levels: in turns each of hundreds of joins would hold nearly all of them.
+    if (axis != 0) require_pieces(static_cast<int64_t>(blobs.size()));
+    while (parts.size() > 1) {
+        next.clear();
+        for (size_t i = 0; i < parts.size(); i += ZQ_MAX_BOTTOMS) {
+            const size_t count = std::min<size_t>(parts.size() - i, ZQ_MAX_BOTTOMS);
+            const auto begin = parts.begin() + static_cast<std::ptrdiff_t>(i);
+            next.push_back(joined({begin, begin + static_cast<std::ptrdiff_t>(count)}, axis));
         }
-        side = small(sum, "a side");
-        // The engine counts the axes of the first tensor, and one channel is none.
-        require(first[0].size.c > 1, "a first tensor of several channels");
-        const Blob joined = emitter.concat(first, axis, size);
-        parts.erase(parts.begin(), parts.begin() + static_cast<long>(count));
-        parts.insert(parts.begin(), joined);
+        parts.swap(next);
     }
     return parts[0];
+}
+
+Blob Lowering::joined(const std::vector<Blob>& first, int axis) {
+    if (first.size() == 1) return first[0];
+    Extent size = first[0].size;
+    int& side = axis == 0 ? size.c : axis == 1 ? size.h : size.w;
+    int64_t sum = 0;
+    for (const Blob& blob : first) {
+        sum += axis == 0 ? blob.size.c : axis == 1 ? blob.size.h : blob.size.w;
+    }
+    side = small(sum, "a side");
+    // The engine counts the axes of the first tensor, and one channel is none.
+    require(first[0].size.c > 1, "a first tensor of several channels");
+    return emitter.concat(first, axis, size);
 }
 
 // Rows or columns of a tensor in another order, some left out or taken again.
@@ -486,6 +552,9 @@ Blob Lowering::gather_lines(const Blob& blob, bool rows, const std::vector<int>&
         return pick_channels(gather_lines(two, rows, lines), {0});
     }
     const int count = rows ? blob.size.h : blob.size.w;
+    int64_t pieces = 1;
+    for (size_t i = 1; i < lines.size(); ++i) pieces += lines[i] != lines[i - 1] + 1 ? 1 : 0;
+    require_pieces(pieces);
     std::vector<Blob> parts;
     for (size_t i = 0; i < lines.size();) {
         size_t end = i + 1;

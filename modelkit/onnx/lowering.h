@@ -63,6 +63,8 @@ public:
 
     /// The layer and size of each value that has them.
     const std::unordered_map<std::string, Value>& values() const { return made; }
+    /// The same for the graph's outputs. One that is an input as well has a layer for each.
+    const std::unordered_map<std::string, Value>& outputs() const { return finished; }
     /// Limits that the engine has where ONNX has none; no conversion is refused for them.
     const std::vector<std::string>& notes() const { return all_notes; }
     /// Sum of the relative changes of constants that `rounded` does not show.
@@ -107,8 +109,11 @@ private:
 
     // Layers that make other divisions of the same numbers.
     static Extent extent_of(const Dims& dims);
+    /// The value divided as its dimensions say.
     Blob map_of(const Value& value);
+    Blob in_rows(const Blob& blob, int rows);
     Blob channels_of(const Blob& blob);
+    /// The numbers in so many channels, each divided in whatever way.
     Blob rows_of(const Blob& blob, int rows);
 
     // Layers that move numbers without changing them.
@@ -119,6 +124,7 @@ private:
     Blob broadcast(Blob blob, const Extent& size);
     /// Along channels, rows or columns; one channel is no first tensor for it.
     Blob join(const std::vector<Blob>& blobs, int axis);
+    Blob joined(const std::vector<Blob>& first, int axis);
 
     // lower_convolution.cpp
     void conv();
@@ -204,6 +210,7 @@ private:
     size_t at = 0;
     std::set<size_t> done;
     std::unordered_map<std::string, Value> made;
+    std::unordered_map<std::string, Value> finished;
     std::vector<std::string> all_notes;
     double unshown = 0;
 };
@@ -212,6 +219,8 @@ private:
 size_t axis_of(int64_t axis, size_t rank);
 /// A number that must fit 0 to 65535, the fields of the format.
 int small(int64_t value, const char* what);
+/// Refuses what would be put together of too many lines.
+void require_pieces(int64_t count);
 std::vector<float> floats_of(const Tensor& tensor);
 /// Up to six digits, "1e+06", "-inf".
 std::string number_text(double number);

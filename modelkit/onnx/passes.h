@@ -36,6 +36,9 @@ private:
     std::set<std::string> outputs;
 };
 
+/// The values that are computed from constants and from shapes: every input gives the same.
+std::set<std::string> fixed_values(const Graph& graph);
+
 /// Takes nodes out of the graph: those whose positions are in `dead`.
 void erase_nodes(Graph& graph, const std::set<size_t>& dead);
 /// Takes out nodes and initializers from which no output comes.
@@ -59,7 +62,8 @@ public:
     /// The numbers that the file has.
     int64_t own_elements() const { return own; }
 
-    /// Computes the outputs of a node; they become initializers, floating-point ones floats. False,
+    /// Computes the outputs of a node; they become initializers, floats unless they are computed
+    /// from doubles or cast to them. False,
     /// and nothing changes, when an input is no constant or the evaluator refuses.
     bool fold(const Node& node);
     /// The same for all nodes; those that were folded are gone.
@@ -83,9 +87,11 @@ private:
 };
 
 /// Whether a node hands its first input on: Identity, Dropout as it is at inference, and casts
-/// among floating-point types.
+/// among floating-point types. A cast of a constant is none where it goes to double or comes from
+/// there, since that says in how many digits the next node computes.
 bool hands_on(const Graph& graph, const Node& node);
-/// Takes out the nodes that hand their input on.
+/// Takes out the nodes that hand their input on. Casts of what is computed from shapes stay until
+/// that is folded: they make numbers with a fraction of integers.
 void remove_identities(Graph& graph);
 /// A line for each cast to fewer digits than a float has: the engines keep all digits there.
 std::vector<std::string> cast_notes(const Graph& graph);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
@@ -32,6 +33,11 @@ constexpr uint32_t HALF_DRAWS = 3;
 constexpr double HALF_MARGIN = 8.0;
 // Layers without weights: each rounds its result a few times.
 constexpr double ROUNDINGS_PER_LAYER = 4.0;
+
+// The engine keeps every layer's tensor, 4 bytes a number, and the graph's inputs and values
+// take 8.
+constexpr int64_t MOST_KEPT = int64_t{1} << 29;
+constexpr char WITHOUT_PROOF[] = "; --no-verify converts without a proof";
 
 Difference difference_of(const std::vector<double>& a, const std::vector<double>& b) {
     Difference result;
@@ -256,6 +262,31 @@ std::vector<double> numbers_of(const Values& values, const std::map<std::string,
     return input != inputs.end() ? input->second.numbers() : std::vector<double>();
 }
 
+Status require_room(const Conversion& conversion) {
+    int64_t all = 0;
+    const LayerReport* largest = nullptr;
+    for (const LayerReport& layer : conversion.layers) {
+        all += layer.elements;
+        if (largest == nullptr || layer.elements > largest->elements) largest = &layer;
+    }
+    if (all <= MOST_KEPT) return Status::success();
+    return Status::failure("at most " + std::to_string(MOST_KEPT) +
+                           " numbers in the tensors of all layers expected, found " +
+                           std::to_string(all) + ", of them " + std::to_string(largest->elements) +
+                           " in layer " + std::to_string(largest->id) + " of node " +
+                           in_quotes(largest->node) + WITHOUT_PROOF);
+}
+
+// Within what is left beside the inputs, which count as values.
+Status evaluate_for_proof(const Graph& graph, const std::map<std::string, Tensor>& inputs,
+                          Values& values) {
+    EvaluationLimits left;
+    for (const auto& [name, tensor] : inputs) left.elements -= static_cast<int64_t>(tensor.size());
+    const Status done = evaluate_within(left, graph, inputs, values);
+    if (done || left.exceeded.empty()) return done;
+    return Status::failure(done.message() + WITHOUT_PROOF);
+}
+
 // The converted model on the CPU engine, by the default rule, every blob kept.
 class EngineRun {
 public:
@@ -289,6 +320,11 @@ public:
                 c = record.out_shape->channels;
                 h = static_cast<int>(input.dims[2]);
                 w = static_cast<int>(input.dims[3]);
+            } else if (record.type != ZQLayerType_TensorInput) {
+                return Status::failure("layer " + std::to_string(input.layer) +
+                                       " of the converted model is expected to be the input " +
+                                       in_quotes(input.name) + ", found one of type " +
+                                       std::to_string(record.type));
             } else {
                 const auto& shape = static_cast<const ZQLayerInfo_TensorInput&>(record).out_tensor;
                 c = shape.dims[0];
@@ -363,25 +399,51 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
         if (progress) progress(done);
     };
     try {
+        Status status = require_room(conversion);
+        if (!status) return status;
+        // Of each run what is compared stays; a whole run may take gigabytes.
+        std::set<std::string> compared;
+        for (const ModelNames::Tensor& output : conversion.names.outputs) {
+            compared.insert(output.name);
+        }
+        if (all_layers) {
+            compared.insert(conversion.value_order.begin(), conversion.value_order.end());
+        }
+        const auto keep_compared = [&](Values& values) {
+            for (auto at = values.begin(); at != values.end();) {
+                at = compared.count(at->first) != 0 ? std::next(at) : values.erase(at);
+            }
+        };
         // The evaluator has limits, so a graph of huge tensors ends here.
         step(0);
         Values exact;
-        Status status = evaluate(original, inputs, exact);
+        status = evaluate_for_proof(original, inputs, exact);
         if (!status) return Status::failure("the graph cannot be evaluated: " + status.message());
+        keep_compared(exact);
         step(1);
         EngineRun engine;
         status = engine.run(model_path, conversion, inputs);
         if (!status) return status;
         step(2);
         Values halves;
-        status = evaluate(conversion.rounded, inputs, halves);
+        status = evaluate_for_proof(conversion.rounded, inputs, halves);
         if (!status) {
             return Status::failure("the simplified graph cannot be evaluated: " + status.message());
         }
+        Values shaken;
+        {
+            const Graph changed = perturbed(conversion.rounded, conversion.slack, halves, inputs);
+            keep_compared(halves);
+            status = evaluate_for_proof(changed, inputs, shaken);
+            if (!status) return status;
+            keep_compared(shaken);
+        }
+        step(3);
         std::map<std::string, double> explained;
         for (uint32_t seed = 1; seed <= HALF_DRAWS; ++seed) {
             Values noisy;
-            status = evaluate(with_weight_noise(original, HALF_REACH, seed), inputs, noisy);
+            status =
+                evaluate_for_proof(with_weight_noise(original, HALF_REACH, seed), inputs, noisy);
             if (!status) return status;
             for (const auto& [name, tensor] : exact) {
                 const auto found = noisy.find(name);
@@ -391,11 +453,6 @@ Status prove(const Graph& original, const Conversion& conversion, const std::str
                                 difference_of(found->second.numbers(), tensor.numbers()).maximum);
             }
         }
-        step(3);
-        Values shaken;
-        status = evaluate(perturbed(conversion.rounded, conversion.slack, halves, inputs), inputs,
-                          shaken);
-        if (!status) return status;
 
         const double layers = static_cast<double>(conversion.layers.size());
         const auto prove_value = [&](const std::string& name, int layer, ValueProof& result) {

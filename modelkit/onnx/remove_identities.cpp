@@ -18,7 +18,13 @@ bool hands_on(const Graph& graph, const Node& node) {
     if (node.op_type == "Identity") return true;
     // A cast to fewer digits is the exporter's storage, not the network's arithmetic: a note says
     // so.
-    if (node.op_type == "Cast") return float_type(node.integer("to", 0));
+    if (node.op_type == "Cast") {
+        const int64_t to = node.integer("to", 0);
+        const auto from = graph.initializers.find(node.inputs[0]);
+        if (!float_type(to) || from == graph.initializers.end()) return float_type(to);
+        const ElementType type = from->second.type;
+        return !is_integral(type) && (type == ElementType::Double) == (to == 11);
+    }
     if (node.op_type != "Dropout" || node.has_output(1)) return false;
     if (!node.has_input(2)) return true;
     const auto mode = graph.initializers.find(node.inputs[2]);
@@ -44,6 +50,7 @@ std::vector<std::string> cast_notes(const Graph& graph) {
 
 void remove_identities(Graph& graph) {
     const Uses uses(graph);
+    const std::set<std::string> fixed = fixed_values(graph);
     std::unordered_map<std::string, std::string> stands_for;
     const auto resolved = [&](const std::string& name) {
         const auto found = stands_for.find(name);
@@ -54,6 +61,8 @@ void remove_identities(Graph& graph) {
         Node& node = graph.nodes[i];
         for (std::string& input : node.inputs) input = resolved(input);
         if (!hands_on(graph, node)) continue;
+        // Shapes are integers, and 3 / 2 among integers is 1: the cast has to be computed.
+        if (node.op_type == "Cast" && fixed.count(node.outputs[0]) != 0) continue;
         // An output keeps its name, and so its node: it costs no layer.
         if (uses.is_output(node.outputs[0])) continue;
         if (graph.initializers.count(node.inputs[0]) != 0) continue;  // a constant: folded

@@ -28,6 +28,22 @@ std::optional<size_t> Uses::maker(const std::string& value) const {
     return found->second;
 }
 
+std::set<std::string> fixed_values(const Graph& graph) {
+    std::set<std::string> fixed;
+    for (const Node& node : graph.nodes) {
+        bool all = true;
+        for (const std::string& input : node.inputs) {
+            all = all && (input.empty() || graph.initializers.count(input) != 0 ||
+                          fixed.count(input) != 0);
+        }
+        if (all || node.op_type == "Shape" || node.op_type == "Size") {
+            fixed.insert(node.outputs.begin(), node.outputs.end());
+        }
+    }
+    fixed.erase(std::string());
+    return fixed;
+}
+
 void erase_nodes(Graph& graph, const std::set<size_t>& dead) {
     if (dead.empty()) return;
     std::vector<Node> kept;

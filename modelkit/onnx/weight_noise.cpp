@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "modelkit/onnx/passes.h"
+
 namespace modelkit::onnx {
 
 namespace {
@@ -14,6 +16,30 @@ constexpr double SMALLEST_STEP = 0x1p-25;
 
 bool keeps_constants(const std::string& op_type) {
     return op_type == "Clip" || op_type == "Resize" || op_type == "Upsample" || op_type == "Pad";
+}
+
+bool casts_to_integers(const Node& node) {
+    if (node.op_type != "Cast") return false;
+    const int64_t to = node.integer("to", 0);
+    return to != 1 && to != 10 && to != 11 && to != 16;
+}
+
+// What constants are that no half stands for: those that a node takes as they are, and all that
+// sizes and indices are computed from.
+std::set<std::string> exact_constants(const Graph& graph) {
+    const std::set<std::string> fixed = fixed_values(graph);
+    std::set<std::string> exact;
+    for (size_t i = graph.nodes.size(); i-- > 0;) {
+        const Node& node = graph.nodes[i];
+        bool wanted = keeps_constants(node.op_type) || casts_to_integers(node);
+        for (const std::string& output : node.outputs) {
+            // Of a tensor only the shape is taken.
+            wanted = wanted || (exact.count(output) != 0 && fixed.count(output) != 0 &&
+                                node.op_type != "Shape" && node.op_type != "Size");
+        }
+        if (wanted) exact.insert(node.inputs.begin(), node.inputs.end());
+    }
+    return exact;
 }
 
 // Their own factors, 1 / 9 or 0.75, become weights of a convolution or of a Linear.
@@ -46,10 +72,7 @@ private:
 
 Graph with_weight_noise(const Graph& graph, double reach, uint32_t seed) {
     Noise noise(reach, seed);
-    std::set<std::string> exact;
-    for (const Node& node : graph.nodes) {
-        if (keeps_constants(node.op_type)) exact.insert(node.inputs.begin(), node.inputs.end());
-    }
+    const std::set<std::string> exact = exact_constants(graph);
     Graph result = graph;
     for (auto& [name, tensor] : result.initializers) {
         if (exact.count(name) == 0) noise.disturb(tensor);

@@ -9,7 +9,8 @@ namespace modelkit::onnx {
 
 /// The graph with every floating-point constant changed by up to `reach` of itself, at random of a
 /// seed, and at least by up to 2^-25, the last place of the smallest halves. Bounds of Clip, scales
-/// of Resize and Upsample and the values of Pad stay: no file keeps them as weights. What takes
+/// of Resize and Upsample, the values of Pad and all that integers are computed from stay: no file
+/// keeps them as weights, and a size must not change. What takes
 /// means or blends of pixels has its result changed instead, since its factors become weights.
 ///
 /// It knows nothing of what a converter makes of the graph.

@@ -2,6 +2,8 @@
 // nodes that become many layers.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -148,6 +150,56 @@ TEST(ImportLimits, GroupsAreSpreadWithoutAFurtherCopy) {
 #ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(peak.growth(), 2.0 * static_cast<double>(result.conversion.file.size()));
 #endif
+}
+
+TEST(ImportLimits, LinesThatArePutTogetherAreCounted) {
+    const PeakMemory peak;
+    MadeModel padded;
+    padded.input("x", {1, 2, 4, 4}).output("y").integers("pads", {0, 0, 0, 0, 0, 0, 0, 30000});
+    padded.node("Pad", {"x", "pads"}, {"y"}, {{"mode", "edge"}});
+    expect_refusal(convert_only(padded.bytes()), "node \"y\" (Pad)",
+                   "at most 1024 pieces of rows or columns to put together expected, found 30001");
+    MadeModel pooled;
+    pooled.input("x", {1, 2, 1, 60001}).output("y");
+    pooled.node("MaxPool", {"x"}, {"y"},
+                {{"kernel_shape", std::vector<int64_t>{1, 30001}},
+                 {"pads", std::vector<int64_t>{0, 15000, 0, 15000}}});
+    expect_refusal(convert_only(pooled.bytes()), "node \"y\" (MaxPool)",
+                   "at most 1024 pieces of rows or columns to put together expected, found 30001");
+    EXPECT_LT(peak.growth(), 50e6);
+}
+
+TEST(ImportLimits, ManyLinesTakeFewTimesTheirRoom) {
+    MadeModel model;
+    model.input("x", {1, 2, 4, 4}).output("y").integers("pads", {0, 0, 0, 500, 0, 0, 0, 500});
+    model.node("Pad", {"x", "pads"}, {"y"}, {{"mode", "edge"}});
+    const Converted result = convert_and_prove(model.bytes());
+    expect_proof(result);
+    int64_t all = 0;
+    for (const modelkit::onnx::LayerReport& layer : result.conversion.layers) all += layer.elements;
+    // Four levels of tens hold 1001 pieces, and each level holds all numbers once.
+    EXPECT_LT(all, 5 * 2 * 4 * 1004);
+}
+
+TEST(ImportLimits, AProofThatWouldFillTheMemoryIsRefusedAndTheConversionIsNot) {
+    const PeakMemory peak;
+    MadeModel wide;
+    wide.input("x", {1, 1, 16384, 16384}).output("y").node("Relu", {"x"}, {"y"});
+    Converted result = convert_only(wide.bytes());
+    ASSERT_TRUE(result.status) << result.status.message();
+    const std::map<std::string, Tensor> none = {{"x", Tensor()}};
+    modelkit::onnx::LayerReport more;
+    more.id = 2;
+    more.node = "more";
+    more.elements = int64_t{1} << 20;
+    result.conversion.layers.push_back(more);
+    result.status = modelkit::onnx::prove(result.original, result.conversion, "none", none, false,
+                                          {}, result.proof);
+    ASSERT_FALSE(result.status);
+    EXPECT_EQ(result.status.message(),
+              "at most 536870912 numbers in the tensors of all layers expected, found 537919488, "
+              "of them 268435456 in layer 0 of node \"x\"; --no-verify converts without a proof");
+    EXPECT_LT(peak.growth(), 50e6);
 }
 
 }  // namespace

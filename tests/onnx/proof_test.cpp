@@ -179,6 +179,28 @@ TEST(Proof, HoldsForInfiniteNumbersOnlyWhereBothAreInfinite) {
     EXPECT_FALSE(converted.proof.holds());
 }
 
+TEST(Proof, HoldsWhereAnInputIsAnOutputAsWell) {
+    for (const std::vector<int64_t>& dims : {std::vector<int64_t>{1, 2, 3, 4}, {4, 6}, {1, 5}}) {
+        MadeModel model;
+        model.input("x", dims).output("x").output("y").node("Relu", {"x"}, {"y"});
+        Converted converted = convert_and_prove(model.bytes());
+        expect_proof(converted);
+        const modelkit::ModelNames& names = converted.conversion.names;
+        ASSERT_EQ(names.inputs.size(), 1u);
+        EXPECT_EQ(names.inputs[0].layer, 0);
+        ASSERT_EQ(names.outputs.size(), 2u);
+        EXPECT_EQ(names.outputs[0].name, "x");
+        EXPECT_GT(names.outputs[0].layer, 0);
+        // Named layers that are none are told, not taken for inputs.
+        converted.conversion.names.inputs[0].layer = names.outputs[1].layer;
+        prove_converted(converted);
+        ASSERT_FALSE(converted.status);
+        EXPECT_NE(converted.status.message().find("is expected to be the input \"x\""),
+                  std::string::npos)
+            << converted.status.message();
+    }
+}
+
 MadeModel mean_of(const char* type, const std::vector<int64_t>& dims, int64_t kernel) {
     MadeModel model;
     model.input("x", dims).output("y");

@@ -50,6 +50,24 @@ TEST(ConvRewrite, AKernelWithoutPaddingLosesItsMargin) {
     expect_numbers(result, {14, 15, 20, 21});
 }
 
+TEST(MaxPoolRewrite, ALeakyReluOfNegativeNumbersBringsThemNearerToZero) {
+    // -3 becomes -0.3, then 0.3 and -0.2: below the zeros of the engine's border.
+    const std::vector<float> values(9, -3.0f);
+    MadeModel model;
+    model.input("x", {1, 1, 3, 3})
+        .output("y")
+        .floats("top", {}, {-1.0f})
+        .floats("half", {}, {0.5f});
+    model.node("Clip", {"x", "", "top"}, {"c"}).node("LeakyRelu", {"c"}, {"l"}, {{"alpha", 0.1}});
+    model.node("Neg", {"l"}, {"n"}).node("Sub", {"n", "half"}, {"q"});
+    model.node("MaxPool", {"q"}, {"y"},
+               {{"kernel_shape", Ints{3, 3}}, {"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}});
+    const Converted result =
+        convert_and_prove(model.bytes(), {{"x", picture({1, 1, 3, 3}, values)}});
+    expect_proof(result);
+    expect_numbers(result, Numbers(4, -0.2), 1e-5);
+}
+
 struct ConvShape {
     const char* name;
     std::vector<int64_t> dims;
