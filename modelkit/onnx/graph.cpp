@@ -191,12 +191,49 @@ std::vector<int64_t> Node::integers(const std::string& attribute,
     return found != nullptr ? found->ints : otherwise;
 }
 
-std::string printable(const std::string& text) {
-    std::string result = text.substr(0, MOST_LETTERS);
-    for (char& letter : result) {
-        if (static_cast<unsigned char>(letter) < 32 || letter == 127) letter = '?';
+namespace {
+
+// How many bytes the letter has that begins there; 0 for a control character, the second range of
+// them (U+0080 to U+009F) included, and for what is no UTF-8.
+size_t letter_at(const std::string& text, size_t at) {
+    const auto byte = [&](size_t i) {
+        return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0u;
+    };
+    const unsigned int first = byte(0);
+    if (first < 0x80) return first < 32 || first == 127 ? 0 : 1;
+    const size_t length = first < 0xc2   ? 0
+                          : first < 0xe0 ? 2
+                          : first < 0xf0 ? 3
+                          : first < 0xf5 ? 4
+                                         : 0;
+    if (length == 0) return 0;
+    unsigned int code = first & (0xffu >> (length + 1));
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0u) != 0x80u) return 0;
+        code = code << 6 | (byte(i) & 0x3fu);
     }
-    return text.size() > MOST_LETTERS ? result + "..." : result;
+    constexpr unsigned int LEAST[] = {0, 0, 0xa0, 0x800, 0x10000};
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return code < LEAST[length] || code > 0x10ffff || surrogate ? 0 : length;
+}
+
+}  // namespace
+
+std::string printable(const std::string& text) {
+    std::string result;
+    size_t at = 0;
+    while (at < text.size() && at < MOST_LETTERS) {
+        const size_t length = letter_at(text, at);
+        if (length == 0) {
+            result += '?';
+            ++at;
+            continue;
+        }
+        if (at + length > MOST_LETTERS) break;
+        result.append(text, at, length);
+        at += length;
+    }
+    return at < text.size() ? result + "..." : result;
 }
 
 std::string in_quotes(const std::string& text) {

@@ -124,7 +124,8 @@ struct Node {
 /// How error lines and reports name a node: its name, else its first named output, else the
 /// operator; without control characters, cut when it is long.
 std::string label_of(const Node& node);
-/// A text of the file for an error line: control characters replaced, cut when it is long.
+/// A text of the file for an error line: control characters and what is no UTF-8 replaced, cut when
+/// it is long.
 std::string printable(const std::string& text);
 /// The same between double quotes.
 std::string in_quotes(const std::string& text);

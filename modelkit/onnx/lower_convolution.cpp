@@ -331,6 +331,11 @@ void Lowering::conv_transpose() {
             // Negative padding, which asks for more pixels than there are.
             require(total >= 0,
                     "an output_shape of at most the full size expected, found " + text_of(wanted));
+            // Before set 11 ONNX names both ends for the odd pixel.
+            require(total % 2 == 0 || graph.opset >= 11,
+                    "an even padding in total expected, found " + std::to_string(total) +
+                        ": operator set " + std::to_string(graph.opset) +
+                        " does not say at which end the odd pixel is");
             const int64_t less = total / 2;
             axis.begin = small(automatic == "SAME_UPPER" ? less : total - less, "padding");
             axis.end = small(total - axis.begin, "padding");
@@ -358,6 +363,10 @@ void Lowering::conv_transpose() {
         return;
     }
     if (y.fits && x.fits) {
+        require(!depthwise || !emitter.for_gpu(),
+                "attribute \"group\" 1 for a transposed convolution on the GPU engine expected, "
+                "found " +
+                    std::to_string(groups));
         Window engine = engine_window(window, y.cut, x.cut);
         engine.kernel_h += y.zeros;
         engine.kernel_w += x.zeros;
@@ -375,6 +384,12 @@ void Lowering::conv_transpose() {
 
     // Any other: zeros between the pixels, then a convolution with the kernel turned around.
     if (window.y.stride != 1 || window.x.stride != 1) {
+        require(!emitter.for_gpu(),
+                "attribute \"strides\" of 1, or kernel, pads and output of one transposed layer, "
+                "on the GPU engine expected, found strides of " +
+                    std::to_string(window.y.stride) + "x" + std::to_string(window.x.stride) +
+                    " for a kernel of " + std::to_string(window.y.kernel) + "x" +
+                    std::to_string(window.x.kernel));
         Window apart;
         apart.stride_h = window.y.stride;
         apart.stride_w = window.x.stride;

@@ -101,11 +101,23 @@ Blob Lowering::clipped(const Blob& blob, double& low, double& high) {
     if (high >= LARGEST_FLOAT) high = INFINITE;
     if (low == -INFINITE && high == INFINITE) return blob;
     const auto is_limit = [](double limit) { return std::fabs(limit) <= LARGEST_HALF; };
-    require((is_limit(low) || low == -INFINITE) && (is_limit(high) || high == INFINITE),
-            "limits of at most 65504, the largest half, or none expected, found " +
-                number_text(low) + " and " + number_text(high));
-    require(low < high, "a minimum below the maximum expected, found " + number_text(low) +
-                            " and " + number_text(high));
+    require(
+        (is_limit(low) || low == -INFINITE || low >= high) && (is_limit(high) || high == INFINITE),
+        "limits of at most 65504, the largest half, or none expected, found " + number_text(low) +
+            " and " + number_text(high));
+    if (low >= high) {
+        // The smaller of a number not below the minimum and the maximum is the maximum.
+        const double coarse = as_half(high);
+        const double fine = as_half(high - coarse);
+        Affine exact;
+        Blob all = emitter.affine(blob, {{0.0}, {coarse}}, exact);
+        if (fine != 0) {
+            all = emitter.eltwise({all, emitter.affine(blob, {{0.0}, {fine}}, exact)}, false);
+        }
+        low = high = coarse + fine;
+        all.range = {low, high};
+        return all;
+    }
     if (low < 0 && high > 0) {
         double below = -low;
         const Blob upper = side_of(blob, 1.0, high);
@@ -213,6 +225,10 @@ void Lowering::softmax() {
 
 void Lowering::affine_node() {
     const size_t rank = value(constant(0) != nullptr ? 1 : 0).dims.size();
+    if (node().op_type == "BatchNormalization") {
+        require(node().integer("spatial", 1) != 0,
+                "attribute \"spatial\" 1 expected, found 0: statistics for each pixel");
+    }
     const std::optional<AffineNode> found = affine_of(graph, node(), rank);
     require(found.has_value(), node().op_type == "BatchNormalization"
                                    ? "a batch normalisation of constants, not in training, expected"
@@ -360,6 +376,15 @@ void Lowering::binary() {
                 "one constant and one tensor expected");
         const size_t side = constant(0) != nullptr ? 1 : 0;
         require(type != "Div" || side == 0, "a constant to divide by expected");
+        if (type == "Div") {
+            const Tensor& divisor = *constant(1);
+            for (size_t i = 0; i < divisor.size(); ++i) {
+                require(divisor.number(i) != 0,
+                        "a constant other than 0 to divide by expected, "
+                        "found 0 at element " +
+                            std::to_string(i));
+            }
+        }
         const Value& data = value(side);
         require(broadcast_dims(data.dims, constant(1 - side)->dims) == data.dims,
                 "a constant that does not enlarge the tensor expected");

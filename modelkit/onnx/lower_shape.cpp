@@ -331,8 +331,10 @@ void Lowering::slice() {
             "as many ends, axes and steps as starts expected");
     Blob blob = map_of(data);
     Dims dims = data.dims;
+    std::set<size_t> seen;
     for (size_t i = 0; i < starts.size(); ++i) {
         const size_t axis = axis_of(axes[i], rank);
+        require(seen.insert(axis).second, "each axis once expected, found " + text_of(axes));
         const int64_t size = dims[axis];
         const int64_t step = steps[i];
         require(step >= 1 && step <= 65535,

@@ -75,6 +75,17 @@ TEST(GpuRules, KnowTheTransposedKernel) {
     expect_accepted(transposed(4, {{"strides", Ints{2, 2}}, {"pads", Ints{1, 1, 1, 1}}}));
     expect_refused(transposed(5, {{"strides", Ints{3, 3}}, {"pads", Ints{1, 1, 1, 1}}}),
                    "a kernel of 3x3 or 2x2 for a transposed convolution");
+    // Groups of one channel are a layer that only the CPU engine has, and so are zeros between.
+    MadeModel grouped;
+    grouped.input("x", {1, 4, 8, 8}).output("y").random("w", {4, 1, 2, 2}, 1);
+    grouped.node("ConvTranspose", {"x", "w"}, {"y"}, {{"strides", Ints{2, 2}}, {"group", 4}});
+    expect_refused(grouped,
+                   "attribute \"group\" 1 for a transposed convolution on the GPU engine expected, "
+                   "found 4");
+    expect_refused(
+        transposed(6, {{"strides", Ints{3, 3}}}),
+        "attribute \"strides\" of 1, or kernel, pads and output of one transposed layer, "
+        "on the GPU engine expected, found strides of 3x3 for a kernel of 6x6");
 }
 
 TEST(GpuRules, KnowPoolingsActivationsAndJoins) {

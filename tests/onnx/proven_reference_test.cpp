@@ -11,44 +11,13 @@
 
 #include "onnx/converted.h"
 #include "onnx/reference_files.h"
+#include "onnx/refused_cases.h"
 
 namespace {
 
 using namespace onnx_reference;
 using namespace onnx_test;
 using Ints = std::vector<int64_t>;
-
-// What no layers give, and a part of the reason. Everything else in the folder has to convert.
-const std::map<std::string, std::string> REFUSED = {
-    {"average_pool_ceil_with_padding", "has no one meaning"},
-    {"conv_batch_of_2", "a batch of 1 expected"},
-    {"div", "the engines have no quotient"},
-    {"div_of_channels", "the engines have no quotient"},
-    {"elu", "(Elu): the operator is not supported"},
-    {"exp", "(Exp): the operator is not supported"},
-    {"gemm_column_c", "a bias of 4 numbers expected, found [3, 1]"},
-    {"gemm_transposed_input", "the engines do not transpose"},
-    {"instance_normalization", "(InstanceNormalization): the operator is not supported"},
-    {"log", "(Log): the operator is not supported"},
-    {"lstm_batch_first", "a batch of 1 expected"},
-    {"lstm_batch_of_2", "a batch of 1 expected"},
-    {"lstm_initial_state", "an initial state of zeros expected"},
-    {"lstm_sequence_lengths", "a batch of 1 expected"},
-    {"lstm_states_out", "an initial state of zeros expected"},
-    {"matmul_batches", "a batch of 1 expected"},
-    {"matmul_of_inputs", "the second factor expected to be constant"},
-    {"max", "(Max): the operator is not supported"},
-    {"max_pool_dilated", "dilations of 1 expected"},
-    {"min", "(Min): the operator is not supported"},
-    {"resize_linear_sizes", "a whole factor expected, found 3 to 5 pixels"},
-    {"resize_linear_sizes_corners", "a whole factor expected, found 3 to 5 pixels"},
-    {"slice_10", "steps forward expected"},
-    {"slice_13", "steps forward expected"},
-    {"softmax_channels_13", "the engine has none along the channels of 3x4x5"},
-    {"softmax_last_11", "the engine has none along the channels of 3x4x5"},
-    {"sqrt", "(Sqrt): the operator is not supported"},
-    {"transpose", "a permutation that leaves pixels where they are"},
-};
 
 // Inputs whose shape the file leaves open.
 const std::map<std::string, std::map<std::string, std::vector<int64_t>>> OPEN_SHAPES = {
@@ -167,8 +136,8 @@ TEST_P(ProvenCase, GivesWhatPyTorchGivesOrIsRefusedWithTheReason) {
     const auto open = OPEN_SHAPES.find(GetParam());
     if (open != OPEN_SHAPES.end()) options.shapes = open->second;
     const ReferenceGraph reference = read_reference("cases", GetParam(), options.shapes);
-    const auto refused = REFUSED.find(GetParam());
-    if (refused == REFUSED.end()) {
+    const auto refused = REFUSED_CASES.find(GetParam());
+    if (refused == REFUSED_CASES.end()) {
         expect_the_reference(reference, options);
         return;
     }

@@ -76,7 +76,8 @@ TEST(BatchNormalizationAttributes, TrainingAndComputedStatisticsAreRefused) {
     const char* reason = "a batch normalisation of constants, not in training, expected";
     expect_refused(model(15, false, {{"training_mode", 1}}), "y\" (BatchNormalization)", reason);
     expect_refused(model(15, true, {}), "y\" (BatchNormalization)", reason);
-    expect_refused(model(8, false, {{"spatial", 0}}), "y\" (BatchNormalization)", reason);
+    expect_refused(model(8, false, {{"spatial", 0}}), "y\" (BatchNormalization)",
+                   "attribute \"spatial\" 1 expected, found 0");
 }
 
 TEST(ActivationAttributes, AreFusedIntoTheLayerBefore) {
@@ -478,6 +479,70 @@ TEST(Attributes, OfTheLargestIntegersAreRefused) {
         expect_refusal(convert_and_prove(model.bytes(), {}), "\"y\" (Conv)",
                        "pads of 0 to 65535 expected");
     }
+}
+
+TEST(SliceAttributes, OneAxisTwiceIsRefused) {
+    for (const int opset : {9, 13}) {
+        MadeModel model(opset);
+        model.input("x", {1, 2, 6, 4}).output("y");
+        if (opset < 10) {
+            model.node("Slice", {"x"}, {"y"},
+                       {{"starts", std::vector<int64_t>{1, 1}},
+                        {"ends", std::vector<int64_t>{5, 3}},
+                        {"axes", std::vector<int64_t>{2, -2}}});
+        } else {
+            model.integers("from", {1, 1}).integers("to", {5, 3}).integers("axes", {2, -2});
+            model.node("Slice", {"x", "from", "to", "axes"}, {"y"});
+        }
+        expect_refused(model, "y\" (Slice)", "each axis once expected, found [2, -2]");
+    }
+}
+
+TEST(ConvTransposeAttributes, AnOddPaddingInTotalHasNoEndBeforeSet11) {
+    for (const int opset : {10, 11}) {
+        MadeModel model(opset);
+        model.input("x", {1, 2, 4, 4}).output("y").random("w", {2, 2, 3, 3}, 1);
+        model.node("ConvTranspose", {"x", "w"}, {"y"},
+                   {{"strides", std::vector<int64_t>{2, 2}}, {"auto_pad", "SAME_UPPER"}});
+        if (opset >= 11) {
+            expect_proof(convert_and_prove(model.bytes()));
+            continue;
+        }
+        expect_refused(model, "y\" (ConvTranspose)",
+                       "an even padding in total expected, found 1: operator set 10 does not say "
+                       "at which end the odd pixel is");
+    }
+}
+
+TEST(DivAttributes, AConstantThatIsZeroIsRefused) {
+    for (const std::vector<float>& numbers : {std::vector<float>{0}, {1, 0}}) {
+        const auto count = static_cast<int64_t>(numbers.size());
+        MadeModel model;
+        model.input("x", {1, 2, 3, 4}).output("y").floats("c", {count, 1, 1}, numbers);
+        model.node("Div", {"x", "c"}, {"y"});
+        expect_refused(model, "y\" (Div)",
+                       "a constant other than 0 to divide by expected, found 0 at element " +
+                           std::to_string(count - 1));
+    }
+}
+
+TEST(PrintableText, HasNoControlCharactersAndIsUtf8) {
+    using modelkit::onnx::printable;
+    EXPECT_EQ(printable("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"),
+              "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
+    EXPECT_EQ(printable("a\n\x1b\x7f"), "a???");
+    // U+009B begins commands for a terminal; U+00A0 is the first behind such.
+    EXPECT_EQ(printable("a\xc2\x9b\x33"), "a??3");
+    EXPECT_EQ(printable("\xc2\xa0"), "\xc2\xa0");
+    // Cut off, alone, longer than need be, half of a pair, beyond the last.
+    EXPECT_EQ(printable("\xc3"), "?");
+    EXPECT_EQ(printable("\x9b\xff"), "??");
+    EXPECT_EQ(printable("\xc0\xaf\xe0\x80\xaf"), "?????");
+    EXPECT_EQ(printable("\xed\xa0\x80"), "???");
+    EXPECT_EQ(printable("\xf4\x90\x80\x80"), "????");
+    // A letter is not cut in two.
+    EXPECT_EQ(printable(std::string(99, 'a') + "\xc3\xa9"), std::string(99, 'a') + "...");
+    EXPECT_EQ(printable(std::string(98, 'a') + "\xc3\xa9"), std::string(98, 'a') + "\xc3\xa9");
 }
 
 }  // namespace

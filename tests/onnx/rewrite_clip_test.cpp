@@ -128,10 +128,26 @@ TEST(ClipRewrite, LimitsThatHalvesLackAreRefusedAtTheNode) {
                            "limits of at most 65504");
         }
     }
-    expect_refusal(convert_only(clip(3.0f, 3.0f, 2, 13).bytes()), "node \"y\" (Clip)",
-                   "a minimum below the maximum expected, found 3 and 3");
-    expect_refusal(convert_only(clip(5.0f, 3.0f, 2, 13).bytes()), "node \"y\" (Clip)",
-                   "a minimum below the maximum expected");
+}
+
+TEST(ClipRewrite, AMinimumNotBelowTheMaximumLeavesTheMaximum) {
+    const std::pair<float, float> limits[] = {
+        {3.0f, 3.0f}, {5.0f, 0.1f}, {7.0f, 6.0f}, {0.0f, -1234.5f}, {1e30f, 1.0f / 3}};
+    for (const auto& [low, high] : limits) {
+        for (const int opset : {10, 13}) {
+            for (const int64_t channels : {1, 2}) {
+                SCOPED_TRACE(std::to_string(low) + " " + std::to_string(high));
+                const Converted result =
+                    convert_and_prove(clip(low, high, channels, opset).bytes());
+                expect_proof(result);
+                // Two halves carry 22 bits.
+                expect_numbers(result, Numbers(static_cast<size_t>(12 * channels), high),
+                               std::fabs(high) * 0x1p-22);
+            }
+        }
+    }
+    expect_refusal(convert_only(clip(80000.0f, 70000.0f, 2, 13).bytes()), "node \"y\" (Clip)",
+                   "limits of at most 65504");
 }
 
 TEST(ClipRewrite, AHardSigmoidOfAnySlopeAndTerm) {
