@@ -1,6 +1,8 @@
 // How much memory a piece of a test takes.
 #pragma once
 
+#include <malloc.h>
+
 #include <fstream>
 #include <string>
 
@@ -10,6 +12,10 @@ namespace testing_support {
 class PeakMemory {
 public:
     PeakMemory() {
+        // As in a process that has just started: once large blocks were freed, malloc would take
+        // the next ones from a heap that keeps what is freed.
+        mallopt(M_MMAP_THRESHOLD, 128 << 10);
+        malloc_trim(0);
         std::ofstream("/proc/self/clear_refs") << "5";  // forgets the peak
         before = status("VmRSS:");
     }
