@@ -204,22 +204,9 @@ TEST(DeconvolutionFloatFallback, ATensorOfAnotherLayoutOrElementSizeRaisesTheAss
 
 TEST(DeconvolutionFloatFallback, NumbersThatMakeNoConvolutionAreRefusedWithoutAFault) {
     for (const char* name : {plain, grouped}) {
-        expect_refused_numbers(name, ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3),
-                               {{0, 0},
-                                {0, -2},
-                                {1, 0},
-                                {2, -1},
-                                {3, -1},
-                                {5, 0},
-                                {6, -3},
-                                {3, INT_MAX},
-                                {4, 1 << 30},
-                                {7, INT_MAX},
-                                {8, INT_MAX},
-                                {1, INT_MAX},
-                                {10, 4},
-                                {5, INT_MAX},
-                                {6, INT_MAX}});
+        const ConvolutionCase good = ConvolutionCase::of(2, 5, 5).outputs(2).kernel(3);
+        expect_refused_numbers(name, good, UNUSABLE_NUMBERS);
+        expect_refused_numbers(name, good, {{0, -2}, {5, INT_MAX}, {6, INT_MAX}});
     }
 }
 

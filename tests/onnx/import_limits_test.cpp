@@ -7,23 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "onnx/converted.h"
-#include "onnx/made_model.h"
+#include "onnx/rewritten.h"
 #include "support/peak_memory.h"
 
 namespace {
 
 using namespace onnx_test;
 using testing_support::PeakMemory;
-
-void expect_refusal(const Converted& result, const std::string& node, const std::string& reason) {
-    ASSERT_FALSE(result.status) << "was converted";
-    const std::string& line = result.status.message();
-    EXPECT_NE(line.find(node), std::string::npos) << line;
-    EXPECT_NE(line.find(reason), std::string::npos) << line;
-    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
-    EXPECT_TRUE(result.conversion.file.empty());
-}
 
 // x plus the means of `count` constants of `size` zeros, which live side by side or in turn.
 std::string computed_constants(int count, int64_t size, bool in_turn) {

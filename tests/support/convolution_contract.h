@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <tarno/cpu.h>
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,12 @@ struct ParamChange {
     int id;
     int value;
 };
+
+/// Numbers that make neither a convolution in groups nor a transposed one: no output, no kernel,
+/// too few weights, and sizes that leave 32 bits.
+inline const std::vector<ParamChange> UNUSABLE_NUMBERS = {
+    {0, 0},       {1, 0},       {2, -1},      {3, -1},      {5, 0},       {6, -3},
+    {3, INT_MAX}, {4, 1 << 30}, {7, INT_MAX}, {8, INT_MAX}, {1, INT_MAX}, {10, 4}};
 
 /// Loads with each of the numbers changed, and fails every forward, without a fault.
 inline void expect_refused_numbers(const char* name, const ConvolutionCase& good,
