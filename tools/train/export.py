@@ -2,10 +2,6 @@
 """Exports a trained checkpoint as an ONNX file with BatchNorm folded in and
 the Sigmoid behind the head; `tarno convert` makes the .zqnet file of it.
 
-With --from-model the weights are those of a model file, for when the
-checkpoint is gone: halves are floats, so that converting what comes out gives
-the same file again.
-
 With --check PICTURE a model file, already converted, is read with reference.py
 and run in double on the picture; the greatest difference from torch, which runs
 the rounded weights in float32, is printed.
@@ -19,7 +15,7 @@ import torch
 from torch import nn
 
 import reference
-from network import ConvNorm, SegmentationNet, SIZE, fold, half_rounded, load
+from network import ConvNorm, SIZE, fold, half_rounded, load
 from train import network_input
 
 OPSET = 13
@@ -37,48 +33,16 @@ class Deployed(nn.Module):
 
 
 def folded(network):
-    """Puts convolutions with a bias in the place of every ConvNorm's two
+    """Puts a convolution with a bias in the place of every ConvNorm's two
     parts."""
     for module in list(network.modules()):
         if isinstance(module, ConvNorm):
+            old = module.conv
             weight, bias = fold(module)
-            replace(module, weight.float(), bias.float())
-    return network
-
-
-def replace(block, weight, bias):
-    old = block.conv
-    conv = nn.Conv2d(old.in_channels, old.out_channels, old.kernel_size, old.stride, old.padding,
-                     groups=old.groups)
-    conv.weight.data, conv.bias.data = weight, bias
-    block.conv, block.norm = conv, nn.Identity()
-
-
-def from_model(path):
-    """The network with the weights of a model file, whose records follow
-    SegmentationNet.forward."""
-    network = SegmentationNet().eval()
-    order = []
-    for module in network.modules():
-        if isinstance(module, ConvNorm) or module is network.head:
-            module.register_forward_hook(lambda block, *_: order.append(block))
-    with torch.no_grad():
-        network(torch.zeros(1, 3, SIZE, SIZE))
-    layers = [layer for layer in reference.read(path) if 'weight' in layer]
-    if len(layers) != len(order):
-        raise ValueError(f'{path}: {len(layers)} layers with weights, not {len(order)}')
-    for layer, block in zip(layers, order):
-        weight = layer['weight']        # (o, kh, kw, i), depthwise (kh, kw, o)
-        weight = (weight.transpose(2, 0, 1)[:, None] if layer['kind'] == 'depthwise'
-                  else weight.transpose(0, 3, 1, 2))
-        weight, bias = (torch.tensor(np.ascontiguousarray(a), dtype=torch.float32)
-                        for a in (weight, layer['bias']))
-        if block is network.head:
-            block.weight.data, block.bias.data = weight, bias
-        else:
-            replace(block, weight, bias)
-    for module in network.modules():
-        module._forward_hooks.clear()
+            conv = nn.Conv2d(old.in_channels, old.out_channels, old.kernel_size, old.stride,
+                             old.padding, groups=old.groups)
+            conv.weight.data, conv.bias.data = weight.float(), bias.float()
+            module.conv, module.norm = conv, nn.Identity()
     return network
 
 
@@ -100,16 +64,12 @@ def main():
     parser = argparse.ArgumentParser(description='Export a checkpoint as an ONNX file.')
     parser.add_argument('weights', help='a checkpoint of train.py')
     parser.add_argument('output', help='the ONNX file, or with --check the converted model')
-    parser.add_argument('--from-model', action='store_true',
-                        help='the weights are those of a model file')
     parser.add_argument('--check', metavar='PICTURE', help='a 256 x 256 picture')
     options = parser.parse_args()
     try:
         if options.check:
             difference = check(load(options.weights).eval(), options.output, options.check)
             print(f'greatest difference {difference:.3g}')
-        elif options.from_model:
-            export(from_model(options.weights), options.output)
         else:
             export(folded(load(options.weights).eval()), options.output)
     except (OSError, ValueError) as error:
