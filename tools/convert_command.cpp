@@ -209,6 +209,15 @@ void parse_shape(const std::string& text, std::string& name, std::vector<int64_t
 
 void convert(const ConvertCommand& command) {
     size_of_regular_file(command.input);
+    OutputFiles files;
+    const std::string names_path = modelkit::names_path(command.output);
+    const auto expect_outputs_apart = [&]() {
+        files.expect_apart(command.output);
+        files.expect_apart(names_path);
+    };
+    files.keep(command.input);
+    for (const std::string& data : command.data) files.keep(data);
+    expect_outputs_apart();
     onnx::ConvertOptions options;
     options.engines = engines_of(command.engines);
     options.keep_rounded = !command.no_verify;
@@ -230,14 +239,14 @@ void convert(const ConvertCommand& command) {
         progress.step(0);
         const modelkit::Status read = onnx::read_graph(command.input, graph);
         if (!read) throw CommandError(command.input + ": " + read.message());
+        for (const std::string& weights : graph.external_files) files.keep(weights);
+        expect_outputs_apart();
         progress.step(1);
         if (!command.no_verify) original = graph;
         const modelkit::Status converted = onnx::convert(std::move(graph), options, conversion);
         if (!converted) throw CommandError(command.input + ": " + converted.message());
     }
-    OutputFiles files;
-    files.write(modelkit::names_path(command.output),
-                modelkit::names_text(conversion.file, conversion.names));
+    files.write(names_path, modelkit::names_text(conversion.file, conversion.names));
     const std::vector<unsigned char>& bytes = conversion.file;
     const std::string model_path =
         files.write(command.output, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});

@@ -136,7 +136,18 @@ OutputFiles::~OutputFiles() {
     for (const Folder& folder : folders) fs::remove_all(folder.staging, ignored);
 }
 
+void OutputFiles::expect_apart(const std::string& path) const {
+    for (const std::string& input : kept) {
+        std::error_code is_missing;
+        if (!fs::equivalent(path, input, is_missing) || is_missing) continue;
+        throw CommandError(path +
+                           ": expected a place for the output apart from the inputs, found " +
+                           (path == input ? "one of them" : "the input " + input));
+    }
+}
+
 std::string OutputFiles::write(const std::string& path, std::string_view contents) {
+    expect_apart(path);
     const fs::path target = behind_links(path);
     std::error_code ignored;
     const fs::file_status status = fs::status(target, ignored);
@@ -174,6 +185,7 @@ void OutputFiles::write_in_folder(const std::string& path, const std::string& na
                                   std::string_view contents) {
     const auto folder = std::find_if(folders.begin(), folders.end(),
                                      [&](const Folder& each) { return each.path == path; });
+    expect_apart(path + "/" + name);
     const std::string temporary = folder->staging + "/" + name;
     write_new_file(temporary, path + "/" + name, contents);
     files.push_back({temporary, path + "/" + name});

@@ -30,6 +30,12 @@ public:
     OutputFiles(const OutputFiles&) = delete;
     OutputFiles& operator=(const OutputFiles&) = delete;
 
+    /// `path` is read: no output may take its place. A path that is not there does no harm.
+    void keep(const std::string& path) { kept.push_back(path); }
+    /// Throws CommandError when `path` is a kept file, by whatever spelling or link. What writes
+    /// asks this by itself; asked before the work, it spares the work.
+    void expect_apart(const std::string& path) const;
+
     /// Writes `contents` for `path`. An existing `path` must be a regular file. Gives the place
     /// where the file lies until `commit`.
     std::string write(const std::string& path, std::string_view contents);
@@ -51,6 +57,7 @@ private:
         std::string path;
         std::string staging;
     };
+    std::vector<std::string> kept;
     std::vector<Staged> files;
     std::vector<Folder> folders;
 };

@@ -228,6 +228,12 @@ FloatMap worked(const ImageCommand& command, GpuSession& session) {
 }  // namespace
 
 void image(const ImageCommand& command) {
+    OutputFiles files;
+    for (const std::string& input : {command.input, command.guide, command.background}) {
+        files.keep(input);
+    }
+    files.expect_apart(command.output);
+    files.expect_apart(command.composite);
     for (const std::string& output : {command.output, command.composite}) {
         if (!output.empty() && extension_of(output) != ".png") {
             throw CommandError(output + ": expected a .png file for the result, found \"" +
@@ -242,7 +248,6 @@ void image(const ImageCommand& command) {
         throw CommandError(command.op + ": expected the GPU to do it, found: " + reports.error());
     }
     expect_no_gl_error(command.op + ": expected the GPU to do it");
-    OutputFiles files;
     files.write(command.output, png_bytes(picture_of(result)));
     if (!command.composite.empty()) {
         const Picture guide = read_picture(command.guide, 3);

@@ -273,6 +273,13 @@ ModelPlan plan_of(const RunCommand& command, const ModelFile& model, const PlanO
 }  // namespace
 
 void run(const RunCommand& command) {
+    OutputFiles files;
+    for (const std::string& input : command.inputs) files.keep(input);
+    for (const std::string& input : {command.model, command.table, command.background}) {
+        files.keep(input);
+    }
+    files.expect_apart(command.output);
+    files.expect_apart(command.composite);
     LibraryReports reports(command.verbose);
     ModelFile model;
     open_model(command.model, reports, model);
@@ -293,7 +300,6 @@ void run(const RunCommand& command) {
     check_outputs(command, model, layer, input_files);
     const std::vector<NetInput> inputs = input_files.load(command.rules, plan.inputs);
 
-    OutputFiles files;
     if (!command.all_layers.empty()) files.folder(command.all_layers);
     size_t arrays = 0;
     FloatMap map =

@@ -162,6 +162,9 @@ std::string ms(double milliseconds) {
 }  // namespace
 
 void tune(const TuneCommand& command) {
+    OutputFiles files;
+    files.keep(command.model);
+    files.expect_apart(command.output);
     LibraryReports reports(command.verbose);
     ModelFile model;
     open_model(command.model, reports, model);
@@ -289,7 +292,6 @@ void tune(const TuneCommand& command) {
         std::fputs(text.c_str(), stdout);
         return;
     }
-    OutputFiles files;
     files.write(command.output, text);
     files.commit();
     std::fputs((report + "wrote             " + command.output + "\n").c_str(), stdout);

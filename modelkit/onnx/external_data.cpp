@@ -101,6 +101,7 @@ Status ExternalData::read(const ::onnx::TensorProto& tensor, uint64_t size, size
                                " bytes with the tensors before, expected at most " +
                                std::to_string(MOST_EXTERNAL_BYTES));
     }
+    paths.insert(path);
     of_file += size;
     read_of_all += size;
     std::vector<char> bytes(static_cast<size_t>(std::min<uint64_t>(size, piece)));

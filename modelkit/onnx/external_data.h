@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -28,10 +29,14 @@ public:
     Status read(const ::onnx::TensorProto& tensor, uint64_t size, size_t piece,
                 const std::function<void(const char* bytes, size_t length)>& take);
 
+    /// Whole paths, links followed, of what was read.
+    const std::set<std::string>& files() const { return paths; }
+
 private:
     Status find(const std::string& location, std::string& path) const;
 
     std::string folder;
+    std::set<std::string> paths;
     std::map<std::pair<uint64_t, uint64_t>, uint64_t> read_of;  // by device and number of a file
     uint64_t read_of_all = 0;
 };

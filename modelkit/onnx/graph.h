@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -156,6 +157,7 @@ struct Graph {
     std::map<std::string, Tensor> initializers;
     std::vector<ValueInfo> inputs;  ///< without those that only name an initializer
     std::vector<ValueInfo> outputs;
+    std::set<std::string> external_files;  ///< whole paths of the files that hold its weights
 };
 
 }  // namespace modelkit::onnx

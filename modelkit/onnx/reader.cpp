@@ -477,6 +477,7 @@ Status take_model(proto::ModelProto& model, const std::string& folder, Graph& gr
             take_node(*from.mutable_node(i), external, graph.nodes[static_cast<size_t>(i)]);
         if (!taken) return taken;
     }
+    graph.external_files = external.files();
     return sort_nodes(graph);
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <modelkit/names.h>
 
+#include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -177,6 +178,59 @@ TEST_F(Convert, AModelThatIsThereStaysWhenAnotherIsRefused) {
     write_file(input, std::string("no model"));
     expect_refusal(convert(), 1, {"is not an ONNX model"});
     EXPECT_EQ(read_file(output), bytes);
+}
+
+// Writing a small model with its weights in another file.
+void write_with_external_weights(const Folder& folder) {
+    MadeModel model = small_model();
+    onnx::TensorProto& tensor = *model.graph().mutable_initializer(0);
+    write_file(folder / "w.bin", tensor.raw_data());
+    tensor.clear_raw_data();
+    tensor.set_data_location(onnx::TensorProto::EXTERNAL);
+    onnx::StringStringEntryProto& entry = *tensor.add_external_data();
+    entry.set_key("location");
+    entry.set_value("w.bin");
+    write_file(folder / "net.onnx", model.bytes());
+}
+
+TEST_F(Convert, AnOutputThatIsAnInputIsRefusedAndTheInputStays) {
+    write_with_external_weights(folder);
+    const std::string data = folder / "x.npy";
+    write_file(data, npy_file("<f4", "(3, 8, 6)", raw(std::vector<float>(144, 0.5f))));
+    std::filesystem::create_symlink(input, folder / "link.onnx");
+    std::filesystem::create_directory(folder / "sub");
+    std::filesystem::create_symlink(folder / "w.bin", folder / "m.names");
+    std::filesystem::copy(input, folder / "z.names");
+    const std::vector<std::string> all = folder.names();
+    const std::string model = read_file(input);
+    const std::string weights = read_file(folder / "w.bin");
+    const std::string array = read_file(data);
+
+    struct Case {
+        std::string input, output, named;
+    };
+    const std::vector<Case> cases = {
+        {input, input, "net.onnx"},
+        {input, folder / "link.onnx", "link.onnx"},
+        {folder / "link.onnx", input, "net.onnx"},
+        {input, folder / "sub/../net.onnx", "sub/../net.onnx"},
+        {folder / "z.names", folder / "z", "z.names"},
+        {input, data, "x.npy"},
+        {input, folder / "w.bin", "w.bin"},
+        {input, folder / "m", "m.names"},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.input + " to " + each.output);
+        expect_refusal(
+            run_tarno({"convert", "--input", each.input, "--output", each.output, "--data", data}),
+            1, {each.named, "expected a place for the output apart from the inputs"});
+        EXPECT_EQ(folder.names(), all);
+        EXPECT_TRUE(read_file(input) == model);
+        EXPECT_TRUE(read_file(folder / "z.names") == model);
+        EXPECT_TRUE(read_file(folder / "w.bin") == weights);
+        EXPECT_TRUE(read_file(data) == array);
+    }
+    expect_success(convert({"--data", data}));
 }
 
 TEST_F(Convert, NamesWithLineEndsStayOneLine) {

@@ -308,4 +308,19 @@ TEST(GpuInfo, ADriverThatIsTooOldIsNamed) {
     expect_refusal(outcome, 1, {"expected OpenGL 4.3 or newer", "found 4.2"});
 }
 
+TEST_F(ImageCommand, AnOutputThatIsAnInputIsRefusedAndTheInputStays) {
+    const std::string bytes = png_file(picture());
+    write_file(input, bytes);
+    write_file(folder / "guide.png", bytes);
+    const std::string wanted = "expected a place for the output apart from the inputs";
+    expect_refusal(run_tarno({"image", "--op", "flip-h", "--input", input, "--output", input}), 1,
+                   {"in.png", wanted});
+    expect_refusal(run_op("guided", {"--guide", folder / "guide.png", "--composite",
+                                     folder / "./guide.png", "--background", "1,2,3"}),
+                   1, {"guide.png", wanted});
+    EXPECT_EQ(folder.names(), (Words{"guide.png", "in.png"}));
+    EXPECT_TRUE(read_file(input) == bytes);
+    EXPECT_TRUE(read_file(folder / "guide.png") == bytes);
+}
+
 }  // namespace

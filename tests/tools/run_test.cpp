@@ -2,6 +2,7 @@
 #include <modelkit/net_builder.h>
 
 #include <cmath>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -505,6 +506,39 @@ TEST_F(Run, AllLayersWritesOneArrayForEachStep) {
     EXPECT_EQ(read_array(blobs + "/002_1_ReLU.npy").values, relu.values);
     EXPECT_EQ(folder.names(),
               (std::vector<std::string>{"blobs", "in.png", "net.zqnet", "out.npy"}));
+}
+
+TEST_F(Run, AnOutputThatIsAnInputIsRefusedAndTheInputStays) {
+    modelkit::NetBuilder net(header_of(4, 2));
+    net.activation(net.input(1), ActivationType_ReLU);
+    save(net, model);
+    write_file(picture, png_file(plain(4, 2, {51})));
+    std::filesystem::create_symlink(picture, folder / "link.png");
+    std::filesystem::copy(model, folder / "model.npy");
+    const std::string blobs = folder / "blobs";
+    expect_success(run({"--all-layers", blobs}));
+    const std::string blob = blobs + "/000_0_Input.npy";
+    const std::string pixels = read_file(picture);
+    const std::string values = read_file(blob);
+    const std::string file = read_file(model);
+
+    const std::string wanted = "expected a place for the output apart from the inputs";
+    const std::vector<std::string> words = {"run", "--model", folder / "model.npy", "--input"};
+    const auto expect_refused = [&](std::vector<std::string> more, const std::string& named) {
+        SCOPED_TRACE(named);
+        more.insert(more.begin(), words.begin(), words.end());
+        expect_refusal(run_tarno(more), 1, {named, wanted});
+        EXPECT_TRUE(read_file(picture) == pixels);
+        EXPECT_TRUE(read_file(blob) == values);
+        EXPECT_TRUE(read_file(folder / "model.npy") == file);
+    };
+    expect_refused({picture, "--output", picture}, "in.png");
+    expect_refused({picture, "--output", folder / "link.png"}, "link.png");
+    expect_refused({picture, "--output", folder / "model.npy"}, "model.npy");
+    expect_refused({picture, "--composite", folder / "blobs/../in.png"}, "blobs/../in.png");
+    expect_refused({blob, "--output", png, "--all-layers", blobs}, "000_0_Input.npy");
+    EXPECT_EQ(folder.names(),
+              (std::vector<std::string>{"blobs", "in.png", "link.png", "model.npy", "net.zqnet"}));
 }
 
 TEST_F(Run, AnOutputReplacesTheFileBehindALink) {

@@ -579,6 +579,13 @@ TEST_F(Tune, UsageErrorsHaveStatusTwo) {
     EXPECT_EQ(2, run_tarno({"tune", "--model", model, "--size", "0x0"}).status);
 }
 
+TEST_F(Tune, ATableInThePlaceOfTheModelIsRefused) {
+    const std::string bytes = read_file(model);
+    expect_refusal(run_tarno({"tune", "--model", model, "--output", folder / "./net.zqnet"}), 1,
+                   {"net.zqnet", "expected a place for the output apart from the inputs"});
+    EXPECT_TRUE(read_file(model) == bytes);
+}
+
 TEST_F(Tune, ABrokenModelLeavesNoTable) {
     const std::string cut = folder / "cut.zqnet";
     write_file(cut, read_file(model).substr(0, 1500));
