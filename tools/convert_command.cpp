@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "errors.h"
@@ -46,23 +47,34 @@ onnx::Engines engines_of(const std::string& name) {
     return name == "both" ? onnx::Engines::Both : onnx::Engines::Cpu;
 }
 
+/// The dimensions that say how numbers lie: leading ones, as of a batch, do not.
+std::vector<int64_t> without_leading_ones(const std::vector<int64_t>& dims) {
+    return {std::find_if(dims.begin(), dims.end(), [](int64_t size) { return size != 1; }),
+            dims.end()};
+}
+
 onnx::Tensor read_data(const std::string& path, const std::vector<int64_t>& dims) {
+    const auto expect_shape = [&](const std::vector<int64_t>& found) {
+        if (without_leading_ones(found) == without_leading_ones(dims)) return;
+        throw CommandError(path + ": expected the shape " + dims_text(dims) +
+                           " but for leading ones, found " + dims_text(found));
+    };
     onnx::Tensor tensor;
     if (extension_of(path) == ".pb") {
         const modelkit::Status read = onnx::read_tensor(path, tensor);
         if (!read) throw CommandError(path + ": " + read.message());
+        expect_shape(tensor.dims);
     } else {
-        NpyArray array = read_npy(path);
+        const size_t most_dimensions = std::max(most_tensor_dimensions, dims.size());
+        expect_shape(read_npy_shape(path, most_dimensions));
+        NpyArray array = read_npy(path, most_dimensions);
+        // The file may have been exchanged in between.
+        expect_shape(array.shape);
         tensor = onnx::Tensor::of_floats(array.shape, std::move(array.values));
     }
-    const auto count = static_cast<size_t>(onnx::element_count(dims));
-    if (tensor.size() != count) {
-        throw CommandError(path + ": expected " + std::to_string(count) + " numbers for " +
-                           dims_text(dims) + ", found " + std::to_string(tensor.size()));
-    }
     // The inputs are floats to both: what a double holds beyond is no difference of the model.
-    std::vector<float> values(count);
-    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(tensor.number(i));
+    std::vector<float> values(tensor.size());
+    for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(tensor.number(i));
     return onnx::Tensor::of_floats(dims, std::move(values));
 }
 
@@ -71,9 +83,11 @@ std::map<std::string, onnx::Tensor> inputs_for(const ConvertCommand& command,
     if (command.data.empty()) return onnx::random_inputs(conversion, command.seed);
     const auto& wanted = conversion.names.inputs;
     if (command.data.size() != wanted.size()) {
-        throw CommandError(command.input + ": expected " + std::to_string(wanted.size()) +
-                           " files of --data, one for each input, found " +
-                           std::to_string(command.data.size()));
+        throw CommandError(command.input + ": expected " +
+                           (wanted.size() == 1 ? "1 file of --data, for the one input"
+                                               : std::to_string(wanted.size()) +
+                                                     " files of --data, one for each input") +
+                           ", found " + std::to_string(command.data.size()));
     }
     std::map<std::string, onnx::Tensor> inputs;
     for (size_t i = 0; i < wanted.size(); ++i) {
@@ -140,6 +154,8 @@ void print_proofs(const char* title, const std::vector<onnx::ValueProof>& proofs
 
 void verify(const ConvertCommand& command, const onnx::Graph& original,
             const onnx::Conversion& conversion, const std::string& model_path) {
+    const modelkit::Status has_room = onnx::require_room(conversion);
+    if (!has_room) throw CommandError(command.input + ": no proof: " + has_room.message());
     const auto inputs = inputs_for(command, conversion);
     LibraryReports reports(command.verbose);
     std::string assertion;
@@ -207,7 +223,9 @@ void parse_shape(const std::string& text, std::string& name, std::vector<int64_t
     }
 }
 
-void convert(const ConvertCommand& command) {
+namespace {
+
+void convert_file(const ConvertCommand& command) {
     size_of_regular_file(command.input);
     OutputFiles files;
     const std::string names_path = modelkit::names_path(command.output);
@@ -258,6 +276,16 @@ void convert(const ConvertCommand& command) {
     }
     if (!command.no_verify) verify(command, original, conversion, model_path);
     files.commit();
+}
+
+}  // namespace
+
+void convert(const ConvertCommand& command) {
+    try {
+        convert_file(command);
+    } catch (const std::bad_alloc&) {
+        throw CommandError(command.input + ": expected enough memory, found none left");
+    }
 }
 
 }  // namespace tool

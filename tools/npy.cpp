@@ -61,7 +61,8 @@ bool parse_tuple(std::string_view text, std::vector<int64_t>& numbers) {
     }
 }
 
-Header parse_header(const std::string& path, const std::string& start, int64_t file_size) {
+Header parse_header(const std::string& path, const std::string& start, int64_t file_size,
+                    size_t most_dimensions) {
     const auto fail = [&](const std::string& text) { throw CommandError(path + ": " + text); };
     if (start.compare(0, magic.size(), magic) != 0) fail("expected an .npy file, found another");
     if (start.size() < prefix_size) fail("expected an .npy header, found the end of the file");
@@ -97,8 +98,9 @@ Header parse_header(const std::string& path, const std::string& start, int64_t f
     if (!parse_tuple(value_of(dictionary, "shape"), header.shape)) {
         fail("expected a shape such as (3, 4), found none");
     }
-    if (header.shape.empty() || header.shape.size() > 3) {
-        fail("expected 1 to 3 dimensions, found " + std::to_string(header.shape.size()));
+    if (header.shape.empty() || header.shape.size() > most_dimensions) {
+        fail("expected 1 to " + std::to_string(most_dimensions) + " dimensions, found " +
+             std::to_string(header.shape.size()));
     }
 
     const int64_t bytes = file_size - header.data_offset;
@@ -121,9 +123,9 @@ Header parse_header(const std::string& path, const std::string& start, int64_t f
     return header;
 }
 
-Header header_of(const std::string& path) {
+Header header_of(const std::string& path, size_t most_dimensions) {
     const int64_t file_size = size_of_regular_file(path);
-    return parse_header(path, first_bytes(path, prefix_size + 65535), file_size);
+    return parse_header(path, first_bytes(path, prefix_size + 65535), file_size, most_dimensions);
 }
 
 }  // namespace
@@ -132,13 +134,14 @@ bool is_npy(const std::string& path) {
     return first_bytes(path, magic.size()) == magic;
 }
 
-std::vector<int64_t> read_npy_shape(const std::string& path) {
-    return header_of(path).shape;
+std::vector<int64_t> read_npy_shape(const std::string& path, size_t most_dimensions) {
+    return header_of(path, most_dimensions).shape;
 }
 
-NpyArray read_npy(const std::string& path) {
+NpyArray read_npy(const std::string& path, size_t most_dimensions) {
     const std::string bytes = whole_file(path, INT64_MAX);
-    const Header header = parse_header(path, bytes, static_cast<int64_t>(bytes.size()));
+    const Header header =
+        parse_header(path, bytes, static_cast<int64_t>(bytes.size()), most_dimensions);
     NpyArray array;
     array.shape = header.shape;
     const size_t count = static_cast<size_t>(header.count);

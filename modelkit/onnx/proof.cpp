@@ -262,21 +262,6 @@ std::vector<double> numbers_of(const Values& values, const std::map<std::string,
     return input != inputs.end() ? input->second.numbers() : std::vector<double>();
 }
 
-Status require_room(const Conversion& conversion) {
-    int64_t all = 0;
-    const LayerReport* largest = nullptr;
-    for (const LayerReport& layer : conversion.layers) {
-        all += layer.elements;
-        if (largest == nullptr || layer.elements > largest->elements) largest = &layer;
-    }
-    if (all <= MOST_KEPT) return Status::success();
-    return Status::failure("at most " + std::to_string(MOST_KEPT) +
-                           " numbers in the tensors of all layers expected, found " +
-                           std::to_string(all) + ", of them " + std::to_string(largest->elements) +
-                           " in layer " + std::to_string(largest->id) + " of node " +
-                           in_quotes(largest->node) + WITHOUT_PROOF);
-}
-
 // Within what is left beside the inputs, which count as values.
 Status evaluate_for_proof(const Graph& graph, const std::map<std::string, Tensor>& inputs,
                           Values& values) {
@@ -376,6 +361,38 @@ private:
 bool Proof::holds() const {
     return std::all_of(outputs.begin(), outputs.end(),
                        [](const ValueProof& output) { return output.holds(); });
+}
+
+Status require_room(const Conversion& conversion) {
+    const int64_t most_of_inputs = EvaluationLimits().elements;
+    int64_t of_inputs = 0;
+    const ModelNames::Tensor* largest_input = nullptr;
+    for (const ModelNames::Tensor& input : conversion.names.inputs) {
+        of_inputs += element_count(input.dims);
+        if (largest_input == nullptr ||
+            element_count(input.dims) > element_count(largest_input->dims)) {
+            largest_input = &input;
+        }
+    }
+    if (of_inputs > most_of_inputs) {
+        return Status::failure("at most " + std::to_string(most_of_inputs) +
+                               " numbers in all inputs expected, found " +
+                               std::to_string(of_inputs) + ", of them " +
+                               std::to_string(element_count(largest_input->dims)) + " in " +
+                               in_quotes(largest_input->name) + WITHOUT_PROOF);
+    }
+    int64_t all = 0;
+    const LayerReport* largest = nullptr;
+    for (const LayerReport& layer : conversion.layers) {
+        all += layer.elements;
+        if (largest == nullptr || layer.elements > largest->elements) largest = &layer;
+    }
+    if (all <= MOST_KEPT) return Status::success();
+    return Status::failure("at most " + std::to_string(MOST_KEPT) +
+                           " numbers in the tensors of all layers expected, found " +
+                           std::to_string(all) + ", of them " + std::to_string(largest->elements) +
+                           " in layer " + std::to_string(largest->id) + " of node " +
+                           in_quotes(largest->node) + WITHOUT_PROOF);
 }
 
 std::map<std::string, Tensor> random_inputs(const Conversion& conversion, uint32_t seed) {

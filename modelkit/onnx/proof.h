@@ -51,6 +51,10 @@ struct Proof {
     bool holds() const;
 };
 
+/// Fails when a proof would keep more numbers in memory than its limits allow, before any is there:
+/// of the inputs, or of the tensors of all layers.
+Status require_room(const Conversion& conversion);
+
 /// Seeded numbers from -1 to 1 for each input, the same everywhere.
 std::map<std::string, Tensor> random_inputs(const Conversion& conversion, uint32_t seed);
 

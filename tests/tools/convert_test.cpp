@@ -122,11 +122,76 @@ TEST_F(Convert, DataThatDoesNotFitIsRefusedAndNothingIsWritten) {
     write_file(other / "x.npy", npy_file("<f4", "(3, 8, 5)", raw(std::vector<float>(120, 0.5f))));
     write_file(other / "x.pb", std::string("no tensor"));
     expect_refusal(convert({"--data", other / "x.npy"}), 1,
-                   {"x.npy", "expected 144 numbers for 1x3x8x6, found 120"});
+                   {"x.npy", "expected the shape 1x3x8x6 but for leading ones, found 3x8x5"});
     expect_refusal(convert({"--data", other / "x.pb"}), 1, {"x.pb"});
     expect_refusal(convert({"--data", other / "x.npy", "--data", other / "x.npy"}), 1,
-                   {"expected 1 files of --data"});
+                   {"net.onnx: expected 1 file of --data, for the one input, found 2"});
     expect_refusal(convert({"--data", other / "none.npy"}), 1, {"none.npy"});
+    expect_nothing_written();
+}
+
+// As many numbers, other places: the proof would be one of another picture.
+TEST_F(Convert, DataHasTheShapeOfTheInputButForLeadingOnes) {
+    const Folder other;
+    const std::string numbers = raw(std::vector<float>(144, 0.5f));
+    const auto write_tensor = [&](const Ints& dims) {
+        onnx::TensorProto tensor;
+        tensor.set_data_type(onnx::TensorProto::FLOAT);
+        for (const int64_t size : dims) tensor.add_dims(size);
+        tensor.set_raw_data(numbers);
+        write_file(other / "x.pb", tensor.SerializeAsString());
+    };
+    write_file(other / "x.npy", npy_file("<f4", "(1, 3, 8, 6)", numbers));
+    write_tensor({3, 8, 6});
+    expect_success(convert({"--data", other / "x.npy"}));
+    expect_success(convert({"--data", other / "x.pb"}));
+    std::filesystem::remove(output);
+    std::filesystem::remove(modelkit::names_path(output));
+
+    write_file(other / "x.npy", npy_file("<f4", "(8, 6, 3)", numbers));
+    write_tensor({1, 8, 6, 3});
+    const std::string expected = "expected the shape 1x3x8x6 but for leading ones, found ";
+    expect_refusal(convert({"--data", other / "x.npy"}), 1, {"x.npy", expected + "8x6x3"});
+    expect_refusal(convert({"--data", other / "x.pb"}), 1, {"x.pb", expected + "1x8x6x3"});
+    write_file(other / "x.npy", npy_file("<f4", "(1, 1, 3, 8, 6)", numbers));
+    expect_refusal(convert({"--data", other / "x.npy"}), 1,
+                   {"x.npy", "expected 1 to 4 dimensions, found 5"});
+    expect_nothing_written();
+}
+
+// A few hundred bytes may name inputs of any size.
+TEST_F(Convert, InputsBeyondTheProofAreRefusedBeforeTheyAreMade) {
+    MadeModel model;
+    model.input("w", {1, 1, 16384, 16384}).input("x", {1, 1, 16384, 16384});
+    model.input("y", {1, 1, 16384, 16384}).input("z", {1, 1, 16384, 16384}).output("sum");
+    model.node("Sum", {"w", "x", "y", "z"}, {"sum"});
+    write_file(input, model.bytes());
+    ASSERT_LT(read_file(input).size(), 300u);
+    const Folder other;
+    write_file(other / "none.npy", std::string("no array"));
+    const std::string data = other / "none.npy";
+    for (const Words& more :
+         {Words(), Words{"--data", data, "--data", data, "--data", data, "--data", data}}) {
+        const Outcome outcome = convert(more);
+        expect_refusal(outcome, 1,
+                       {"net.onnx: no proof", "at most 268435456 numbers in all inputs expected",
+                        "found 1073741824, of them 268435456 in \"w\"", "--no-verify"});
+        if (!sanitized) {
+            EXPECT_LT(outcome.peak_resident, int64_t{512} << 20);
+        }
+    }
+    expect_nothing_written();
+    expect_success(convert({"--no-verify"}));
+}
+
+TEST_F(Convert, TheLineNamesTheFileWhenMemoryRunsOut) {
+    MadeModel model;
+    model.input("x", {1, 1, 16384, 16384}).output("y").node("Relu", {"x"}, {"y"});
+    write_file(input, model.bytes());
+    if (sanitized) GTEST_SKIP() << "the address space belongs to the sanitizer";
+    const Outcome outcome =
+        run_tarno({"convert", "--input", input, "--output", output}, 120, rlim_t{768} << 20);
+    expect_refusal(outcome, 1, {"net.onnx: expected enough memory, found none left"});
     expect_nothing_written();
 }
 
