@@ -9,6 +9,7 @@
 
 #include "errors.h"
 #include "host_system.h"
+#include "interruption.h"
 #include "numbers.h"
 
 namespace tool {
@@ -70,6 +71,7 @@ std::string read_up_to(const RegularFile& file, const std::string& path, size_t 
 /// `temporary` must not be there yet.
 void write_new_file(const std::string& temporary, const std::string& path,
                     std::string_view contents) {
+    remove_when_interrupted(temporary);
     std::FILE* file = std::fopen(temporary.c_str(), "wbx");
     if (file == nullptr) {
         throw CommandError(path + ": expected a place to write to, found: " + reason());
@@ -174,6 +176,7 @@ void OutputFiles::folder(const std::string& path) {
     }
     // Inside a folder that is there: it may be the root of another file system than its parent.
     const std::string staging = temporary_name(exists ? target / "layers" : target);
+    remove_when_interrupted(staging);
     fs::create_directory(staging, error);
     if (error) {
         throw CommandError(path + ": expected a place for a folder, found: " + error.message());
@@ -191,7 +194,13 @@ void OutputFiles::write_in_folder(const std::string& path, const std::string& na
     files.push_back({temporary, path + "/" + name});
 }
 
+void flush_standard_output() {
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
+    throw CommandError("standard output: expected room to write, found: " + reason());
+}
+
 void OutputFiles::commit() {
+    flush_standard_output();
     for (const Folder& folder : folders) {
         std::error_code error;
         fs::create_directory(folder.path, error);

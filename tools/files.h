@@ -21,8 +21,13 @@ std::string whole_file(const std::string& path, int64_t most);
 /// ".png" of "a/b.PNG": lower case, with the dot; empty without one.
 std::string extension_of(const std::string& path);
 
+/// Throws CommandError when something that was printed could not be written: a full disk shows when
+/// the buffer goes out.
+void flush_standard_output();
+
 /// Files that are written together or not at all. Each is written beside its final place, and takes
-/// that place in `commit`; whatever was not committed is taken away by the destructor.
+/// that place in `commit`; whatever was not committed is taken away by the destructor, or when a
+/// signal ends the process.
 class OutputFiles {
 public:
     OutputFiles() = default;
@@ -46,6 +51,7 @@ public:
     void write_in_folder(const std::string& path, const std::string& name,
                          std::string_view contents);
 
+    /// What is printed before goes out first: without room for the report nothing is committed.
     void commit();
 
 private:

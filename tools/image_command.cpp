@@ -254,12 +254,12 @@ void image(const ImageCommand& command) {
         const Picture background = background_of(command.background, guide.w, guide.h);
         files.write(command.composite, png_bytes(composite_of(guide, background, result)));
     }
-    files.commit();
     if (!command.composite.empty()) {
         std::printf("wrote %s: %d x %d pixels\n", command.composite.c_str(), result.w, result.h);
     }
     std::printf("wrote %s: %d x %d pixels, %s\n", command.output.c_str(), result.w, result.h,
                 session.device().c_str());
+    files.commit();
 }
 
 }  // namespace tool

@@ -328,8 +328,8 @@ void run(const RunCommand& command) {
                                         : npy_bytes(map.values.data(), map.c, map.h, map.w));
         report += "wrote " + command.output + ": " + summary_of(map) + "\n";
     }
-    files.commit();
     std::fputs(report.c_str(), stdout);
+    files.commit();
 }
 
 }  // namespace tool

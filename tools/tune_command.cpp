@@ -293,8 +293,8 @@ void tune(const TuneCommand& command) {
         return;
     }
     files.write(command.output, text);
-    files.commit();
     std::fputs((report + "wrote             " + command.output + "\n").c_str(), stdout);
+    files.commit();
 }
 
 }  // namespace tool

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <modelkit/names.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -296,6 +297,20 @@ TEST_F(Convert, AnOutputThatIsAnInputIsRefusedAndTheInputStays) {
         EXPECT_TRUE(read_file(data) == array);
     }
     expect_success(convert({"--data", data}));
+}
+
+TEST_F(Convert, NothingIsWrittenWithoutRoomForTheReport) {
+    // Only where the system has such a device.
+    if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full here";
+    const Folder other;
+    const std::string command = std::string("'") + TARNO_COMMAND + "' convert --input '" + input +
+                                "' --output '" + output + "' > /dev/full 2> '" + (other / "err") +
+                                "'";
+    const int result = std::system(command.c_str());
+    EXPECT_EQ(WEXITSTATUS(result), 1);
+    EXPECT_NE(read_file(other / "err").find("tarno: standard output: expected room to write"),
+              std::string::npos);
+    expect_nothing_written();
 }
 
 TEST_F(Convert, NamesWithLineEndsStayOneLine) {

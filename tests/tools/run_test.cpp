@@ -2,6 +2,7 @@
 #include <modelkit/net_builder.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -539,6 +540,19 @@ TEST_F(Run, AnOutputThatIsAnInputIsRefusedAndTheInputStays) {
     expect_refused({blob, "--output", png, "--all-layers", blobs}, "000_0_Input.npy");
     EXPECT_EQ(folder.names(),
               (std::vector<std::string>{"blobs", "in.png", "link.png", "model.npy", "net.zqnet"}));
+}
+
+TEST_F(Run, NothingIsWrittenWithoutRoomForTheReport) {
+    // Only where the system has such a device.
+    if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full here";
+    save_input_net(model, 1, 4, 2);
+    write_file(picture, png_file(plain(4, 2, {51})));
+    const std::string command = std::string("'") + TARNO_COMMAND + "' run --model '" + model +
+                                "' --input '" + picture + "' --output '" + png +
+                                "' > /dev/full 2> /dev/null";
+    const int result = std::system(command.c_str());
+    EXPECT_EQ(WEXITSTATUS(result), 1);
+    EXPECT_EQ(folder.names(), (std::vector<std::string>{"in.png", "net.zqnet"}));
 }
 
 TEST_F(Run, AnOutputReplacesTheFileBehindALink) {
