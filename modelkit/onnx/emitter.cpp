@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <new>
 #include <type_traits>
 
@@ -14,6 +15,14 @@ namespace modelkit::onnx {
 namespace {
 
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
+
+// How much of a layer's weights rounding may take: the root of the summed squared changes over that
+// of the weights. Normal halves change by 2^-11 of themselves at most. Below 2^-14 halves lie 2^-24
+// apart whatever their size: weights are off by up to 2^-25, evenly spread, and the root of the
+// mean square of that is 2^-25 / sqrt(3). To be a sixteenth of the weights, theirs has to be
+// 16 * 2^-25 / sqrt(3), about 2^-21.8; of weights of 2^-25 and less nothing is left. The proof
+// cannot tell: noise of that step explains any change of such weights, zeros included.
+constexpr double MOST_LOST = 1.0 / 16;
 
 Range of_activation(int type, const Range& range) {
     switch (type) {
@@ -116,12 +125,32 @@ void Emitter::round(const char* what, const float* values, size_t count, unsigne
                    " is beyond 65504, the largest half");
         }
         const double error = value - static_cast<double>(Tarno::half_to_float(halves[i]));
+        rounding.squares += value * value;
+        rounding.squared_errors += error * error;
         squared_weights += value * value;
         squared_errors += error * error;
         rounding.largest = std::max(rounding.largest, std::fabs(value));
         rounding.largest_error = std::max(rounding.largest_error, std::fabs(error));
     }
     current.weights += static_cast<int64_t>(count);
+}
+
+void Emitter::Rounding::add(const Rounding& other) {
+    largest = std::max(largest, other.largest);
+    largest_error = std::max(largest_error, other.largest_error);
+    squares += other.squares;
+    squared_errors += other.squared_errors;
+}
+
+void Emitter::expect_kept(unsigned short type, double squares, double squared_errors) const {
+    if (squared_errors <= MOST_LOST * MOST_LOST * squares) return;
+    char lost[32];
+    std::snprintf(lost, sizeof(lost), "%.4f %%", 100.0 * std::sqrt(squared_errors / squares));
+    char most[32];
+    std::snprintf(most, sizeof(most), "%.4f %%", 100.0 * MOST_LOST);
+    refuse("layer " + std::to_string(reports.size()) + " (" + zq_layer_type_name(type) +
+           "): weights that halves change by at most " + most + " expected, found " + lost +
+           ": halves lie 2^-24 apart below 2^-14, so scale the weights up and what follows down");
 }
 
 void Emitter::count_rounding(const Rounding& rounding) {
@@ -197,6 +226,7 @@ Blob Emitter::finish_weights(Record& record, const Extent& size, const Range& ra
         Rounding rounding;
         if (array == "weights") {
             round_rows("weights", rows, length, weights, put, rounding);
+            expect_kept(record.type, rounding.squares, rounding.squared_errors);
         } else {
             const auto all = [&](size_t, float* to) { std::copy(bias.begin(), bias.end(), to); };
             round_rows("bias", 1, bias.size(), all, put, rounding);
@@ -500,7 +530,8 @@ Blob Emitter::lstm(const Blob& bottom, int input_size, int hidden_size, bool bid
     record.w_ih_count = 4 * hidden * inner;
     record.w_hh_count = 4 * hidden * hidden;
     record.bias_count = 4 * hidden;
-    Rounding rounding;
+    Rounding weights_rounding;
+    Rounding bias_rounding;
     size_t next = 0;
     const Blob blob =
         finish(record, size, {-1.0, 1.0}, [&](const std::string&, size_t, const PutHalves& put) {
@@ -510,8 +541,12 @@ Blob Emitter::lstm(const Blob& bottom, int input_size, int hidden_size, bool bid
             const size_t length = array == 0 ? inner : array == 1 ? hidden : 1;
             round_rows(
                 "weights", 4 * hidden, length,
-                [&](size_t row, float* to) { weights(direction, array, row, to); }, put, rounding);
-            if (next == (bidirectional ? 8u : 4u)) count_rounding(rounding);
+                [&](size_t row, float* to) { weights(direction, array, row, to); }, put,
+                array < 2 ? weights_rounding : bias_rounding);
+            if (next != (bidirectional ? 8u : 4u)) return;
+            expect_kept(record.type, weights_rounding.squares, weights_rounding.squared_errors);
+            bias_rounding.add(weights_rounding);
+            count_rounding(bias_rounding);
         });
     return blob;
 }
@@ -625,6 +660,7 @@ Blob Emitter::batchnorm(const Blob& bottom, const Affine& wanted, Affine& used) 
         error = std::max(error, std::fabs(used.scale[i] - scale));
     }
     current.largest_error = largest > 0 ? error / largest : 0;
+    expect_kept(record.type, squared_weights, squared_errors);
     return finish(record, bottom.size, Range());
 }
 
@@ -681,6 +717,8 @@ Blob Emitter::affine(const Blob& bottom, const Affine& wanted, Affine& used) {
             "constants of at most 65504 expected");
     double fine = second == 0 ? 0.0 : as_half((shift - coarse) / second);
     if (!std::isfinite(fine)) fine = 0.0;
+    const double lost = first * second - scale;
+    expect_kept(ZQLayerType_Activation, scale * scale, lost * lost);
     used.scale.assign(channels, first * second);
     used.shift.assign(channels, fine * second + coarse);
     return linear(linear(bottom, first, fine), second, coarse);

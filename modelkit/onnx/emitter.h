@@ -140,11 +140,17 @@ private:
     struct Rounding {
         double largest = 0;
         double largest_error = 0;
+        double squares = 0;
+        double squared_errors = 0;
+
+        void add(const Rounding& other);
     };
     /// Takes numbers over as halves.
     void round(const char* what, const float* values, size_t count, unsigned short* halves,
                Rounding& rounding);
     void count_rounding(const Rounding& rounding);
+    /// Refuses weights of a layer that halves lose.
+    void expect_kept(unsigned short type, double squares, double squared_errors) const;
     /// The same for rows, which `put` gets in pieces.
     void round_rows(const char* what, size_t rows, size_t length, const WeightRows& fill,
                     const PutHalves& put, Rounding& rounding);

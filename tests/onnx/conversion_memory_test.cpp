@@ -26,7 +26,7 @@ onnx::TensorProto& add_weights(MadeModel& model, const std::vector<int64_t>& dim
     tensor.set_name("w");
     tensor.set_data_type(halves ? onnx::TensorProto::FLOAT16 : onnx::TensorProto::FLOAT);
     for (const int64_t size : dims) tensor.add_dims(size);
-    tensor.set_raw_data(std::string(NUMBERS * (halves ? 2 : 4), '\x21'));
+    tensor.set_raw_data(std::string(NUMBERS * (halves ? 2 : 4), '\x3a'));
     return tensor;
 }
 
