@@ -53,6 +53,30 @@ Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::ve
     return Status::success();
 }
 
+// A sixth, as in a HardSwish, is a half or what two halves make of it: for both engines 2^-12 off.
+// The layers' output is that of the operator times a factor e near 1, and what follows works on
+// that: after n such nodes a product is off by e^n, and a difference may be off by more than that
+// of itself. So the graph with the file's numbers gets the factors where they are, and a bound for
+// what float arithmetic does has nothing to do with them.
+void show_factors(const std::map<size_t, double>& factors, Graph& rounded) {
+    std::vector<Node> nodes;
+    for (size_t i = 0; i < rounded.nodes.size(); ++i) {
+        nodes.push_back(std::move(rounded.nodes[i]));
+        const auto found = factors.find(i);
+        if (found == factors.end() || found->second == 1.0) continue;
+        Node product;
+        product.name = nodes.back().name;
+        product.op_type = "Mul";
+        product.outputs = {nodes.back().outputs[0]};
+        const std::string before = product.outputs[0] + " before its factor";
+        product.inputs = {before, add_initializer(rounded, product.outputs[0] + " factor",
+                                                  Tensor::of_doubles({}, {found->second}))};
+        nodes.back().outputs[0] = before;
+        nodes.push_back(std::move(product));
+    }
+    rounded.nodes = std::move(nodes);
+}
+
 }  // namespace
 
 Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
@@ -91,6 +115,7 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
         result.layers = emitter.layers();
         result.notes.insert(result.notes.end(), lowering.notes().begin(), lowering.notes().end());
         result.slack = lowering.slack();
+        if (options.keep_rounded) show_factors(lowering.factors(), result.rounded);
         for (const LayerReport& layer : result.layers) result.names.layers[layer.id] = layer.node;
         const auto named = [](const std::vector<ValueInfo>& infos,
                               const std::unordered_map<std::string, Value>& values) {

@@ -156,7 +156,8 @@ Blob Lowering::without_padding(Blob blob, const AxisWindow& axis, bool rows) {
         Blob part = rows ? pad_or_crop(blob, -before, 0, -behind, 0)
                          : pad_or_crop(blob, 0, -before, 0, -behind);
         if (pixels(i) != axis.kernel) {
-            part = scaled(part, static_cast<double>(axis.kernel) / static_cast<double>(pixels(i)));
+            const double wider = static_cast<double>(axis.kernel) / static_cast<double>(pixels(i));
+            part = scaled_part(part, wider);
         }
         parts.push_back(part);
         i = end;

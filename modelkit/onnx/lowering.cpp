@@ -352,9 +352,16 @@ void Lowering::show_number(const std::string& attribute, double value) {
     shown.floats = {value};
 }
 
+Blob Lowering::scaled(const Blob& bottom, double factor) {
+    Affine used;
+    const Blob blob = emitter.affine(bottom, {{factor}, {0.0}}, used);
+    own_factors.try_emplace(at, 1.0).first->second *= used.scale[0] / factor;
+    return blob;
+}
+
 // Only a factor: it changes each number by a share of itself, which is what `slack` can say. A term
 // that is off is off for small numbers as for large ones, so terms have to be shown.
-Blob Lowering::scaled(const Blob& bottom, double factor) {
+Blob Lowering::scaled_part(const Blob& bottom, double factor) {
     Affine used;
     const Blob blob = emitter.affine(bottom, {{factor}, {0.0}}, used);
     unshown += std::fabs(used.scale[0] / factor - 1.0);

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -67,7 +68,10 @@ public:
     const std::unordered_map<std::string, Value>& outputs() const { return finished; }
     /// Limits that the engine has where ONNX has none; no conversion is refused for them.
     const std::vector<std::string>& notes() const { return all_notes; }
-    /// Sum of the relative changes of constants that `rounded` does not show.
+    /// By what the layers multiply the output of a node, by its place in the graph, beside what it
+    /// says: it has no attribute that could show it.
+    const std::map<size_t, double>& factors() const { return own_factors; }
+    /// Sum of the relative changes of constants that neither `rounded` nor `factors` show.
     double slack() const { return unshown; }
 
 private:
@@ -105,7 +109,10 @@ private:
     void show_halves(size_t input, double factor = 1.0);
     void show_tensor(size_t input, Tensor tensor);
     void show_number(const std::string& attribute, double value);
+    /// The whole of what becomes the node's output, times a factor.
     Blob scaled(const Blob& bottom, double factor);
+    /// The same for a part of it.
+    Blob scaled_part(const Blob& bottom, double factor);
 
     // Layers that make other divisions of the same numbers.
     static Extent extent_of(const Dims& dims);
@@ -212,6 +219,7 @@ private:
     std::unordered_map<std::string, Value> made;
     std::unordered_map<std::string, Value> finished;
     std::vector<std::string> all_notes;
+    std::map<size_t, double> own_factors;
     double unshown = 0;
 };
 

@@ -201,6 +201,58 @@ TEST(Proof, HoldsWhereAnInputIsAnOutputAsWell) {
     }
 }
 
+MadeModel chain_of(const char* type, int count) {
+    MadeModel model(14);
+    model.input("0", {1, 2, 8, 8}).output("y");
+    for (int i = 0; i < count; ++i) {
+        model.node(type, {std::to_string(i)}, {i + 1 < count ? std::to_string(i + 1) : "y"});
+    }
+    return model;
+}
+
+ConvertOptions for_both() {
+    ConvertOptions options;
+    options.engines = Engines::Both;
+    return options;
+}
+
+// Both engines take the half of 1 / 6 in each layer, which is 2^-12 below it.
+TEST(Proof, HoldsForAnyNumberOfFactorsOneBehindTheOther) {
+    for (const char* type : {"HardSwish", "HardSigmoid"}) {
+        for (const int count : {1, 2, 3, 7, 20}) {
+            SCOPED_TRACE(std::string(type) + " " + std::to_string(count));
+            MadeModel model = chain_of(type, count);
+            const auto values = testing_support::uniform_fill(5, -4.0, 6.0, 128);
+            const Converted converted = convert_and_prove(
+                model.bytes(), {{"0", Tensor::of_floats({1, 2, 8, 8}, values)}}, for_both());
+            expect_proof(converted);
+            // The factors are in the graph with the file's numbers; floats are left to explain.
+            const ValueProof& output = converted.proof.outputs[0];
+            EXPECT_GT(output.by_halves.relative, 0x1p-14);
+            const auto layers = static_cast<double>(converted.conversion.layers.size());
+            EXPECT_LE(output.bound, 4.001 * layers * 0x1p-24 * output.largest);
+        }
+    }
+}
+
+TEST(Proof, FailsWhenAFactorIsTheNextHalf) {
+    MadeModel model = chain_of("HardSwish", 2);
+    Converted converted = convert_only(model.bytes(), for_both());
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    ASSERT_EQ(converted.kinds().at(2), "DepthWiseConv2D");
+    const auto next_half = [](ZQLayerInfo& record) {
+        auto& conv = static_cast<ZQLayerInfo_DepthWiseConv2D&>(record);
+        for (size_t i = 0; i < conv.weights_count; ++i) {
+            if (conv.weights_half[i] == 0) continue;
+            ++conv.weights_half[i];
+            conv.weights[i] = Tarno::half_to_float(conv.weights_half[i]);
+        }
+    };
+    prove_converted(converted, {}, false, changed(converted, next_half, 3));
+    ASSERT_TRUE(converted.status) << converted.status.message();
+    EXPECT_FALSE(converted.proof.holds());
+}
+
 MadeModel mean_of(const char* type, const std::vector<int64_t>& dims, int64_t kernel) {
     MadeModel model;
     model.input("x", dims).output("y");
