@@ -56,26 +56,54 @@ Status resolve_shapes(const Graph& graph, const ConvertOptions& options, std::ve
 // A sixth, as in a HardSwish, is a half or what two halves make of it: for both engines 2^-12 off.
 // The layers' output is that of the operator times a factor e near 1, and what follows works on
 // that: after n such nodes a product is off by e^n, and a difference may be off by more than that
-// of itself. So the graph with the file's numbers gets the factors where they are, and a bound for
-// what float arithmetic does has nothing to do with them.
-void show_factors(const std::map<size_t, double>& factors, Graph& rounded) {
-    std::vector<Node> nodes;
-    for (size_t i = 0; i < rounded.nodes.size(); ++i) {
-        nodes.push_back(std::move(rounded.nodes[i]));
-        const auto found = factors.find(i);
-        if (found == factors.end() || found->second == 1.0) continue;
-        Node product;
-        product.name = nodes.back().name;
-        product.op_type = "Mul";
-        product.outputs = {nodes.back().outputs[0]};
-        const std::string before = product.outputs[0] + " before its factor";
-        product.inputs = {before, add_initializer(rounded, product.outputs[0] + " factor",
-                                                  Tensor::of_doubles({}, {found->second}))};
-        nodes.back().outputs[0] = before;
-        nodes.push_back(std::move(product));
+// of itself. The factors before and behind the clamp of a Clip do the same to its input. So the
+// graph with the file's numbers gets the factors where they are, and a bound for what float
+// arithmetic does has nothing to do with them.
+class FactorShower {
+public:
+    explicit FactorShower(Graph& rounded) : rounded(rounded) {}
+
+    void show(const std::map<size_t, double>& factors,
+              const std::map<size_t, InputChange>& input_changes) {
+        std::vector<Node> given = std::move(rounded.nodes);
+        rounded.nodes.clear();
+        for (size_t i = 0; i < given.size(); ++i) {
+            Node& node = given[i];
+            const auto change = input_changes.find(i);
+            if (change != input_changes.end()) change_input(node, change->second);
+            const auto factor = factors.find(i);
+            const bool is_scaled = factor != factors.end() && factor->second != 1.0;
+            const std::string output = node.outputs.empty() ? std::string() : node.outputs[0];
+            if (is_scaled) node.outputs[0] = output + " before its factor";
+            const std::string before = node.outputs.empty() ? std::string() : node.outputs[0];
+            rounded.nodes.push_back(std::move(node));
+            if (is_scaled) add("Mul", {before, number(output, factor->second)}, output);
+        }
     }
-    rounded.nodes = std::move(nodes);
-}
+
+private:
+    void change_input(Node& node, const InputChange& change) {
+        if (change.above == 1.0 && change.below == 1.0 && change.term == 0.0) return;
+        const std::string name = node.outputs[0] + ", its input";
+        const std::string parts[] = {name + " times a factor", name + " times both", name};
+        add("Mul", {node.inputs[0], number(name, change.above)}, parts[0]);
+        add("PRelu", {parts[0], number(name, change.below / change.above)}, parts[1]);
+        add("Add", {parts[1], number(name, change.term)}, parts[2]);
+        node.inputs[0] = name;
+    }
+    std::string number(const std::string& like, double value) {
+        return add_initializer(rounded, like + " number", Tensor::of_doubles({}, {value}));
+    }
+    void add(const char* op_type, std::vector<std::string> inputs, const std::string& output) {
+        Node made;
+        made.op_type = op_type;
+        made.inputs = std::move(inputs);
+        made.outputs = {output};
+        rounded.nodes.push_back(std::move(made));
+    }
+
+    Graph& rounded;
+};
 
 }  // namespace
 
@@ -115,7 +143,9 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
         result.layers = emitter.layers();
         result.notes.insert(result.notes.end(), lowering.notes().begin(), lowering.notes().end());
         result.slack = lowering.slack();
-        if (options.keep_rounded) show_factors(lowering.factors(), result.rounded);
+        if (options.keep_rounded) {
+            FactorShower(result.rounded).show(lowering.factors(), lowering.input_changes());
+        }
         for (const LayerReport& layer : result.layers) result.names.layers[layer.id] = layer.node;
         const auto named = [](const std::vector<ValueInfo>& infos,
                               const std::unordered_map<std::string, Value>& values) {

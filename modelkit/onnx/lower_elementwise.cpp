@@ -88,7 +88,8 @@ Blob Lowering::side_of(const Blob& blob, double sign, double& limit) {
     const Blob inside = emitter.activation(
         emitter.affine(blob, {{sign * 6.0 / limit}, {0.0}}, before), ActivationType_ReLU6);
     const Blob result = emitter.affine(inside, {{sign * limit / 6.0}, {0.0}}, behind);
-    unshown += std::fabs(before.scale[0] * behind.scale[0] - 1.0);
+    InputChange& change = own_changes[at];
+    (sign > 0 ? change.above : change.below) = before.scale[0] * behind.scale[0];
     limit = 6.0 * std::fabs(behind.scale[0]);
     return result;
 }
@@ -140,6 +141,10 @@ Blob Lowering::clipped(const Blob& blob, double& low, double& high) {
         result = side_of(emitter.affine(blob, {{1.0}, {-sign * near}}, taken), sign, room);
         result = emitter.affine(result, {{1.0}, {sign * near}}, given);
         near = std::fabs(given.shift[0]);
+        // The factor goes for the distance from the nearer limit.
+        InputChange& change = own_changes[at];
+        const double factor = sign > 0 ? change.above : change.below;
+        change = {factor, factor, sign * near * (1.0 - factor)};
         far = near + room;
     }
     low = sign > 0 ? near : -far;

@@ -51,6 +51,14 @@ struct Window2D {
     AxisWindow x;
 };
 
+/// What the layers of a node do to its first input before the operator: a factor for what is above
+/// 0, one for what is below, and a term.
+struct InputChange {
+    double above = 1.0;
+    double below = 1.0;
+    double term = 0.0;
+};
+
 class Lowering {
 public:
     /// Works on a graph after `simplify`, whose shape chains it folds as it goes, and whose
@@ -71,7 +79,9 @@ public:
     /// By what the layers multiply the output of a node, by its place in the graph, beside what it
     /// says: it has no attribute that could show it.
     const std::map<size_t, double>& factors() const { return own_factors; }
-    /// Sum of the relative changes of constants that neither `rounded` nor `factors` show.
+    /// The same for its first input.
+    const std::map<size_t, InputChange>& input_changes() const { return own_changes; }
+    /// Sum of the relative changes of constants that none of these show.
     double slack() const { return unshown; }
 
 private:
@@ -220,6 +230,7 @@ private:
     std::unordered_map<std::string, Value> finished;
     std::vector<std::string> all_notes;
     std::map<size_t, double> own_factors;
+    std::map<size_t, InputChange> own_changes;
     double unshown = 0;
 };
 

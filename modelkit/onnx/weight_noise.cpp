@@ -1,5 +1,8 @@
 #include "modelkit/onnx/weight_noise.h"
 
+#include <cmath>
+#include <limits>
+#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -42,6 +45,50 @@ std::set<std::string> exact_constants(const Graph& graph) {
     return exact;
 }
 
+// The clamps that are no operator of the engines: all but those from 0 to 6 and from 0 on, which
+// factors before and behind make of them.
+class ScaledClips {
+public:
+    explicit ScaledClips(const Graph& graph) : graph(graph) {
+        for (const Node& node : graph.nodes) {
+            if (node.op_type == "Constant" && node.has_output(0)) {
+                constants[node.outputs[0]] = &node;
+            }
+        }
+    }
+
+    bool contain(const Node& node) const {
+        constexpr double INFINITE = std::numeric_limits<double>::infinity();
+        return node.op_type == "Clip" && !(is_plain(limit_of(node, 1, "min", -INFINITE)) &&
+                                           is_plain(limit_of(node, 2, "max", INFINITE)));
+    }
+
+private:
+    static bool is_plain(double limit) {
+        const double size = std::fabs(limit);
+        return size == 0 || size == 6 ||
+               size >= static_cast<double>(std::numeric_limits<float>::max());
+    }
+
+    // Without a limit, or with one that is computed, `otherwise`.
+    double limit_of(const Node& clip, size_t input, const char* attribute, double otherwise) const {
+        if (graph.opset < 11) return clip.number(attribute, otherwise);
+        if (!clip.has_input(input)) return otherwise;
+        const auto found = graph.initializers.find(clip.inputs[input]);
+        if (found != graph.initializers.end()) {
+            return found->second.size() == 1 ? found->second.number(0) : otherwise;
+        }
+        const auto constant = constants.find(clip.inputs[input]);
+        if (constant == constants.end()) return otherwise;
+        const Attribute* value = constant->second->find("value", Attribute::Kind::Tensor);
+        if (value != nullptr && value->tensor.size() == 1) return value->tensor.number(0);
+        return constant->second->number("value_float", otherwise);
+    }
+
+    const Graph& graph;
+    std::map<std::string, const Node*> constants;
+};
+
 // Their own factors, 1 / 9 or 0.75, become weights of a convolution or of a Linear.
 bool makes_weights(const std::string& op_type) {
     return op_type == "AveragePool" || op_type == "GlobalAveragePool" || op_type == "ReduceMean" ||
@@ -78,6 +125,7 @@ Graph with_weight_noise(const Graph& graph, double reach, uint32_t seed) {
         if (exact.count(name) == 0) noise.disturb(tensor);
     }
     result.nodes.clear();
+    const ScaledClips clips(graph);
     for (Node node : graph.nodes) {
         if (node.op_type == "Constant" && !node.outputs.empty() &&
             exact.count(node.outputs[0]) == 0) {
@@ -86,7 +134,8 @@ Graph with_weight_noise(const Graph& graph, double reach, uint32_t seed) {
                 for (double& value : attribute.floats) value *= noise.factor();
             }
         }
-        if (!makes_weights(node.op_type) || !node.has_output(0)) {
+        const bool has_factor = makes_weights(node.op_type) || clips.contain(node);
+        if (!has_factor || !node.has_output(0)) {
             result.nodes.push_back(std::move(node));
             continue;
         }

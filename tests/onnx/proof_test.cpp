@@ -179,6 +179,17 @@ TEST(Proof, HoldsForInfiniteNumbersOnlyWhereBothAreInfinite) {
     EXPECT_FALSE(converted.proof.holds());
 }
 
+// On the CPU engine; for both a factor is a tap among zeros, which times infinity are no number.
+TEST(Proof, HoldsWhereInfiniteNumbersAreClamped) {
+    const float endless = std::numeric_limits<float>::infinity();
+    MadeModel model;
+    model.input("x", {1, 2, 1, 2}).output("y");
+    model.floats("a", {}, {-0.9f}).floats("b", {}, {0.83f});
+    model.node("Clip", {"x", "a", "b"}, {"y"});
+    expect_proof(convert_and_prove(
+        model.bytes(), {{"x", Tensor::of_floats({1, 2, 1, 2}, {endless, 1, -2, -endless})}}));
+}
+
 TEST(Proof, HoldsWhereAnInputIsAnOutputAsWell) {
     for (const std::vector<int64_t>& dims : {std::vector<int64_t>{1, 2, 3, 4}, {4, 6}, {1, 5}}) {
         MadeModel model;
@@ -231,6 +242,39 @@ TEST(Proof, HoldsForAnyNumberOfFactorsOneBehindTheOther) {
             EXPECT_GT(output.by_halves.relative, 0x1p-14);
             const auto layers = static_cast<double>(converted.conversion.layers.size());
             EXPECT_LE(output.bound, 4.001 * layers * 0x1p-24 * output.largest);
+        }
+    }
+}
+
+// Factors before and behind a clamp are shares of its input, and differences let them grow.
+TEST(Proof, HoldsForClampsOneBehindTheOtherAndTheirDifference) {
+    struct Limits {
+        float low, high, other_low, other_high;
+    };
+    const Limits all[] = {{-0.9f, 0.83f, -0.87f, 0.9f},
+                          {0.0f, 0.7f, 0.0f, 0.75f},
+                          {-0.7f, 0.0f, -0.75f, 0.0f},
+                          {0.13f, 0.7f, 0.11f, 0.77f},
+                          {-0.7f, -0.13f, -0.77f, -0.11f}};
+    for (const Limits& limits : all) {
+        for (const Engines engines : {Engines::Cpu, Engines::Both}) {
+            SCOPED_TRACE(std::to_string(limits.low) + " to " + std::to_string(limits.high));
+            MadeModel model(14);
+            model.input("x", {1, 2, 8, 8}).output("y").output("z");
+            model.floats("a", {}, {limits.low}).floats("b", {}, {limits.high});
+            model.floats("c", {}, {limits.other_low}).floats("d", {}, {limits.other_high});
+            model.node("Clip", {"x", "a", "b"}, {"p"}).node("Clip", {"x", "c", "d"}, {"q"});
+            model.node("Sub", {"p", "q"}, {"y"});
+            model.node("Clip", {"p", "c", "d"}, {"r"}).node("Mul", {"r", "r"}, {"s"});
+            model.node("Mul", {"s", "s"}, {"z"});
+            ConvertOptions options;
+            options.engines = engines;
+            const Converted converted = convert_and_prove(model.bytes(), {}, options);
+            expect_proof(converted);
+            const auto layers = static_cast<double>(converted.conversion.layers.size());
+            for (const ValueProof& output : converted.proof.outputs) {
+                EXPECT_LE(output.bound, 4.001 * layers * 0x1p-24 * output.largest);
+            }
         }
     }
 }
