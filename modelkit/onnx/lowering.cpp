@@ -124,6 +124,7 @@ Status Lowering::run(const std::vector<Dims>& inputs) {
         for (const ValueInfo& output : graph.outputs) {
             where = "the output " + in_quotes(output.name);
             require(made.count(output.name) != 0, "is a constant, which no layer gives");
+            check_output(output, made.at(output.name).dims);
         }
         where = "the outputs";
         finish_outputs();
@@ -202,6 +203,20 @@ bool Lowering::fold_shape() {
         return false;
     }
     return true;
+}
+
+// What the file says of an output is the only word on what its maker took the graph for: where that
+// is something else, so are the nodes. Sizes that are left open fit any.
+void Lowering::check_output(const ValueInfo& info, const Dims& dims) {
+    require(info.type == ElementType::Undefined || !is_integral(info.type),
+            std::string("a declared type of numbers with a fraction expected, found ") +
+                name_of(info.type));
+    const bool fits =
+        !info.has_shape || (info.dims.size() == dims.size() &&
+                            std::equal(dims.begin(), dims.end(), info.dims.begin(),
+                                       [](int64_t a, int64_t b) { return b == -1 || a == b; }));
+    require(fits, "a declared shape of " + text_of(dims) + ", which the graph gives, expected, " +
+                      "found " + text_of(info.dims));
 }
 
 // The tensor of an output is what the graph says, in as many dimensions as the engine can tell.

@@ -92,6 +92,7 @@ private:
     void lower_input(const ValueInfo& info, const Dims& dims);
     void lower_node(size_t index);
     bool fold_shape();
+    static void check_output(const ValueInfo& info, const Dims& dims);
     void finish_outputs();
     const Node& node() const { return graph.nodes[at]; }
     const Value& value(size_t input) const;

@@ -63,6 +63,12 @@ public:
         graph().add_output()->set_name(name);
         return *this;
     }
+    /// With its type and dimensions, -1 for one that stays open.
+    MadeModel& output(const std::string& name, const std::vector<int64_t>& dims,
+                      int type = onnx::TensorProto::FLOAT) {
+        describe(*graph().add_output(), name, dims, type);
+        return *this;
+    }
     MadeModel& floats(const std::string& name, const std::vector<int64_t>& dims,
                       const std::vector<float>& values) {
         onnx::TensorProto& tensor = add_tensor(name, dims, onnx::TensorProto::FLOAT);
