@@ -11,24 +11,35 @@ namespace {
 // output.
 constexpr size_t GATES[4] = {0, 2, 3, 1};
 
+// "0.2, 0.5", cut when it is long.
+std::string numbers_of(const Attribute& attribute) {
+    std::string text;
+    const size_t shown = std::min<size_t>(attribute.floats.size(), 4);
+    for (size_t i = 0; i < shown; ++i) {
+        text += (i == 0 ? "" : ", ") + number_text(attribute.floats[i]);
+    }
+    return shown < attribute.floats.size() ? text + ", ..." : text;
+}
+
 }  // namespace
 
 void Lowering::lstm() {
     const Value& data = value(0);
     const Tensor& weights = required(1, "weights");
     const Tensor& recurrent = required(2, "recurrent weights");
-    require(node().integer("layout", 0) == 0, "layout 0 expected");
+    const int64_t layout = node().integer("layout", 0);
+    require(layout == 0, "layout 0 expected, found " + std::to_string(layout));
     require(
         data.dims.size() == 3 && data.dims[1] == 1,
         "a tensor of time steps, a batch of 1 and values expected, found " + text_of(data.dims));
     const int64_t steps = data.dims[0];
     const int inputs = small(data.dims[2], "the input size");
-    const int hidden = small(node().integer("hidden_size", 0), "hidden_size");
+    const int hidden = small(node().integer("hidden_size", 0), "a hidden_size");
     const std::string direction = node().text("direction", "forward");
     require(direction == "forward" || direction == "reverse" || direction == "bidirectional",
             "direction forward, reverse or bidirectional expected, found " + in_quotes(direction));
     const int64_t directions = direction == "bidirectional" ? 2 : 1;
-    require(hidden >= 1, "a hidden_size of at least 1 expected");
+    require(hidden >= 1, "a hidden_size of at least 1 expected, found " + std::to_string(hidden));
     const Dims w_shape = {directions, 4 * hidden, inputs};
     const Dims r_shape = {directions, 4 * hidden, hidden};
     require(weights.dims == w_shape,
@@ -37,27 +48,42 @@ void Lowering::lstm() {
                                            " expected, found " + text_of(recurrent.dims));
     const Dims b_shape = {directions, 8 * hidden};
     const Tensor* bias = node().has_input(3) ? &required(3, "a bias") : nullptr;
-    require(bias == nullptr || bias->dims == b_shape,
-            "a bias of " + text_of(b_shape) + " expected");
+    if (bias != nullptr && bias->dims != b_shape) {
+        refuse("a bias of " + text_of(b_shape) + " expected, found " + text_of(bias->dims));
+    }
     if (node().has_input(4)) {
         const Tensor& lengths = required(4, "sequence lengths");
-        require(lengths.size() == 1 && lengths.integer(0) == steps,
-                "a sequence length of all " + std::to_string(steps) + " time steps expected");
+        require(lengths.dims == Dims{1},
+                "sequence lengths of [1] expected, found " + text_of(lengths.dims));
+        require(lengths.integer(0) == steps, "a sequence length of all " + std::to_string(steps) +
+                                                 " time steps expected, found " +
+                                                 std::to_string(lengths.integer(0)));
     }
     for (size_t i = 5; i <= 6; ++i) {
         if (!node().has_input(i)) continue;
         const Tensor& state =
             required(i, "an initial state of zeros (the engine keeps the state from run to run),");
+        const Dims shape = {directions, 1, hidden};
+        require(state.dims == shape, "an initial state of " + text_of(shape) + " expected, found " +
+                                         text_of(state.dims));
         for (size_t k = 0; k < state.size(); ++k) {
-            require(state.number(k) == 0, "an initial state of zeros expected");
+            if (state.number(k) == 0) continue;
+            refuse("an initial state of zeros expected, found " + number_text(state.number(k)) +
+                   " at element " + std::to_string(k) +
+                   ": the engine keeps the state from run to run");
         }
     }
-    require(!node().has_input(7), "peepholes are not supported");
-    for (const char* attribute : {"activation_alpha", "activation_beta", "clip"}) {
-        require(node().attributes.count(attribute) == 0,
-                std::string("no attribute ") + attribute + " expected");
+    if (node().has_input(7)) {
+        refuse("no peepholes expected, found them in " + in_quotes(node().inputs[7]));
     }
-    require(node().integer("input_forget", 0) == 0, "input_forget 0 expected");
+    for (const char* attribute : {"activation_alpha", "activation_beta", "clip"}) {
+        const auto found = node().attributes.find(attribute);
+        if (found == node().attributes.end()) continue;
+        refuse(std::string("no attribute ") + attribute + " expected, found " +
+               numbers_of(found->second));
+    }
+    const int64_t coupled = node().integer("input_forget", 0);
+    require(coupled == 0, "input_forget 0 expected, found " + std::to_string(coupled));
     if (const Attribute* list = node().find("activations", Attribute::Kind::Strings)) {
         for (size_t i = 0; i < list->strings.size(); ++i) {
             const char* expected[] = {"Sigmoid", "Tanh", "Tanh"};

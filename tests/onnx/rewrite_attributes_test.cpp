@@ -330,18 +330,60 @@ TEST(LstmAttributes, WhatTheEngineHasNotIsRefusedByItsName) {
     refused(recurrent({}, {names("activations", {"HardSigmoid", "Tanh", "Tanh"})}),
             "found \"HardSigmoid\"");
     refused(recurrent({}, {{"activation_alpha", std::vector<float>{0.2f}}}),
-            "no attribute activation_alpha expected");
+            "no attribute activation_alpha expected, found 0.2");
     refused(recurrent({}, {{"activation_beta", std::vector<float>{0.5f}}}),
-            "no attribute activation_beta expected");
-    refused(recurrent({}, {{"clip", 3.0}}), "no attribute clip expected");
-    refused(recurrent({}, {{"input_forget", 1}}), "input_forget 0 expected");
-    refused(recurrent({"", "", "", "", "p"}, {}), "peepholes are not supported");
-    refused(recurrent({"", "short"}, {}), "a sequence length of all 2 time steps expected");
-    refused(recurrent({"", "", "ones"}, {}), "an initial state of zeros expected");
-    refused(recurrent({"", "", "zeros", "ones"}, {}), "an initial state of zeros expected");
-    refused(recurrent({}, {{"layout", 1}}, {"y"}, 14), "layout 0 expected");
+            "no attribute activation_beta expected, found 0.5");
+    refused(recurrent({}, {{"clip", 3.0}}), "no attribute clip expected, found 3");
+    refused(recurrent({}, {{"input_forget", 1}}), "input_forget 0 expected, found 1");
+    refused(recurrent({"", "", "", "", "p"}, {}), "no peepholes expected, found them in \"p\"");
+    refused(recurrent({"", "short"}, {}),
+            "a sequence length of all 2 time steps expected, found 1");
+    refused(recurrent({"", "", "ones"}, {}),
+            "an initial state of zeros expected, found 1 at element 0");
+    refused(recurrent({"", "", "zeros", "ones"}, {}),
+            "an initial state of zeros expected, found 1 at element 0");
+    refused(recurrent({}, {{"layout", 1}}, {"y"}, 14), "layout 0 expected, found 1");
     refused(recurrent({}, {{"direction", "backward"}}), "found \"backward\"");
     refused(recurrent({}, {}, {"y", "", "cell"}), "the last cell state is not supported");
+}
+
+// Before any proof, which --no-verify leaves out.
+TEST(LstmAttributes, ShapesThatDoNotFitAreRefused) {
+    const auto refused = [](size_t input, const Ints& dims, const std::string& reason) {
+        MadeModel model = recurrent({"b", "whole", "zeros", "zeros", "p"}, {});
+        const char* const names[] = {"x", "w", "r", "b", "lengths", "h", "c"};
+        auto& node = *model.graph().mutable_node(0);
+        // Only what the test is about, and what has to be there.
+        for (int i = 3; i < node.input_size(); ++i) node.set_input(i, "");
+        const std::string name = std::string(names[input]) + " of another shape";
+        node.set_input(static_cast<int>(input), name);
+        size_t count = 1;
+        for (const int64_t size : dims) count *= static_cast<size_t>(size);
+        if (input == 4) {
+            model.integers(name, Ints(count, 2));
+            auto& lengths =
+                *model.graph().mutable_initializer(model.graph().initializer_size() - 1);
+            lengths.clear_dims();
+            for (const int64_t size : dims) lengths.add_dims(size);
+        } else {
+            model.floats(name, dims, std::vector<float>(count, 0.0f));
+        }
+        const std::string found = " expected, found " + modelkit::onnx::text_of(dims);
+        expect_refused(model, "y\" (LSTM)", reason + found);
+    };
+    refused(1, {1, 16, 4}, "weights of [1, 16, 3]");
+    refused(1, {2, 16, 3}, "weights of [1, 16, 3]");
+    refused(2, {1, 16, 3}, "recurrent weights of [1, 16, 4]");
+    refused(3, {1, 16}, "a bias of [1, 32]");
+    refused(3, {32}, "a bias of [1, 32]");
+    refused(4, {2}, "sequence lengths of [1]");
+    refused(4, {1, 1}, "sequence lengths of [1]");
+    for (const size_t state : {5, 6}) {
+        refused(state, {1, 1, 3}, "an initial state of [1, 1, 4]");
+        refused(state, {2, 1, 4}, "an initial state of [1, 1, 4]");
+        refused(state, {1, 4}, "an initial state of [1, 1, 4]");
+        refused(state, {4, 1, 1}, "an initial state of [1, 1, 4]");
+    }
 }
 
 TEST(TransposeAttributes, BlocksOfPixelsAsExportersSpellThemAreOneLayer) {
