@@ -203,22 +203,29 @@ void Lowering::resize() {
                 rounding == "round_prefer_ceil",
             "a nearest_mode that ONNX knows expected, found " + in_quotes(rounding));
     require(scales.size() == rank || sizes.size() == rank,
-            "scales or sizes for " + std::to_string(rank) + " dimensions expected");
+            "scales or sizes for " + std::to_string(rank) + " dimensions expected, found " +
+                std::to_string(scales.size()) + " scales and " + std::to_string(sizes.size()) +
+                " sizes");
     Dims dims = data.dims;
     ResizedAxis axes[2];  // rows, columns
     for (size_t i = 0; i < rank; ++i) {
         const double scale =
             sizes.empty() ? scales[i]
                           : static_cast<double>(sizes[i]) / static_cast<double>(data.dims[i]);
-        require(std::isfinite(scale) && scale > 0, "scales above 0 expected");
+        require(std::isfinite(scale) && scale > 0,
+                "scales above 0 expected, found " + number_text(scale));
+        require(node().op_type != "Upsample" || scale >= 1,
+                "scales of at least 1 expected, found " + number_text(scale));
         // The product is one of floats, the type of the scales: 10 times 0.7 is 7, not a little
         // less.
         const float product = static_cast<float>(data.dims[i]) * static_cast<float>(scale);
         const double size = sizes.empty() ? std::floor(static_cast<double>(product))
                                           : static_cast<double>(sizes[i]);
-        require(size >= 1 && size <= 65535, "sides of 1 to 65535 expected");
+        require(size >= 1 && size <= 65535,
+                "sides of 1 to 65535 expected, found " + number_text(size));
         dims[i] = static_cast<int64_t>(size);
-        require(i >= 2 || dims[i] == data.dims[i], "a scale of 1 for batch and channels expected");
+        require(i >= 2 || dims[i] == data.dims[i],
+                "a scale of 1 for batch and channels expected, found " + number_text(scale));
         if (i < 2) continue;
         ResizedAxis& axis = axes[i + 1 == rank ? 1 : 0];
         axis = {static_cast<int>(data.dims[i]), static_cast<int>(dims[i]), scale, corner};

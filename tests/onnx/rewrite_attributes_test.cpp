@@ -225,6 +225,22 @@ TEST(ResizeAttributes, FactorsThatAreTheEnginesOwnAreOneLayer) {
     }
 }
 
+TEST(UpsampleAttributes, ScalesBelow1AreRefused) {
+    for (const int opset : {7, 9}) {
+        for (const char* mode : {"nearest", "linear"}) {
+            const std::vector<float> scales = {1, 1, 0.5f, 2};
+            MadeModel model(opset);
+            model.input("x", {1, 2, 4, 6}).output("y").floats("s", {4}, scales);
+            if (opset < 9) {
+                model.node("Upsample", {"x"}, {"y"}, {{"mode", mode}, {"scales", scales}});
+            } else {
+                model.node("Upsample", {"x", "s"}, {"y"}, {{"mode", mode}});
+            }
+            expect_refused(model, "y\" (Upsample)", "scales of at least 1 expected, found 0.5");
+        }
+    }
+}
+
 TEST(ResizeAttributes, WhatNoLayersGiveIsRefused) {
     const Ints dims = {1, 2, 4, 6};
     const std::vector<float> twice = {1, 1, 2, 2};
