@@ -352,6 +352,50 @@ void Lowering::slice() {
     give(dims, blob);
 }
 
+// One element along an axis. Outermost it is as good as a channel, whatever the other dimensions.
+Blob Lowering::one_of(const Value& data, size_t axis, int64_t index) {
+    const Blob& blob = data.blob;
+    const Extent& size = blob.size;
+    const int64_t count = data.dims[axis];
+    if (count == 1) return blob;
+    const auto at = data.dims.begin() + static_cast<std::ptrdiff_t>(axis);
+    if (element_count({data.dims.begin(), at}) != 1) {
+        return slice_axis(map_of(data), data.dims, axis, index, 1, 1);
+    }
+    const int64_t length = element_count({at + 1, data.dims.end()});
+    const int64_t before = index * length;
+    if (size.c == 1 && size.h == 1) {
+        return pad_or_crop(blob, 0, static_cast<int>(-before), 0,
+                           static_cast<int>(before + length - count * length));
+    }
+    if (size.h == 1 && size.w == 1) {
+        std::vector<int> channels;
+        for (int64_t i = 0; i < length; ++i) channels.push_back(static_cast<int>(before + i));
+        return pick_channels(blob, channels);
+    }
+    return pick_channels(rows_of(blob, small(count, "elements")), {static_cast<int>(index)});
+}
+
+void Lowering::gather() {
+    const Value& data = value(0);
+    const size_t axis = axis_of(node().integer("axis", 0), data.dims.size());
+    const std::string expected = "one constant index along axis " + std::to_string(axis) + " of " +
+                                 text_of(data.dims) + " expected, found ";
+    const Tensor* indices = constant(1);
+    if (indices == nullptr) refuse(expected + "computed indices");
+    require(is_integral(indices->type) && indices->size() == 1,
+            expected + std::to_string(indices->size()) + " of " + name_of(indices->type) + ": " +
+                text_of(indices->integers()));
+    const int64_t count = data.dims[axis];
+    const int64_t given = indices->integer(0);
+    require(given >= -count && given < count, expected + std::to_string(given));
+    // The dimensions of the indices, none of a scalar, stand in the axis' place.
+    Dims dims = data.dims;
+    const auto at = dims.begin() + static_cast<std::ptrdiff_t>(axis);
+    dims.insert(dims.erase(at), indices->dims.begin(), indices->dims.end());
+    give(dims, one_of(data, axis, given < 0 ? given + count : given));
+}
+
 void Lowering::split() {
     const Value& data = value(0);
     const size_t axis = axis_of(node().integer("axis", 0), data.dims.size());

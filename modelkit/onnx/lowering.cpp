@@ -102,6 +102,7 @@ const std::unordered_map<std::string, Lowering::Handler>& Lowering::handlers() {
         {"Transpose", &Lowering::transpose},
         {"Pad", &Lowering::pad},
         {"Slice", &Lowering::slice},
+        {"Gather", &Lowering::gather},
         {"Split", &Lowering::split},
         {"LSTM", &Lowering::lstm},
     };

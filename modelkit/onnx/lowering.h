@@ -213,6 +213,8 @@ private:
     Blob bordered(const Blob& blob, int top, int left, int bottom, int right, double value,
                   double& used);
     void slice();
+    void gather();
+    Blob one_of(const Value& data, size_t axis, int64_t index);
     void split();
     Blob slice_axis(const Blob& blob, const Dims& dims, size_t axis, int64_t start, int64_t count,
                     int64_t step);
