@@ -413,15 +413,20 @@ void Lowering::binary() {
         dims = broadcast_dims(dims, value(i).dims);
     }
     std::vector<Blob> blobs;
+    bool one_shape = true;
     bool one_division = true;
     for (size_t i = 0; i < node().inputs.size(); ++i) {
-        one_division =
-            one_division && value(i).dims == dims && value(i).blob.size == value(0).blob.size;
+        one_shape = one_shape && value(i).dims == dims;
+        one_division = one_division && one_shape && value(i).blob.size == value(0).blob.size;
     }
+    // Time steps come first of all, with the batch of 1 behind them.
+    const bool steps = one_shape && dims.size() == 3 && dims[0] > 1 && dims[1] == 1;
     for (size_t i = 0; i < node().inputs.size(); ++i) {
         const Value& each = value(i);
         Blob blob = each.blob;
-        if (!one_division) {
+        if (!one_division && steps) {
+            blob = in_rows(rows_of(blob, small(dims[0], "time steps")), 1);
+        } else if (!one_division) {
             Value padded = each;
             padded.dims.insert(padded.dims.begin(), dims.size() - each.dims.size(), 1);
             blob = map_of(padded);

@@ -95,35 +95,14 @@ void Lowering::lstm() {
     const bool cell_used = node().has_output(2) && uses.is_used(node().outputs[2]);
     require(!cell_used, "the last cell state is not supported: the engine keeps it to itself");
 
-    // Rows of more numbers than the layer wants, where channels had to be made into rows.
-    Blob blob = data.blob;
-    if (blob.size.c != steps && blob.size.h == 1 && blob.size.w == 1 && steps > 1) {
-        int side = 1;
-        while (side * side < inputs) ++side;
-        if (side * side != inputs) {
-            std::vector<int> order;
-            for (int64_t t = 0; t < steps; ++t) {
-                for (int i = 0; i < side * side; ++i) {
-                    order.push_back(static_cast<int>(t * inputs + std::min(i, inputs - 1)));
-                }
-            }
-            blob = pick_channels(blob, order);
-        }
-        blob = emitter.pixel_shuffle(blob, side, true);
-    } else {
-        blob = rows_of(blob, static_cast<int>(steps));
-    }
-    const int64_t width = int64_t{blob.size.h} * blob.size.w;
-    require(width >= inputs, "rows of " + std::to_string(inputs) + " numbers expected");
+    Blob blob = rows_of(data.blob, small(steps, "time steps"));
 
     // A single backward direction is the second of two; the first has weights of zero.
     const bool both = directions == 2 || direction == "reverse";
     const auto h = static_cast<size_t>(hidden);
     const auto n = static_cast<size_t>(inputs);
-    const auto wide = static_cast<size_t>(width);
-    // Rows may be wider than the file's, with zeros behind them.
     const auto rows = [&](size_t d, size_t array, size_t row, float* to) {
-        const size_t length = array == 0 ? wide : array == 1 ? h : 1;
+        const size_t length = array == 0 ? n : array == 1 ? h : 1;
         std::fill_n(to, length, 0.0f);
         if (directions == 1 && both && d == 0) return;
         const size_t from = directions == 2 ? d : 0;
@@ -137,7 +116,7 @@ void Lowering::lstm() {
     show_halves(1);
     show_halves(2);
     if (bias != nullptr) show_halves(3);
-    blob = emitter.lstm(blob, static_cast<int>(width), hidden, both, rows);
+    blob = emitter.lstm(blob, inputs, hidden, both, rows);
     note("the engine keeps hidden and cell state from run to run, until reset_lstm_state");
     if (directions == 1 && both) blob = pad_or_crop(blob, 0, -hidden, 0, 0);
     if (node().has_output(0)) give(node().outputs[0], {steps, directions, 1, hidden}, blob);

@@ -111,6 +111,7 @@ const std::unordered_map<std::string, Lowering::Handler>& Lowering::handlers() {
 
 Status Lowering::run(const std::vector<Dims>& inputs) {
     std::string where = "the inputs";
+    find_sequences();
     try {
         for (size_t i = 0; i < graph.inputs.size(); ++i) {
             where = "the input " + in_quotes(graph.inputs[i].name);
@@ -135,6 +136,19 @@ Status Lowering::run(const std::vector<Dims>& inputs) {
         return Status::failure(where + ": out of memory");
     }
     return Status::success();
+}
+
+// What LSTM read, also in other dimensions.
+void Lowering::find_sequences() {
+    static const std::set<std::string> aliases = {"Identity", "Dropout", "Cast",      "Reshape",
+                                                  "Flatten",  "Squeeze", "Unsqueeze", "Transpose"};
+    for (size_t i = graph.nodes.size(); i-- > 0;) {
+        const Node& each = graph.nodes[i];
+        const bool reads =
+            each.op_type == "LSTM" || (aliases.count(each.op_type) != 0 && each.has_output(0) &&
+                                       sequences.count(each.outputs[0]) != 0);
+        if (reads && each.has_input(0)) sequences.insert(each.inputs[0]);
+    }
 }
 
 void Lowering::lower_input(const ValueInfo& info, const Dims& dims) {
@@ -162,7 +176,9 @@ void Lowering::lower_input(const ValueInfo& info, const Dims& dims) {
     }
     require(!kept.empty() && kept.size() <= 2 && dims.size() <= 3,
             "a tensor of 1 to 4 dimensions and a batch of 1 expected, found " + text_of(dims));
-    if (kept.size() == 1) kept.insert(kept.begin(), 1);
+    // One row of numbers, or time steps of one number each.
+    const bool steps = dims.back() == 1 && sequences.count(info.name) != 0;
+    if (kept.size() == 1) kept.insert(steps ? kept.end() : kept.begin(), 1);
     give(info.name, dims, emitter.tensor_input(kept));
 }
 
@@ -463,16 +479,47 @@ Blob Lowering::rows_of(const Blob& blob, int rows) {
     const int64_t count = blob.size.elements();
     if (rows == 1) return blob.size.c == 1 && blob.size.h == 1 ? blob : emitter.row(blob);
     if (blob.size.c == rows) return blob;
-    // A square number of channels becomes a square of pixels, whose lines lie one behind the other.
+    if (count == rows) return channels_of(blob);
     const int64_t length = count / rows;
     require(count % rows == 0 && blob.size.h == 1 && blob.size.w == 1,
             "a tensor of " + std::to_string(rows) + " rows expected, found " + text_of(blob.size) +
                 ", and the engines reshape to one row only");
+    // A square number of channels becomes a square of pixels, whose lines lie one behind the other.
     const int side = static_cast<int>(std::lround(std::sqrt(static_cast<double>(length))));
-    require(int64_t{side} * side == length,
-            "rows of a square number of values expected, found " + std::to_string(length) +
-                ": the engines have no other way from channels to rows");
-    return emitter.pixel_shuffle(blob, side, true);
+    if (int64_t{side} * side == length && side <= 255) {
+        return emitter.pixel_shuffle(blob, side, true);
+    }
+    return spread(blob, rows, length);
+}
+
+// Channels as rows of any length: each paints its number at its own place of a line of zeros, and
+// the lines of a row are added up.
+Blob Lowering::spread(const Blob& blob, int rows, int64_t length) {
+    const int64_t weights = 2 * (length + 1) * blob.size.c + int64_t{rows} * blob.size.c;
+    require(weights <= MOST_MOVING_WEIGHTS,
+            "at most " + std::to_string(MOST_MOVING_WEIGHTS) + " weights to make " +
+                std::to_string(rows) + " rows of " + std::to_string(length) +
+                " numbers of channels expected, found " + std::to_string(weights));
+    // The engine's kernel begins one pixel ahead of what it leaves.
+    Window window;
+    window.kernel_w = small(length + 1, "a row");
+    window.kernel_h = 2;
+    window.stride_w = small(length, "a row");
+    window.pad_h = window.pad_w = 1;
+    const auto width = static_cast<size_t>(length);
+    const auto painted = [=](size_t channel, float* to) {
+        std::fill_n(to, 2 * (width + 1), 0.0f);
+        to[width + 1 + 1 + channel % width] = 1.0f;
+    };
+    const auto channels = static_cast<size_t>(blob.size.c);
+    const auto added = [=](size_t row, float* to) {
+        std::fill_n(to, channels, 0.0f);
+        std::fill_n(to + row * width, width, 1.0f);
+    };
+    const Blob lines = emitter.depthwise_deconvolution(blob, window, painted, {});
+    Blob result = emitter.conv(lines, rows, Window(), added, {}, 0);
+    result.range = blob.range;
+    return result;
 }
 
 // A depthwise convolution with a single tap: out[y] = in[y - begin].

@@ -89,6 +89,7 @@ private:
     static const std::unordered_map<std::string, Handler>& handlers();
 
     // lowering.cpp: what the handlers share.
+    void find_sequences();
     void lower_input(const ValueInfo& info, const Dims& dims);
     void lower_node(size_t index);
     bool fold_shape();
@@ -133,6 +134,8 @@ private:
     Blob channels_of(const Blob& blob);
     /// The numbers in so many channels, each divided in whatever way.
     Blob rows_of(const Blob& blob, int rows);
+    /// `rows` * `length` channels of one pixel as `rows` channels of one line.
+    Blob spread(const Blob& blob, int rows, int64_t length);
 
     // Layers that move numbers without changing them.
     Blob pad_or_crop(Blob blob, int top, int left, int bottom, int right);
@@ -229,6 +232,7 @@ private:
     Uses uses;
     size_t at = 0;
     std::set<size_t> done;
+    std::set<std::string> sequences;  // values whose numbers an LSTM reads
     std::unordered_map<std::string, Value> made;
     std::unordered_map<std::string, Value> finished;
     std::vector<std::string> all_notes;

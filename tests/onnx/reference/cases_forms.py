@@ -241,3 +241,11 @@ def blocks():
     exported("recurrent_then_dense",
              Apply(lambda cell, dense, x: dense(cell(x)[0]), nn.LSTM(3, 4), nn.Linear(4, 2)),
              [(5, 1, 3)], opset=14)
+    exported("recurrent_last_step",
+             Apply(lambda cell, dense, x: dense(cell(x)[0][:, -1]),
+                   nn.LSTM(1, 4, batch_first=True), nn.Linear(4, 2)), [(1, 6, 1)])
+    exported("recurrent_mask",
+             Apply(lambda cell, dense, x: x * torch.sigmoid(dense(cell(x)[0])),
+                   nn.LSTM(13, 6), nn.Linear(6, 13)), [(4, 1, 13)])
+    exported("dense_layers_over_steps",
+             nn.Sequential(nn.Linear(8, 6), nn.ReLU(), nn.Linear(6, 5)), [(1, 4, 8)])

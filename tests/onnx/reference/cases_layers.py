@@ -372,6 +372,7 @@ def recurrent():
     lstm("no_bias", bias=False)
     lstm("bidirectional_no_bias", "bidirectional", bias=False)
     lstm("one_step", steps=1)
+    lstm("one_feature", steps=6, inputs=1)
     lstm("initial_state", initial=True)
     lstm("states_out", "bidirectional", outputs="y y_h y_c", initial=True)
     lstm("last_state_only", outputs="y_h")
