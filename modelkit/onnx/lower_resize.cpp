@@ -1,6 +1,7 @@
 // Resize, Upsample, DepthToSpace and SpaceToDepth.
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "modelkit/onnx/lowering.h"
 
@@ -118,6 +119,29 @@ int growth(const ResizedAxis& axis) {
 }
 int shrinkage(const ResizedAxis& axis) {
     return axis.in % axis.out == 0 ? axis.in / axis.out : 0;
+}
+
+/// Nearest neighbours as each input `times` times and every `stride`th of those, from `first` on.
+struct Stepped {
+    int times = 0;  ///< 0 where the neighbours do not go so
+    int stride = 1;
+    int first = 0;
+};
+
+Stepped stepped(const ResizedAxis& axis, const std::string& rounding) {
+    // Beyond this the repeated pixels take more room than lines that are put together.
+    constexpr int MOST_TIMES = 8;
+    const int common = std::gcd(axis.in, axis.out);
+    Stepped steps = {axis.out / common, axis.in / common, 0};
+    if (steps.times > MOST_TIMES || axis.in > 65535 / steps.times) return {};
+    for (; steps.first < steps.times; ++steps.first) {
+        bool all = true;
+        for (int i = 0; i < axis.out && all; ++i) {
+            all = axis.nearest(i, rounding) == (i * steps.stride + steps.first) / steps.times;
+        }
+        if (all) return steps;
+    }
+    return {};
 }
 
 bool near(double a, double b) {
@@ -255,10 +279,19 @@ void Lowering::resize() {
             blob = emitter.depthwise(blob, 1, thin, ones, {});
         }
         for (const bool rows : {true, false}) {
-            // Uneven neighbours are put together line by line.
             if ((rows ? step_y : step_x) != Step::Other) continue;
             const ResizedAxis& axis = rows ? y : x;
-            require(axis.out <= 256, "an even factor, or at most 256 lines, expected");
+            const Stepped steps = stepped(axis, rounding);
+            if (steps.times > 0) {
+                blob = repeat(blob, rows ? steps.times : 1, rows ? 1 : steps.times);
+                blob = pad_or_crop(blob, rows ? -steps.first : 0, rows ? 0 : -steps.first, 0, 0);
+                Window every;
+                (rows ? every.stride_h : every.stride_w) = steps.stride;
+                const WeightRows ones = all_of(static_cast<size_t>(blob.size.c), 1.0f);
+                blob = emitter.depthwise(blob, 1, every, ones, {});
+                continue;
+            }
+            // Uneven neighbours are put together line by line.
             std::vector<int> lines;
             for (int i = 0; i < axis.out; ++i) lines.push_back(axis.nearest(i, rounding));
             blob = gather_lines(blob, rows, lines);

@@ -225,6 +225,32 @@ TEST(ResizeAttributes, FactorsThatAreTheEnginesOwnAreOneLayer) {
     }
 }
 
+// By 3 / 2 each pixel three times, and every other one of those; 290 to 301 line by line.
+TEST(ResizeAttributes, FactorsOfManyPixels) {
+    for (const char* corner : {"half_pixel", "asymmetric", "align_corners"}) {
+        for (const char* rounding : {"round_prefer_floor", "floor", "ceil"}) {
+            SCOPED_TRACE(std::string(corner) + " " + rounding);
+            const std::vector<With> rules = {{"mode", "nearest"},
+                                             {"coordinate_transformation_mode", corner},
+                                             {"nearest_mode", rounding}};
+            expect_proof(
+                convert_and_prove(sized({1, 1, 2, 200}, {1, 1, 3, 300}, rules, 13).bytes()));
+            expect_proof(
+                convert_and_prove(sized({1, 2, 300, 4}, {1, 2, 200, 3}, rules, 13).bytes()));
+        }
+    }
+    const std::vector<With> rules = {{"mode", "nearest"},
+                                     {"coordinate_transformation_mode", "asymmetric"},
+                                     {"nearest_mode", "floor"}};
+    const Converted few =
+        convert_and_prove(sized({1, 3, 200, 200}, {1, 3, 300, 300}, rules, 13).bytes());
+    expect_proof(few);
+    EXPECT_LE(few.kinds().size(), 4u);
+    expect_proof(convert_and_prove(sized({1, 2, 2, 290}, {1, 2, 2, 301}, rules, 13).bytes()));
+    expect_refused(sized({1, 2, 2, 700}, {1, 2, 2, 1999}, rules, 13), "y\" (Resize)",
+                   "at most 1024 pieces of rows or columns to put together expected, found 1300");
+}
+
 TEST(UpsampleAttributes, ScalesBelow1AreRefused) {
     for (const int opset : {7, 9}) {
         for (const char* mode : {"nearest", "linear"}) {
