@@ -75,6 +75,23 @@ void Lowering::leaky_relu() {
     give(data.dims, blob);
 }
 
+// Factors that one layer holds only with few digits, or not at all, get others before them: powers
+// of two, which are exact.
+Blob Lowering::times(Blob blob, double factor, double& used) {
+    constexpr double LARGE = 0x1p14;
+    Affine last;
+    double exact = 1.0;
+    while (std::fabs(factor) > LARGE || std::fabs(factor) < 1.0 / LARGE) {
+        const double step = std::fabs(factor) > LARGE ? LARGE : 1.0 / LARGE;
+        blob = emitter.affine(blob, {{step}, {0.0}}, last);
+        factor /= step;
+        exact *= step;
+    }
+    blob = emitter.affine(blob, {{factor}, {0.0}}, last);
+    used = exact * last.scale[0];
+    return blob;
+}
+
 // sign * min(relu(sign * x), limit). The engine's clamp ends at 6, so a factor goes before it and
 // one behind: each number comes out changed by a share of itself, however far away the limit is.
 Blob Lowering::side_of(const Blob& blob, double sign, double& limit) {
@@ -83,14 +100,14 @@ Blob Lowering::side_of(const Blob& blob, double sign, double& limit) {
         if (sign > 0) return emitter.activation(blob, kind);
         return scaled(emitter.activation(scaled(blob, -1.0), kind), -1.0);
     }
-    Affine before;
-    Affine behind;
-    const Blob inside = emitter.activation(
-        emitter.affine(blob, {{sign * 6.0 / limit}, {0.0}}, before), ActivationType_ReLU6);
-    const Blob result = emitter.affine(inside, {{sign * limit / 6.0}, {0.0}}, behind);
+    double before = 0;
+    double behind = 0;
+    const Blob inside =
+        emitter.activation(times(blob, sign * 6.0 / limit, before), ActivationType_ReLU6);
+    const Blob result = times(inside, sign * limit / 6.0, behind);
     InputChange& change = own_changes[at];
-    (sign > 0 ? change.above : change.below) = before.scale[0] * behind.scale[0];
-    limit = 6.0 * std::fabs(behind.scale[0]);
+    (sign > 0 ? change.above : change.below) = before * behind;
+    limit = 6.0 * std::fabs(behind);
     return result;
 }
 

@@ -197,6 +197,7 @@ private:
     void absolute();
     void concat();
     Blob clipped(const Blob& blob, double& low, double& high);
+    Blob times(Blob blob, double factor, double& used);
     Blob side_of(const Blob& blob, double sign, double& limit);
     Blob leaked(const Blob& blob, const std::vector<double>& slopes, std::vector<double>& used);
 

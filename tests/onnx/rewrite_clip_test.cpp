@@ -61,6 +61,9 @@ const Limits LIMITS[] = {
     {"negative_open", {}, -0.25f},
     {"not_above_zero", {}, 0.0f},
     {"not_above_zero_and_not_far_below", -10.0f, 0.0f},
+    {"tiny", -1e-7f, 1e-7f},
+    {"zero_to_tiny", 0.0f, 2e-5f},
+    {"below_a_tiny_one", {}, 1e-7f},
     {"no_limits", {}, {}},
     {"no_limits_by_floats", -LARGEST_FLOAT, LARGEST_FLOAT},
 };
