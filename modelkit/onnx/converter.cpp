@@ -113,6 +113,8 @@ Status convert(Graph graph, const ConvertOptions& options, Conversion& result) {
     std::vector<Dims> shapes;
     const Status resolved = resolve_shapes(graph, options, shapes);
     if (!resolved) return resolved;
+    // What no output comes from is of no concern, whatever it is.
+    remove_unused(graph);
     // Attributes and inputs that an operator set does not define would be passed over in silence.
     const Status forms = check_forms(graph);
     if (!forms) return forms;

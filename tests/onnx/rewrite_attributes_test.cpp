@@ -144,6 +144,15 @@ TEST(PoolingAttributes, IndicesOfMaximaAreRefusedWhereTheyAreRead) {
     }
 }
 
+TEST(UnknownOperator, ThatNothingReadsIsLeftOut) {
+    MadeModel model;
+    model.input("x", {1, 2, 4, 4}).output("y").node("NoSuchOperator", {"x"}, {"unread"});
+    model.node("Relu", {"unread"}, {"unread, too"}).node("Relu", {"x"}, {"y"});
+    expect_kinds(model, {"Activation"});
+    model.output("unread");
+    expect_refused(model, "unread\" (NoSuchOperator)", "the operator is not supported");
+}
+
 TEST(ReduceMeanAttributes, OtherAxesThanRowsAndColumnsAreRefused) {
     for (const Ints& axes : {Ints{1}, Ints{2}, Ints{3}, Ints{1, 2, 3}, Ints{0}, Ints{-3, -1}}) {
         expect_refused(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), "y\" (ReduceMean)",
