@@ -193,6 +193,15 @@ void check_attributes(const Node& node, const Form& form) {
     }
 }
 
+// ONNX forbids both, and each says something else.
+void check_padding(const Node& node) {
+    const std::string mode = node.text("auto_pad", "NOTSET");
+    const Attribute* pads = node.find("pads", Attribute::Kind::Ints);
+    if (mode == "NOTSET" || pads == nullptr) return;
+    throw Refusal{"attribute \"pads\" is " + text_of(pads->ints) + " beside \"auto_pad\" " +
+                  in_quotes(mode) + ", expected one of them"};
+}
+
 // What the other code relies on: as many values as the shape says, in the type's own storage.
 bool is_sound(const Tensor& tensor) {
     if (tensor.type == ElementType::Undefined) return false;
@@ -243,6 +252,7 @@ void check_inputs(const Node& node, const Form& form) {
 const Form& checked_form(const Node& node, int opset) {
     const Form& form = form_of(node, opset);
     check_attributes(node, form);
+    check_padding(node);
     check_inputs(node, form);
     if (node.outputs.empty()) throw Refusal{"has no outputs"};
     return form;

@@ -427,7 +427,13 @@ Status take_model(proto::ModelProto& model, const std::string& folder, Graph& gr
     }
     int64_t opset = 0;
     for (const proto::OperatorSetIdProto& set : model.opset_import()) {
-        if (default_domain(set.domain())) opset = set.version();
+        if (!default_domain(set.domain())) continue;
+        if (opset != 0 && opset != set.version()) {
+            return Status::failure("names the operator sets " + std::to_string(opset) + " and " +
+                                   std::to_string(set.version()) +
+                                   " of the default domain, expected one");
+        }
+        opset = set.version();
     }
     if (opset < OLDEST_OPSET || opset > NEWEST_OPSET) {
         return Status::failure((opset == 0

@@ -76,6 +76,13 @@ TEST(Reader, RefusesOtherVersionsDomainsAndKinds) {
     MadeModel no_opset = small_model();
     no_opset.proto.clear_opset_import();
     expect_refusal(no_opset.bytes(), "names no operator set of the default domain");
+    MadeModel twice = small_model();
+    twice.proto.add_opset_import()->set_version(11);
+    expect_refusal(twice.bytes(),
+                   "names the operator sets 13 and 11 of the default domain, expected one");
+    twice.proto.mutable_opset_import(1)->set_domain("ai.onnx");
+    expect_refusal(twice.bytes(),
+                   "names the operator sets 13 and 11 of the default domain, expected one");
     MadeModel foreign = small_model();
     foreign.graph().mutable_node(0)->set_domain("com.example");
     expect_refusal(foreign.bytes(), "is of the operator domain \"com.example\"");

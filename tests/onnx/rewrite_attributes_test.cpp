@@ -144,6 +144,29 @@ TEST(PoolingAttributes, IndicesOfMaximaAreRefusedWhereTheyAreRead) {
     }
 }
 
+TEST(PaddingAttributes, PadsBesideAutoPadAreRefused) {
+    for (const char* type : {"Conv", "ConvTranspose", "MaxPool", "AveragePool"}) {
+        for (const char* mode : {"SAME_UPPER", "SAME_LOWER", "VALID", "NOTSET"}) {
+            SCOPED_TRACE(std::string(type) + " " + mode);
+            const bool weights = std::string(type).rfind("Conv", 0) == 0;
+            MadeModel model;
+            model.input("x", {1, 2, 6, 6}).output("y").random("w", {2, 2, 3, 3}, 1);
+            std::vector<std::string> inputs = {"x"};
+            if (weights) inputs.push_back("w");
+            model.node(
+                type, inputs, {"y"},
+                {{"auto_pad", mode}, {"kernel_shape", Ints{3, 3}}, {"pads", Ints{1, 1, 1, 1}}});
+            if (mode == std::string("NOTSET")) {
+                expect_proof(convert_and_prove(model.bytes()));
+                continue;
+            }
+            expect_refused(model, std::string("y\" (") + type,
+                           "attribute \"pads\" is [1, 1, 1, 1] beside \"auto_pad\" \"" +
+                               std::string(mode) + "\", expected one of them");
+        }
+    }
+}
+
 TEST(UnknownOperator, ThatNothingReadsIsLeftOut) {
     MadeModel model;
     model.input("x", {1, 2, 4, 4}).output("y").node("NoSuchOperator", {"x"}, {"unread"});
