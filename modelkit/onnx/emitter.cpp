@@ -56,6 +56,17 @@ int64_t extent_of(int kernel, int dilation) {
     return int64_t{kernel - 1} * dilation + 1;
 }
 
+std::string sides_of(const Window& w) {
+    return std::to_string(w.kernel_h) + "x" + std::to_string(w.kernel_w);
+}
+
+// Nothing of a window without gaps.
+std::string dilation_of(const Window& w) {
+    if (w.dilation_h == 1 && w.dilation_w == 1) return {};
+    return "dilated by " + std::to_string(w.dilation_h) + " and " + std::to_string(w.dilation_w) +
+           ", ";
+}
+
 size_t taps_of(const Window& w) {
     return static_cast<size_t>(w.kernel_w) * static_cast<size_t>(w.kernel_h);
 }
@@ -317,7 +328,10 @@ Blob Emitter::depthwise(const Blob& bottom, int multiplier, const Window& w,
     ZQLayerInfo_DepthWiseConv2D record;
     const int64_t room_w = bottom.size.w + 2 * w.pad_w - extent_of(w.kernel_w, w.dilation_w);
     const int64_t room_h = bottom.size.h + 2 * w.pad_h - extent_of(w.kernel_h, w.dilation_h);
-    require(room_w >= 0 && room_h >= 0, "a kernel larger than its padded input");
+    require(room_w >= 0 && room_h >= 0,
+            "a kernel no larger than its padded input expected, found " + sides_of(w) + ", " +
+                dilation_of(w) + "padded by " + std::to_string(w.pad_h) + " and " +
+                std::to_string(w.pad_w) + ", on " + text_of(bottom.size));
     const Extent size = {bounded(int64_t{bottom.size.c} * multiplier, "channels"),
                          static_cast<int>(room_h / w.stride_h + 1),
                          static_cast<int>(room_w / w.stride_w + 1)};
@@ -339,7 +353,9 @@ namespace {
 Extent deconvolved(const Extent& from, int channels, const Window& w) {
     require(w.kernel_w <= w.stride_w + 2 && w.kernel_h <= w.stride_h + 2 && w.dilation_w == 1 &&
                 w.dilation_h == 1,
-            "a transposed kernel of at most the stride plus 2, not dilated");
+            "a transposed kernel of at most the stride plus 2, not dilated, expected, found " +
+                sides_of(w) + ", " + dilation_of(w) + "of strides " + std::to_string(w.stride_h) +
+                " and " + std::to_string(w.stride_w));
     const int64_t width = int64_t{from.w} * w.stride_w + 2 - 2 * w.pad_w;
     const int64_t height = int64_t{from.h} * w.stride_h + 2 - 2 * w.pad_h;
     return {channels, bounded(height, "height"), bounded(width, "width")};
@@ -384,10 +400,15 @@ Blob Emitter::depthwise_deconvolution(const Blob& bottom, const Window& w,
 Blob Emitter::pooling(const Blob& bottom, bool maximum, const Window& w) {
     ZQLayerInfo_Pooling record;
     // The CPU engine takes pad_w for the left and the top and pad_h for the right and the bottom.
-    require(w.pad_w == w.pad_h || !for_gpu(), "a pooling of one padding on all sides");
+    require(w.pad_w == w.pad_h || !for_gpu(),
+            "a pooling of one padding on all sides expected, found " + std::to_string(w.pad_w) +
+                " before and " + std::to_string(w.pad_h) + " behind");
     const int64_t room_w = int64_t{bottom.size.w} + w.pad_w + w.pad_h - w.kernel_w;
     const int64_t room_h = int64_t{bottom.size.h} + w.pad_w + w.pad_h - w.kernel_h;
-    require(room_w >= 0 && room_h >= 0, "a window larger than its padded input");
+    require(room_w >= 0 && room_h >= 0,
+            "a window no larger than its padded input expected, found " + sides_of(w) +
+                ", padded by " + std::to_string(w.pad_w) + " before and " +
+                std::to_string(w.pad_h) + " behind, on " + text_of(bottom.size));
     const Extent size = {bottom.size.c, static_cast<int>(room_h / w.stride_h + 1),
                          static_cast<int>(room_w / w.stride_w + 1)};
     read(record, bottom, size);
@@ -454,16 +475,20 @@ Blob Emitter::upsampling(const Blob& bottom, int scale, bool linear, bool align_
 
 Blob Emitter::pixel_shuffle(const Blob& bottom, int factor, bool to_space) {
     ZQLayerInfo_PixelShuffle record;
-    require(factor >= 1 && factor <= 255, "a block of 1 to 255");
+    const std::string found =
+        " expected, found " + std::to_string(factor) + " for " + text_of(bottom.size);
+    require(factor >= 1 && factor <= 255, "a block of 1 to 255" + found);
     const Extent& from = bottom.size;
     Extent size;
     if (to_space) {
-        require(from.c % (factor * factor) == 0, "channels divisible by the block's square");
+        require(from.c % (factor * factor) == 0,
+                "a block whose square divides the channels" + found);
         size = {from.c / (factor * factor), bounded(int64_t{from.h} * factor, "height"),
                 bounded(int64_t{from.w} * factor, "width")};
         record.upscale_factor = Tarno::float_to_half(static_cast<float>(factor));
     } else {
-        require(from.h % factor == 0 && from.w % factor == 0, "sides divisible by the block");
+        require(from.h % factor == 0 && from.w % factor == 0,
+                "a block that divides the sides" + found);
         size = {bounded(int64_t{from.c} * factor * factor, "channels"), from.h / factor,
                 from.w / factor};
         // The engine takes the integer part of the inverse: the next half below gives the block.
@@ -472,7 +497,7 @@ Blob Emitter::pixel_shuffle(const Blob& bottom, int factor, bool to_space) {
             --record.upscale_factor;
         }
         require(static_cast<int>(1.0f / Tarno::half_to_float(record.upscale_factor)) == factor,
-                "a block whose inverse a half can tell");
+                "a block whose inverse a half can tell" + found);
     }
     read(record, bottom, size);
     return finish(record, size, bottom.range);
@@ -500,7 +525,9 @@ Blob Emitter::full_connection(const Blob& bottom, int outputs, const WeightRows&
                               const std::vector<float>& bias) {
     ZQLayerInfo_FullConnection record;
     const int64_t inputs_count = bottom.size.elements();
-    require(inputs_count % 4 == 0 && outputs % 4 == 0, "counts divisible by 4");
+    require(inputs_count % 4 == 0 && outputs % 4 == 0,
+            "counts divisible by 4 expected, found " + std::to_string(inputs_count) +
+                " inputs and " + std::to_string(outputs) + " outputs");
     const Extent size = {1, 1, outputs};
     read(record, bottom, size);
     record.num_input = word(inputs_count, "inputs of a full connection");
@@ -714,7 +741,8 @@ Blob Emitter::affine(const Blob& bottom, const Affine& wanted, Affine& used) {
     product_for(scale, first, second);
     const double coarse = as_half(shift);
     require(std::isfinite(coarse) && std::isfinite(first) && std::isfinite(second),
-            "constants of at most 65504 expected");
+            "constants of at most 65504 expected, found " + std::to_string(scale) + " and " +
+                std::to_string(shift));
     double fine = second == 0 ? 0.0 : as_half((shift - coarse) / second);
     if (!std::isfinite(fine)) fine = 0.0;
     const double lost = first * second - scale;

@@ -75,6 +75,12 @@ bool has_tap(const Window2D& window, int y, int x) {
     return y >= 0 && x >= 0 && y < window.y.kernel && x < window.x.kernel;
 }
 
+void require_weights(int64_t count) {
+    require(count <= MOST_WEIGHTS, "at most " + std::to_string(MOST_WEIGHTS) +
+                                       " weights by blocks of pixels expected, found " +
+                                       std::to_string(count));
+}
+
 size_t row_of(const Window2D& window, size_t output, int y, int x) {
     const auto h = static_cast<size_t>(window.y.kernel);
     const auto w = static_cast<size_t>(window.x.kernel);
@@ -100,8 +106,7 @@ Blob Lowering::convolve_blocks(const Blob& blob, int channels, const Window2D& w
                                int activation) {
     const Square square = square_for(reach_of(window.y), reach_of(window.x));
     const auto inputs = static_cast<size_t>(blob.size.c);
-    require(int64_t{channels} * blob.size.c * PHASES * square.side * square.side <= MOST_WEIGHTS,
-            "fewer weights by blocks of pixels");
+    require_weights(int64_t{channels} * blob.size.c * PHASES * square.side * square.side);
     std::vector<float> pixels(inputs);
     const WeightRows blocks = [&](size_t row, float* to) {
         std::fill_n(to, inputs * PHASES, 0.0f);
@@ -134,8 +139,7 @@ bool Lowering::transpose_by_blocks(const Blob& blob, const Window2D& window, con
         square.side == 0) {
         return false;
     }
-    require(int64_t{out.c} * PHASES * blob.size.c * square.side * square.side <= MOST_WEIGHTS,
-            "fewer weights by blocks of pixels");
+    require_weights(int64_t{out.c} * PHASES * blob.size.c * square.side * square.side);
     const WeightRows blocks = [&](size_t row, float* to) {
         const Place place = place_of(row, square);
         const int phase = static_cast<int>(place.output % PHASES);

@@ -136,7 +136,9 @@ KernelWeights kernel_weights(const Tensor& tensor, const Window2D& window, int g
     const int64_t taps = int64_t{window.y.kernel} * window.x.kernel;
     const bool spread = groups > 1 && groups != inputs;
     require(!spread || int64_t{outputs} * inputs <= (int64_t{1} << 27) / taps,
-            "fewer weights once the groups are spread out");
+            "at most 134217728 weights once the groups are spread out expected, found " +
+                std::to_string(outputs) + " outputs of " + std::to_string(inputs) +
+                " inputs with a kernel of " + std::to_string(taps));
     return weights;
 }
 
@@ -153,7 +155,9 @@ Window2D Lowering::window_of(const Dims& dims, const Dims& kernel, bool transpos
     const Dims dilations = node().integers("dilations", ones);
     const Dims pads = node().integers("pads", Dims(2 * spatial, 0));
     require(strides.size() == spatial && dilations.size() == spatial && pads.size() == 2 * spatial,
-            "strides, dilations and pads for " + std::to_string(spatial) + " dimensions expected");
+            "strides, dilations and pads for " + std::to_string(spatial) +
+                " dimensions expected, found " + text_of(strides) + ", " + text_of(dilations) +
+                " and " + text_of(pads));
     const std::string automatic = node().text("auto_pad", "NOTSET");
     require(automatic == "NOTSET" || automatic == "VALID" || automatic == "SAME_UPPER" ||
                 automatic == "SAME_LOWER",
@@ -166,7 +170,9 @@ Window2D Lowering::window_of(const Dims& dims, const Dims& kernel, bool transpos
         axis.stride = small(strides[i], "a stride");
         axis.dilation = small(dilations[i], "a dilation");
         require(axis.kernel >= 1 && axis.stride >= 1 && axis.dilation >= 1,
-                "kernel, stride and dilation of at least 1 expected");
+                "kernel, stride and dilation of at least 1 expected, found " +
+                    std::to_string(axis.kernel) + ", " + std::to_string(axis.stride) + " and " +
+                    std::to_string(axis.dilation));
         if (automatic == "NOTSET") {
             for (const int64_t pad : {pads[i], pads[spatial + i]}) {
                 require(pad >= 0 && pad <= 65535,
@@ -320,7 +326,8 @@ void Lowering::conv_transpose() {
     for (size_t i = 0; i < spatial; ++i) {
         AxisWindow& axis = i + 1 == spatial ? window.x : window.y;
         const int64_t full = int64_t{axis.stride} * (axis.in - 1) + axis.extent();
-        require(more[i] >= 0 && more[i] <= 65535, "an output_padding of 0 to 65535 expected");
+        require(more[i] >= 0 && more[i] <= 65535,
+                "an output_padding of 0 to 65535 expected, found " + text_of(more));
         int64_t out = full + more[i] - axis.begin - axis.end;
         const bool same_size = automatic == "SAME_UPPER" || automatic == "SAME_LOWER";
         if (!wanted.empty() || same_size) {
@@ -340,7 +347,7 @@ void Lowering::conv_transpose() {
             axis.begin = small(automatic == "SAME_UPPER" ? less : total - less, "padding");
             axis.end = small(total - axis.begin, "padding");
         }
-        require(out >= 1, "an output of at least one pixel expected");
+        require(out >= 1, "an output of at least one pixel expected, found " + std::to_string(out));
         dims[i + 2] = out;
     }
     const std::vector<float> bias = bias_of(2, outputs);

@@ -43,7 +43,8 @@ void Lowering::dense(const Value& data, int64_t rows, const MatrixWeights& weigh
     require(int64_t{blob.size.h} * blob.size.w == inner,
             "rows of " + std::to_string(inner) + " numbers expected, found " + text_of(blob.size));
     require(rows * inner * outputs <= (int64_t{1} << 26),
-            "fewer weights once they are repeated for each row");
+            "at most 67108864 weights, repeated for each row, expected, found " +
+                std::to_string(rows * inner * outputs));
     const auto repeated = [&](size_t tap, float* to) {
         weights.of_input(tap, to);
         for (int64_t i = 1; i < rows; ++i) std::copy_n(to, outputs, to + i * outputs);

@@ -180,7 +180,8 @@ void Lowering::clip() {
             limits[i] = node().number(names[i], limits[i]);
         } else if (node().has_input(i + 1)) {
             const Tensor& limit = required(i + 1, "a limit");
-            require(limit.size() == 1, "one number for a limit expected");
+            require(limit.size() == 1,
+                    "one number for a limit expected, found " + text_of(limit.dims));
             limits[i] = limit.number(0);
         }
     }
@@ -245,6 +246,38 @@ void Lowering::softmax() {
     give(data.dims, emitter.conv(map, 2, Window(), distance, {}, ActivationType_Sigmoid));
 }
 
+void Lowering::refuse_normalization() const {
+    const std::string expected =
+        "a batch normalisation of constants, not in training, expected, found ";
+    const int64_t training = node().integer("training_mode", 0);
+    if (training != 0) refuse(expected + "training_mode " + std::to_string(training));
+    for (size_t i = 1; i < node().outputs.size(); ++i) {
+        if (node().has_output(i)) {
+            refuse(expected + "the statistics as the output " + in_quotes(node().outputs[i]));
+        }
+    }
+    const char* const names[] = {"scale", "bias", "mean", "variance"};
+    const Tensor* arrays[4];
+    for (size_t i = 0; i < 4; ++i) {
+        arrays[i] = constant(i + 1);
+        if (arrays[i] == nullptr) refuse(expected + "a " + names[i] + " that is computed");
+        require(arrays[i]->dims.size() == 1 && arrays[i]->dims == arrays[0]->dims,
+                expected + "a " + names[i] + " of " + text_of(arrays[i]->dims));
+        require(!is_integral(arrays[i]->type),
+                expected + "a " + names[i] + " of " + name_of(arrays[i]->type));
+    }
+    const double epsilon = node().number("epsilon", static_cast<double>(1e-5f));
+    for (size_t i = 0; i < arrays[0]->size(); ++i) {
+        const double scale = arrays[0]->number(i);
+        const double variance = arrays[3]->number(i);
+        if (std::isfinite(scale / std::sqrt(variance + epsilon))) continue;
+        refuse("a finite scale / sqrt(variance + epsilon) expected, found a scale of " +
+               number_text(scale) + ", a variance of " + number_text(variance) +
+               " and an epsilon of " + number_text(epsilon) + " in channel " + std::to_string(i));
+    }
+    refuse(expected + "no channels");
+}
+
 void Lowering::affine_node() {
     const size_t rank = value(constant(0) != nullptr ? 1 : 0).dims.size();
     if (node().op_type == "BatchNormalization") {
@@ -252,9 +285,8 @@ void Lowering::affine_node() {
                 "attribute \"spatial\" 1 expected, found 0: statistics for each pixel");
     }
     const std::optional<AffineNode> found = affine_of(graph, node(), rank);
-    require(found.has_value(), node().op_type == "BatchNormalization"
-                                   ? "a batch normalisation of constants, not in training, expected"
-                                   : "constants, one for all or one for each channel, expected");
+    if (!found && node().op_type == "BatchNormalization") refuse_normalization();
+    require(found.has_value(), "constants, one for all or one for each channel, expected");
     const Value& data = value(found->data_input);
     const bool norm = node().op_type == "BatchNormalization";
     Affine affine = found->affine;
@@ -395,9 +427,11 @@ void Lowering::binary() {
     for (size_t i = 0; i < node().inputs.size(); ++i) constants += constant(i) != nullptr ? 1 : 0;
     if (constants > 0) {
         require(constants == 1 && node().inputs.size() == 2 && type != "Sum",
-                "one constant and one tensor expected");
+                "one constant and one tensor expected, found " + std::to_string(constants) +
+                    " constants among " + std::to_string(node().inputs.size()) + " inputs");
         const size_t side = constant(0) != nullptr ? 1 : 0;
-        require(type != "Div" || side == 0, "a constant to divide by expected");
+        require(type != "Div" || side == 0,
+                "a constant to divide by expected, found a constant that is divided");
         if (type == "Div") {
             const Tensor& divisor = *constant(1);
             for (size_t i = 0; i < divisor.size(); ++i) {
@@ -408,8 +442,10 @@ void Lowering::binary() {
             }
         }
         const Value& data = value(side);
-        require(broadcast_dims(data.dims, constant(1 - side)->dims) == data.dims,
-                "a constant that does not enlarge the tensor expected");
+        const Dims& numbers = constant(1 - side)->dims;
+        require(broadcast_dims(data.dims, numbers) == data.dims,
+                "a constant that does not enlarge the tensor of " + text_of(data.dims) +
+                    " expected, found " + text_of(numbers));
         const std::optional<AffineNode> found = affine_of(graph, node(), data.dims.size());
         const int64_t count = element_count(data.dims);
         const auto channel = static_cast<int64_t>(data.dims.size()) - 2;

@@ -224,11 +224,14 @@ void Lowering::reduce_mean() {
     const size_t rank = data.dims.size();
     require(rank == 4 || rank == 3,
             "a tensor of 3 or 4 dimensions expected, found " + text_of(data.dims));
+    const Dims given = node().integers("axes");
     std::set<size_t> axes;
-    for (const int64_t axis : node().integers("axes")) axes.insert(axis_of(axis, rank));
+    for (const int64_t axis : given) axes.insert(axis_of(axis, rank));
     std::set<size_t> spatial;
     for (size_t i = 2; i < rank; ++i) spatial.insert(i);
-    require(axes == spatial, "a mean over all rows and columns expected");
+    require(axes == spatial, "a mean over all rows and columns expected, found " +
+                                 (given.empty() ? "no axes" : "the axes " + text_of(given)) +
+                                 " of " + text_of(data.dims));
     const bool keeps = node().integer("keepdims", 1) != 0;
     const Blob blob = pool_all(map_of(data), false);
     Dims dims = {1, blob.size.c};

@@ -348,7 +348,9 @@ void Lowering::resize() {
     }
     require(
         corner != "align_corners" || (y.in == y.out && x.in == x.out) || (y.in == 1 && x.in == 1),
-        "align_corners with one factor of 2, 4 or 8 for rows and columns expected");
+        "align_corners with one factor of 2, 4 or 8 for rows and columns expected, found " +
+            std::to_string(y.in) + " rows to " + std::to_string(y.out) + " and " +
+            std::to_string(x.in) + " columns to " + std::to_string(x.out));
     require(corner == "half_pixel" || corner == "pytorch_half_pixel" || corner == "asymmetric" ||
                 corner == "align_corners",
             "half_pixel, asymmetric or align_corners expected for mode linear, found " +
@@ -415,7 +417,8 @@ void Lowering::resize() {
 
 void Lowering::depth_to_space() {
     const Value& data = value(0);
-    require(data.dims.size() == 4, "a tensor of 4 dimensions expected");
+    require(data.dims.size() == 4,
+            "a tensor of 4 dimensions expected, found " + text_of(data.dims));
     const Extent size = extent_of(data.dims);
     const int block = small(node().integer("blocksize", 0), "a block");
     require(block >= 1 && block <= 255 && size.c % (block * block) == 0,
@@ -439,11 +442,13 @@ void Lowering::depth_to_space() {
 
 void Lowering::space_to_depth() {
     const Value& data = value(0);
-    require(data.dims.size() == 4, "a tensor of 4 dimensions expected");
+    require(data.dims.size() == 4,
+            "a tensor of 4 dimensions expected, found " + text_of(data.dims));
     const Extent size = extent_of(data.dims);
     const int block = small(node().integer("blocksize", 0), "a block");
     require(block >= 1 && block <= 255 && size.h % block == 0 && size.w % block == 0,
-            "a block that divides the sides expected, found " + std::to_string(block));
+            "a block that divides the sides of " + text_of(size) + " expected, found " +
+                std::to_string(block));
     Blob blob = emitter.pixel_shuffle(map_of(data), block, false);
     // ONNX has the pixels of the block outermost, the engine the channels.
     std::vector<int> order;

@@ -97,7 +97,7 @@ void Lowering::unsqueeze() {
     const Dims& from = value(0).dims;
     const Dims axes = graph.opset >= 13 ? required(1, "axes").integers() : node().integers("axes");
     std::set<size_t> added;
-    require(axes.size() <= 8, "fewer axes expected");
+    require(axes.size() <= 8, "at most 8 axes expected, found " + std::to_string(axes.size()));
     for (const int64_t axis : axes) {
         require(added.insert(axis_of(axis, from.size() + axes.size())).second,
                 "each axis once expected");

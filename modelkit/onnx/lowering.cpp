@@ -268,7 +268,8 @@ const Value& Lowering::value(size_t input) const {
     const auto found = made.find(node().inputs[input]);
     require(found != made.end(),
             "input " + std::to_string(input) + " is expected to be computed, found a constant");
-    require(found->second.zero_border == 0, "padding that only a pooling takes");
+    require(found->second.zero_border == 0,
+            "a value without a border expected, found padding that only a pooling takes");
     return found->second;
 }
 
@@ -539,7 +540,9 @@ Blob Lowering::pad_or_crop(Blob blob, int top, int left, int bottom, int right) 
     }
     const size_t taps = static_cast<size_t>(kernel_h) * static_cast<size_t>(kernel_w);
     require(static_cast<int64_t>(taps) * blob.size.c <= 4 * MOST_MOVING_WEIGHTS,
-            "fewer pixels to pad or to leave out of " + text_of(blob.size));
+            "at most " + std::to_string(4 * MOST_MOVING_WEIGHTS) + " weights to pad " +
+                text_of(blob.size) + " or to leave pixels out expected, found " +
+                std::to_string(static_cast<int64_t>(taps) * blob.size.c));
     const auto tap = static_cast<size_t>((pad_h - top) * kernel_w + (pad_w - left));
     const auto all = static_cast<size_t>(blob.size.c);
     const auto weights = [=](size_t row, float* to) {
@@ -610,7 +613,8 @@ Blob Lowering::joined(const std::vector<Blob>& first, int axis) {
     }
     side = small(sum, "a side");
     // The engine counts the axes of the first tensor, and one channel is none.
-    require(first[0].size.c > 1, "a first tensor of several channels");
+    require(first[0].size.c > 1,
+            "a first tensor of several channels expected, found " + text_of(first[0].size));
     return emitter.concat(first, axis, size);
 }
 
@@ -657,7 +661,10 @@ Blob Lowering::repeat(Blob blob, int times_y, int times_x) {
     window.pad_w = window.pad_h = 1;
     const size_t taps = static_cast<size_t>(window.kernel_w) * static_cast<size_t>(window.kernel_h);
     require(static_cast<int64_t>(taps) * blob.size.c <= MOST_MOVING_WEIGHTS,
-            "a smaller factor than " + std::to_string(times_y) + " by " + std::to_string(times_x));
+            "at most " + std::to_string(MOST_MOVING_WEIGHTS) + " weights to repeat " +
+                text_of(blob.size) + " expected, found " +
+                std::to_string(static_cast<int64_t>(taps) * blob.size.c) + " for " +
+                std::to_string(times_y) + " by " + std::to_string(times_x) + " times");
     const auto width = static_cast<size_t>(window.kernel_w);
     const auto weights = [=](size_t, float* to) {
         for (size_t i = 0; i < taps; ++i) to[i] = i >= width && i % width > 0 ? 1.0f : 0.0f;

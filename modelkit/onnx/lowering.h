@@ -192,6 +192,8 @@ private:
     void hard_swish();
     void softmax();
     void affine_node();
+    /// Says why the current BatchNormalization is no factor and term for each channel.
+    [[noreturn]] void refuse_normalization() const;
     void binary();
     void with_constant_map(size_t side);
     void absolute();

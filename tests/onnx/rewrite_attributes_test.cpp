@@ -144,6 +144,22 @@ TEST(PoolingAttributes, IndicesOfMaximaAreRefusedWhereTheyAreRead) {
     }
 }
 
+TEST(BatchNormalizationAttributes, AFactorThatIsNotFiniteIsTold) {
+    const auto model = [](const std::vector<float>& variance, double epsilon) {
+        MadeModel result;
+        result.input("x", {1, 2, 4, 4}).output("y").floats("one", {2}, {1, 1});
+        result.floats("variance", {2}, variance);
+        result.node("BatchNormalization", {"x", "one", "one", "one", "variance"}, {"y"},
+                    {{"epsilon", epsilon}});
+        return result;
+    };
+    expect_refused(model({1, -2}, 1e-5), "y\" (BatchNormalization)",
+                   "a finite scale / sqrt(variance + epsilon) expected, found a scale of 1, a "
+                   "variance of -2 and an epsilon of 1e-05 in channel 1");
+    expect_refused(model({0, 1}, 0.0), "y\" (BatchNormalization)",
+                   "found a scale of 1, a variance of 0 and an epsilon of 0 in channel 0");
+}
+
 TEST(PaddingAttributes, PadsBesideAutoPadAreRefused) {
     for (const char* type : {"Conv", "ConvTranspose", "MaxPool", "AveragePool"}) {
         for (const char* mode : {"SAME_UPPER", "SAME_LOWER", "VALID", "NOTSET"}) {
@@ -179,10 +195,11 @@ TEST(UnknownOperator, ThatNothingReadsIsLeftOut) {
 TEST(ReduceMeanAttributes, OtherAxesThanRowsAndColumnsAreRefused) {
     for (const Ints& axes : {Ints{1}, Ints{2}, Ints{3}, Ints{1, 2, 3}, Ints{0}, Ints{-3, -1}}) {
         expect_refused(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), "y\" (ReduceMean)",
-                       "a mean over all rows and columns expected");
+                       "a mean over all rows and columns expected, found the axes " +
+                           modelkit::onnx::text_of(axes) + " of [1, 2, 4, 4]");
     }
     expect_refused(one_node("ReduceMean", {1, 2, 4, 4}), "y\" (ReduceMean)",
-                   "a mean over all rows");
+                   "a mean over all rows and columns expected, found no axes of [1, 2, 4, 4]");
     for (const Ints& axes : {Ints{2, 3}, Ints{-1, 2}, Ints{-2, -1}}) {
         expect_kinds(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), {"Pooling"});
     }
