@@ -14,6 +14,9 @@ namespace modelkit::onnx {
 
 namespace {
 
+// The CPU engine keeps (multiplier - 1) times the weights of a depthwise layer as zeros behind
+// them, of no more floats than these in a net.
+constexpr int64_t MOST_SPARE_FLOATS = int64_t{1} << 24;
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
 // How much of a layer's weights rounding may take: the root of the summed squared changes over that
@@ -110,6 +113,7 @@ Emitter::Emitter(const ModelHeader& header, Engines engines, int64_t most_number
       chosen(engines),
       numbers_left(static_cast<uint64_t>(most_numbers)),
       most_numbers(most_numbers),
+      spare_floats(MOST_SPARE_FLOATS),
       writer(header),
       gpu_rules(header.base_w, header.base_h) {}
 
@@ -335,6 +339,13 @@ Blob Emitter::depthwise(const Blob& bottom, int multiplier, const Window& w,
     const Extent size = {bounded(int64_t{bottom.size.c} * multiplier, "channels"),
                          static_cast<int>(room_h / w.stride_h + 1),
                          static_cast<int>(room_w / w.stride_w + 1)};
+    const int64_t copies =
+        int64_t{multiplier - 1} * size.c * static_cast<int64_t>(taps_of(w)) * (for_cpu() ? 1 : 0);
+    require(copies <= spare_floats,
+            "at most " + std::to_string(MOST_SPARE_FLOATS) +
+                " floats of the CPU engine for depth multipliers in all layers expected, found " +
+                std::to_string(MOST_SPARE_FLOATS - spare_floats + copies));
+    spare_floats -= copies;
     read(record, bottom, size);
     record.depth_multiplier = word(multiplier, "the depth multiplier");
     set_window(record, w);

@@ -175,6 +175,7 @@ private:
     Engines chosen;
     uint64_t numbers_left;
     int64_t most_numbers;
+    int64_t spare_floats;  ///< that the CPU engine has left for depth multipliers
     ModelWriter writer;
     GpuRules gpu_rules;
     std::string node;

@@ -56,7 +56,16 @@ void Lowering::dense(const Value& data, int64_t rows, const MatrixWeights& weigh
     Window window;
     window.kernel_w = window.stride_w = blob.size.w;
     window.kernel_h = window.stride_h = blob.size.h;
-    blob = emitter.depthwise(blob, outputs, window, repeated, repeated_bias, fused.activation);
+    // The multiplier takes the engine's spare floats; beyond some each row is there once for each
+    // output.
+    int multiplier = outputs;
+    if ((outputs - 1) * rows * inner * outputs > (int64_t{1} << 20)) {
+        std::vector<int> order;
+        for (int64_t i = 0; i < rows; ++i) order.insert(order.end(), outputs, static_cast<int>(i));
+        blob = pick_channels(blob, order);
+        multiplier = 1;
+    }
+    blob = emitter.depthwise(blob, multiplier, window, repeated, repeated_bias, fused.activation);
     give(fused.output, dims, blob);
 }
 

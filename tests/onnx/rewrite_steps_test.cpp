@@ -105,6 +105,31 @@ TEST(LinearOverSteps, AMaskOfAnyNumberOfValuesIsMultiplied) {
     }
 }
 
+// The engine's floats for depth multipliers would do for neither of them.
+TEST(LinearOverSteps, OfManyValues) {
+    MadeModel model;
+    model.input("x", {1, 10, 257}).output("y").random("v", {257, 100}, 1, 0.1);
+    model.random("w", {100, 257}, 2, 0.1).random("b", {100}, 3).random("c", {257}, 4);
+    model.node("MatMul", {"x", "v"}, {"m"})
+        .node("Add", {"m", "b"}, {"a"})
+        .node("Relu", {"a"}, {"r"});
+    model.node("MatMul", {"r", "w"}, {"n"}).node("Add", {"n", "c"}, {"y"});
+    expect_converted(model);
+}
+
+TEST(DepthMultiplier, BeyondTheEnginesFloatsIsRefused) {
+    MadeModel model;
+    model.input("x", {1, 2, 4, 4}).output("y").random("w", {2000, 1, 3, 3}, 1);
+    model.node("Conv", {"x", "w"}, {"y"}, {{"group", 2}});
+    expect_refusal(convert_only(model.bytes()), "node \"y\" (Conv)",
+                   "at most 16777216 floats of the CPU engine for depth multipliers in all layers "
+                   "expected, found 17982000");
+    ConvertOptions gpu;
+    gpu.engines = Engines::Gpu;
+    const Converted other = convert_only(model.bytes(), gpu);
+    EXPECT_EQ(other.status.message().find("floats of the CPU engine"), std::string::npos);
+}
+
 TEST(LinearOverSteps, RowsOfTooManyNumbersAreCounted) {
     MadeModel more;
     more.input("x", {1, 60, 30}).output("y").random("v", {30, 500}, 1).random("w", {500, 4}, 2);
