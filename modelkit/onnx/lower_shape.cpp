@@ -329,7 +329,13 @@ void Lowering::slice() {
     require(starts.size() == ends.size() && starts.size() == axes.size() &&
                 starts.size() == steps.size(),
             "as many ends, axes and steps as starts expected");
-    Blob blob = map_of(data);
+    struct Cut {
+        size_t axis;
+        int64_t start;
+        int64_t count;
+        int64_t step;
+    };
+    std::vector<Cut> cuts;
     Dims dims = data.dims;
     std::set<size_t> seen;
     for (size_t i = 0; i < starts.size(); ++i) {
@@ -346,8 +352,18 @@ void Lowering::slice() {
         const int64_t end = bounded(ends[i]);
         require(end > start, "at least one element to stay expected");
         const int64_t count = (end - start + step - 1) / step;
-        blob = slice_axis(blob, dims, axis, start, count, step);
         dims[axis] = count;
+        if (count != size) cuts.push_back({axis, start, count, step});
+    }
+    if (cuts.size() == 1 && cuts[0].count == 1) {
+        give(dims, one_of(data, cuts[0].axis, cuts[0].start));
+        return;
+    }
+    Blob blob = map_of(data);
+    Dims left = data.dims;
+    for (const Cut& cut : cuts) {
+        blob = slice_axis(blob, left, cut.axis, cut.start, cut.count, cut.step);
+        left[cut.axis] = cut.count;
     }
     give(dims, blob);
 }

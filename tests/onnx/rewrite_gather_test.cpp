@@ -98,6 +98,21 @@ TEST(GatherRewrite, OfTheLastStateAndTheLastStep) {
     }
 }
 
+// As operator set 9 writes it.
+TEST(GatherRewrite, ASliceOfOneGivesTheSame) {
+    for (const int64_t index : {0, 1}) {
+        MadeModel model(9);
+        model.input("x", {5, 1, 3}).output("y").random("w", {2, 16, 3}, 1, 0.5);
+        model.random("r", {2, 16, 4}, 2, 0.5);
+        model.node("LSTM", {"x", "w", "r"}, {"", "h"},
+                   {{"hidden_size", 4}, {"direction", "bidirectional"}});
+        model.node("Slice", {"h"}, {"s"},
+                   {{"axes", Ints{0}}, {"starts", Ints{index}}, {"ends", Ints{index + 1}}});
+        model.node("Squeeze", {"s"}, {"y"}, {{"axes", Ints{0}}});
+        expect_proof(convert_and_prove(model.bytes()));
+    }
+}
+
 TEST(GatherRewrite, OtherIndicesAreRefusedByAxisAndIndices) {
     const auto refused = [](const MadeModel& model, const std::string& reason) {
         expect_refusal(convert_only(model.bytes()), "node \"y\" (Gather)",
