@@ -77,8 +77,9 @@ void Lowering::gemm() {
     const bool turned = node().integer("transA", 0) != 0;
     const int64_t rows = data.dims[turned ? 1 : 0];
     const int64_t inner = data.dims[turned ? 0 : 1];
-    require(!turned || rows == 1 || inner == 1,
-            "transA on a vector expected: the engines do not transpose");
+    require(!turned || rows == 1 || inner == 1, "transA on a vector expected, found " +
+                                                    text_of(data.dims) +
+                                                    ": the engines do not transpose");
     const bool as_rows = node().integer("transB", 0) != 0;
     const int64_t outputs = weights.dims[as_rows ? 0 : 1];
     require(weights.dims[as_rows ? 1 : 0] == inner && outputs >= 1,
@@ -86,7 +87,7 @@ void Lowering::gemm() {
                 text_of(weights.dims));
     const double alpha = node().number("alpha", 1.0);
     const double beta = node().number("beta", 1.0);
-    require(alpha != 0, "an alpha other than 0 expected");
+    require(alpha != 0, "an alpha other than 0 expected, found 0");
     const MatrixWeights matrix = {&weights, static_cast<size_t>(outputs),
                                   static_cast<size_t>(inner), as_rows, alpha};
     show_halves(1, alpha);

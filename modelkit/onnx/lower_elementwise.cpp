@@ -220,7 +220,7 @@ void Lowering::hard_swish() {
 void Lowering::softmax() {
     const Value& data = value(0);
     const size_t rank = data.dims.size();
-    require(rank >= 1, "a tensor with dimensions expected");
+    require(rank >= 1, "a tensor with dimensions expected, found a single number");
     const bool whole_rest = graph.opset < 13;
     const size_t axis = axis_of(node().integer("axis", whole_rest ? 1 : -1), rank);
     const int64_t count = element_count(data.dims);
@@ -459,8 +459,10 @@ void Lowering::binary() {
         affine_node();
         return;
     }
-    require(type != "Div", "a constant to divide by expected: the engines have no quotient");
-    require(type != "Sub" || node().inputs.size() == 2, "two inputs expected");
+    require(type != "Div",
+            "a constant to divide by expected, found a tensor: the engines have no quotient");
+    require(type != "Sub" || node().inputs.size() == 2,
+            "two inputs expected, found " + std::to_string(node().inputs.size()));
     Dims dims = value(0).dims;
     for (size_t i = 1; i < node().inputs.size(); ++i) {
         dims = broadcast_dims(dims, value(i).dims);
@@ -508,7 +510,9 @@ void Lowering::concat() {
     Dims dims = parts[0]->dims;
     dims[axis] = 0;
     for (const Value* part : parts) {
-        require(part->dims.size() == rank, "tensors of one number of dimensions expected");
+        require(part->dims.size() == rank, "tensors of one number of dimensions expected, found " +
+                                               text_of(part->dims) + " beside " +
+                                               std::to_string(rank) + " dimensions");
         for (size_t i = 0; i < rank; ++i) {
             require(i == axis || part->dims[i] == parts[0]->dims[i],
                     "tensors that differ along axis " + std::to_string(axis) +

@@ -50,11 +50,14 @@ void Lowering::reshape() {
     size_t open = dims.size();
     for (size_t i = 0; i < dims.size(); ++i) {
         if (dims[i] == 0 && !zero_is_size) {
-            require(i < from.size(), "a shape that copies a dimension of the input expected");
+            require(i < from.size(),
+                    "a shape that copies a dimension of the input expected, found " +
+                        text_of(dims) + " of " + text_of(from));
             dims[i] = from[i];
         }
         if (dims[i] == -1) {
-            require(open == dims.size(), "one open dimension at most expected");
+            require(open == dims.size(),
+                    "one open dimension at most expected, found " + text_of(dims));
             open = i;
         } else {
             require(dims[i] > 0 && dims[i] <= (int64_t{1} << 40) / known,
@@ -70,7 +73,8 @@ void Lowering::flatten() {
     const Dims& from = value(0).dims;
     const int64_t given = node().integer("axis", 1);
     const auto rank = static_cast<int64_t>(from.size());
-    require(given >= -rank && given <= rank, "an axis of the input expected");
+    require(given >= -rank && given <= rank, "an axis of the input expected, found " +
+                                                 std::to_string(given) + " of " + text_of(from));
     const int64_t axis = given < 0 ? given + rank : given;
     Dims dims = {1, 1};
     for (int64_t i = 0; i < rank; ++i) dims[i < axis ? 0 : 1] *= from[static_cast<size_t>(i)];
@@ -100,7 +104,7 @@ void Lowering::unsqueeze() {
     require(axes.size() <= 8, "at most 8 axes expected, found " + std::to_string(axes.size()));
     for (const int64_t axis : axes) {
         require(added.insert(axis_of(axis, from.size() + axes.size())).second,
-                "each axis once expected");
+                "each axis once expected, found " + text_of(axes));
     }
     Dims dims;
     size_t next = 0;
@@ -116,14 +120,15 @@ void Lowering::transpose() {
     Dims reverse;
     for (size_t i = rank; i-- > 0;) reverse.push_back(static_cast<int64_t>(i));
     const Dims order = node().integers("perm", reverse);
-    require(order.size() == rank, "a permutation of all dimensions expected");
+    require(order.size() == rank, "a permutation of all dimensions expected, found " +
+                                      text_of(order) + " of " + text_of(data.dims));
     Dims dims;
     std::vector<size_t> kept;  // the axes that are more than one long, in their new order
     std::set<size_t> seen;
     for (const int64_t axis : order) {
         require(axis >= 0 && axis < static_cast<int64_t>(rank) &&
                     seen.insert(static_cast<size_t>(axis)).second,
-                "a permutation of all dimensions expected");
+                "a permutation of all dimensions expected, found " + text_of(order));
         dims.push_back(data.dims[static_cast<size_t>(axis)]);
         if (dims.back() != 1) kept.push_back(static_cast<size_t>(axis));
     }
@@ -166,7 +171,9 @@ void Lowering::transpose() {
     Dims steps(outer, 1);
     for (size_t i = outer; i-- > 1;) steps[i - 1] = steps[i] * data.dims[i];
     for (size_t i = 0; i < outer; ++i) {
-        require(order[i] < static_cast<int64_t>(outer), "pixels that stay in their channels");
+        require(order[i] < static_cast<int64_t>(outer),
+                "pixels that stay in their channels expected, found " + text_of(order) + " of " +
+                    text_of(data.dims));
     }
     std::vector<int> channels(static_cast<size_t>(size.c));
     for (size_t i = 0; i < channels.size(); ++i) {
@@ -205,7 +212,13 @@ void Lowering::pad() {
     const Value& data = value(0);
     const std::optional<PadNode> found = pad_of(graph, node());
     const size_t rank = data.dims.size();
-    require(found.has_value(), "constant pads for all axes expected");
+    if (!found) {
+        const Tensor* pads = constant(1);
+        refuse("constant pads for all axes expected, found " +
+               (graph.opset < 11  ? text_of(node().integers("pads"))
+                : pads == nullptr ? std::string("computed ones")
+                                  : text_of(pads->integers())));
+    }
     require(
         found->pads.size() == 2 * rank,
         "pads for " + std::to_string(rank) + " dimensions expected, found " + text_of(found->pads));
@@ -216,7 +229,8 @@ void Lowering::pad() {
     bool nothing = true;
     for (size_t i = 0; i < rank; ++i) {
         dims[i] += found->pads[i] + found->pads[rank + i];
-        require(dims[i] >= 1, "at least one pixel to stay expected");
+        require(dims[i] >= 1, "at least one pixel to stay expected, found pads " +
+                                  text_of(found->pads) + " of " + text_of(data.dims));
         nothing = nothing && found->pads[i] == 0 && found->pads[rank + i] == 0;
     }
     if (nothing) {
@@ -242,7 +256,9 @@ void Lowering::pad() {
             for (int i = -begin(rows); i < count + end(rows); ++i) {
                 int from = std::clamp(i, 0, count - 1);
                 if (mode == "reflect") from = i < 0 ? -i : i >= count ? 2 * count - 2 - i : i;
-                require(from >= 0 && from < count, "a reflection of at most the tensor expected");
+                require(from >= 0 && from < count,
+                        "a reflection of at most the tensor expected, found pads " +
+                            text_of(found->pads) + " of " + text_of(data.dims));
                 lines.push_back(from);
             }
             if (begin(rows) != 0 || end(rows) != 0) blob = gather_lines(blob, rows, lines);
@@ -286,13 +302,13 @@ Blob Lowering::slice_axis(const Blob& blob, const Dims& dims, size_t axis, int64
                           int64_t count, int64_t step) {
     if (start == 0 && count == dims[axis] && step == 1) return blob;
     const size_t rank = dims.size();
-    require(axis >= 1, "a batch of 1 to stay expected");
+    require(axis >= 1, "a batch of 1 to stay expected, found a cut of axis 0 of " + text_of(dims));
     if (axis == 1) {
         std::vector<int> channels;
         for (int64_t i = 0; i < count; ++i) channels.push_back(static_cast<int>(start + i * step));
         return pick_channels(blob, channels);
     }
-    require(step >= 1, "steps forward in rows and columns expected");
+    require(step >= 1, "steps forward in rows and columns expected, found " + std::to_string(step));
     const bool rows = rank == 4 && axis == 2;
     const int before = static_cast<int>(start);
     const int behind = static_cast<int>(dims[axis] - (start + (count - 1) * step) - 1);
@@ -328,7 +344,9 @@ void Lowering::slice() {
     if (steps.empty()) steps.assign(starts.size(), 1);
     require(starts.size() == ends.size() && starts.size() == axes.size() &&
                 starts.size() == steps.size(),
-            "as many ends, axes and steps as starts expected");
+            "as many ends, axes and steps as starts expected, found " +
+                std::to_string(ends.size()) + ", " + std::to_string(axes.size()) + " and " +
+                std::to_string(steps.size()) + " for " + std::to_string(starts.size()));
     struct Cut {
         size_t axis;
         int64_t start;
@@ -350,7 +368,9 @@ void Lowering::slice() {
         };
         const int64_t start = bounded(starts[i]);
         const int64_t end = bounded(ends[i]);
-        require(end > start, "at least one element to stay expected");
+        require(end > start, "at least one element to stay expected, found " +
+                                 std::to_string(start) + " to " + std::to_string(end) + " of " +
+                                 std::to_string(size));
         const int64_t count = (end - start + step - 1) / step;
         dims[axis] = count;
         if (count != size) cuts.push_back({axis, start, count, step});
@@ -419,16 +439,21 @@ void Lowering::split() {
     if (graph.opset >= 13 && node().has_input(1)) parts = required(1, "a split").integers();
     const auto outputs = static_cast<int64_t>(node().outputs.size());
     if (parts.empty()) {
-        require(data.dims[axis] % outputs == 0, "parts of one size expected");
+        require(data.dims[axis] % outputs == 0, "parts of one size expected, found " +
+                                                    std::to_string(outputs) + " of " +
+                                                    std::to_string(data.dims[axis]));
         parts.assign(node().outputs.size(), data.dims[axis] / outputs);
     }
-    require(parts.size() == node().outputs.size(), "one size for each output expected");
+    require(parts.size() == node().outputs.size(), "one size for each output expected, found " +
+                                                       text_of(parts) + " for " +
+                                                       std::to_string(outputs));
     const Blob blob = map_of(data);
     const Dims from = data.dims;
     int64_t start = 0;
     for (size_t i = 0; i < parts.size(); ++i) {
         require(parts[i] >= 1 && parts[i] <= from[axis] - start,
-                "parts that make up " + std::to_string(from[axis]) + " expected");
+                "parts that make up " + std::to_string(from[axis]) + " expected, found " +
+                    text_of(parts));
         Dims dims = from;
         dims[axis] = parts[i];
         if (node().has_output(i) && uses.is_used(node().outputs[i])) {
@@ -436,7 +461,8 @@ void Lowering::split() {
         }
         start += parts[i];
     }
-    require(start == from[axis], "parts that make up " + std::to_string(from[axis]) + " expected");
+    require(start == from[axis], "parts that make up " + std::to_string(from[axis]) +
+                                     " expected, found " + text_of(parts));
 }
 
 }  // namespace modelkit::onnx
