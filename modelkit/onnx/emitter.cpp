@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <new>
 #include <type_traits>
 
 #include "modelkit/onnx/graph.h"
+#include "modelkit/onnx/half_factors.h"
 #include "modelkit/onnx/refusal.h"
 #include "modelkit/records.h"
 
@@ -18,14 +18,6 @@ namespace {
 // them, of no more floats than these in a net.
 constexpr int64_t MOST_SPARE_FLOATS = int64_t{1} << 24;
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
-
-// How much of a layer's weights rounding may take: the root of the summed squared changes over that
-// of the weights. Normal halves change by 2^-11 of themselves at most. Below 2^-14 halves lie 2^-24
-// apart whatever their size: weights are off by up to 2^-25, evenly spread, and the root of the
-// mean square of that is 2^-25 / sqrt(3). To be a sixteenth of the weights, theirs has to be
-// 16 * 2^-25 / sqrt(3), about 2^-21.8; of weights of 2^-25 and less nothing is left. The proof
-// cannot tell: noise of that step explains any change of such weights, zeros included.
-constexpr double MOST_LOST = 1.0 / 16;
 
 Range of_activation(int type, const Range& range) {
     switch (type) {
@@ -90,11 +82,6 @@ tensor28 tensor_of(const Extent& size) {
 
 }  // namespace
 
-double as_half(double value) {
-    return static_cast<double>(
-        Tarno::half_to_float(Tarno::float_to_half(static_cast<float>(value))));
-}
-
 std::string text_of(const Extent& extent) {
     return std::to_string(extent.c) + "x" + std::to_string(extent.h) + "x" +
            std::to_string(extent.w);
@@ -127,75 +114,6 @@ shape3 Emitter::shape(const Extent& size) {
         return pattern;
     };
     return {half(size.w, header.base_w), half(size.h, header.base_h), word(size.c, "channels")};
-}
-
-void Emitter::round(const char* what, const float* values, size_t count, unsigned short* halves,
-                    Rounding& rounding) {
-    Tarno::floats_to_halves(values, halves, count);
-    for (size_t i = 0; i < count; ++i) {
-        const double value = values[i];
-        if (!std::isfinite(value)) refuse(std::string(what) + " are expected to be finite");
-        if ((halves[i] & 0x7c00u) == 0x7c00u) {
-            refuse(std::string(what) + ": " + std::to_string(value) +
-                   " is beyond 65504, the largest half");
-        }
-        const double error = value - static_cast<double>(Tarno::half_to_float(halves[i]));
-        rounding.squares += value * value;
-        rounding.squared_errors += error * error;
-        squared_weights += value * value;
-        squared_errors += error * error;
-        rounding.largest = std::max(rounding.largest, std::fabs(value));
-        rounding.largest_error = std::max(rounding.largest_error, std::fabs(error));
-    }
-    current.weights += static_cast<int64_t>(count);
-}
-
-void Emitter::Rounding::add(const Rounding& other) {
-    largest = std::max(largest, other.largest);
-    largest_error = std::max(largest_error, other.largest_error);
-    squares += other.squares;
-    squared_errors += other.squared_errors;
-}
-
-void Emitter::expect_kept(unsigned short type, double squares, double squared_errors) const {
-    if (squared_errors <= MOST_LOST * MOST_LOST * squares) return;
-    char lost[32];
-    std::snprintf(lost, sizeof(lost), "%.4f %%", 100.0 * std::sqrt(squared_errors / squares));
-    char most[32];
-    std::snprintf(most, sizeof(most), "%.4f %%", 100.0 * MOST_LOST);
-    refuse("layer " + std::to_string(reports.size()) + " (" + zq_layer_type_name(type) +
-           "): weights that halves change by at most " + most + " expected, found " + lost +
-           ": halves lie 2^-24 apart below 2^-14, so scale the weights up and what follows down");
-}
-
-void Emitter::count_rounding(const Rounding& rounding) {
-    if (rounding.largest == 0) return;
-    current.largest_error =
-        std::max(current.largest_error, rounding.largest_error / rounding.largest);
-}
-
-std::vector<unsigned short> Emitter::halves(const char* what, const std::vector<float>& values) {
-    take_numbers(values.size());
-    std::vector<unsigned short> patterns(values.size());
-    Rounding rounding;
-    round(what, values.data(), values.size(), patterns.data(), rounding);
-    count_rounding(rounding);
-    return patterns;
-}
-
-void Emitter::round_rows(const char* what, size_t rows, size_t length, const WeightRows& fill,
-                         const PutHalves& put, Rounding& rounding) {
-    constexpr size_t PIECE = 16384;
-    if (length == 0) return;
-    const size_t together = std::min(rows, std::max<size_t>(1, PIECE / length));
-    std::vector<float> values(together * length);
-    std::vector<unsigned short> patterns(values.size());
-    for (size_t row = 0; row < rows; row += together) {
-        const size_t now = std::min(together, rows - row);
-        for (size_t i = 0; i < now; ++i) fill(row + i, &values[i * length]);
-        round(what, values.data(), now * length, patterns.data(), rounding);
-        put(patterns.data(), now * length);
-    }
 }
 
 void Emitter::take_numbers(uint64_t count) {
@@ -605,56 +523,6 @@ Blob Emitter::linear(const Blob& bottom, double alpha, double beta) {
     if (a == 0) range = {b, b};
     return finish(record, bottom.size, range);
 }
-
-namespace {
-
-/// slope / sqrt(variance), with both halves: thousands of variances to choose from carry the digits
-/// that one half has not.
-struct Quotient {
-    double slope = 0;
-    double variance = 1;
-    double value = 0;
-};
-
-Quotient quotient_for(double wanted) {
-    Quotient best;
-    if (wanted == 0) return best;
-    require(std::fabs(wanted) < 30000.0,
-            "a factor of at most 30000 expected, found " + std::to_string(wanted));
-    // Small factors get large variances, so that the slope stays among the normal halves.
-    const double start = std::fabs(wanted) < 0x1p-9 ? 0x1p14 : 1.0;
-    double least = INFINITE;
-    for (int i = 0; i < 2048 && least > 0; ++i) {
-        const double variance = as_half(start * (1.0 + (i % 1024) / 1024.0) * (i < 1024 ? 1 : 2));
-        const double root = static_cast<double>(static_cast<float>(std::sqrt(variance)));
-        const double slope = as_half(wanted * root);
-        const double value =
-            static_cast<double>(static_cast<float>(slope) / static_cast<float>(root));
-        if (std::fabs(value - wanted) < least) {
-            least = std::fabs(value - wanted);
-            best = {slope, variance, value};
-        }
-    }
-    return best;
-}
-
-/// Two factors, both halves, whose product is as near as can be.
-void product_for(double wanted, double& first, double& second) {
-    first = as_half(wanted);
-    second = 1.0;
-    double least = std::fabs(first - wanted);
-    for (int i = 0; i < 1024 && least > 0; ++i) {
-        const double candidate = 1.0 + i / 1024.0;
-        const double other = as_half(wanted / candidate);
-        if (std::fabs(other * candidate - wanted) < least) {
-            least = std::fabs(other * candidate - wanted);
-            first = candidate;
-            second = other;
-        }
-    }
-}
-
-}  // namespace
 
 Blob Emitter::batchnorm(const Blob& bottom, const Affine& wanted, Affine& used) {
     ZQLayerInfo_BatchNormalization record;

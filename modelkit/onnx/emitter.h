@@ -187,7 +187,4 @@ private:
     LayerReport current;
 };
 
-/// A number as the file keeps it.
-double as_half(double value);
-
 }  // namespace modelkit::onnx

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "modelkit/onnx/half_factors.h"
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "modelkit/onnx/half_factors.h"
 #include "modelkit/onnx/lowering.h"
 
 namespace modelkit::onnx {

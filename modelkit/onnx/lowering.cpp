@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "modelkit/onnx/half_factors.h"
+
 namespace modelkit::onnx {
 
 namespace {
