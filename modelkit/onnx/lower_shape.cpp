@@ -405,6 +405,10 @@ Blob Lowering::one_of(const Value& data, size_t axis, int64_t index) {
         return pad_or_crop(blob, 0, static_cast<int>(-before), 0,
                            static_cast<int>(before + length - count * length));
     }
+    if (size.c == 1 && size.h == count) {
+        const int64_t behind = count - 1 - index;
+        return pad_or_crop(blob, static_cast<int>(-index), 0, static_cast<int>(-behind), 0);
+    }
     if (size.h == 1 && size.w == 1) {
         std::vector<int> channels;
         for (int64_t i = 0; i < length; ++i) channels.push_back(static_cast<int>(before + i));

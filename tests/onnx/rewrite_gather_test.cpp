@@ -75,6 +75,22 @@ TEST(GatherRewrite, OfOtherDivisions) {
     gives({3, 1, 2}, 0, -1, {4, 5});
     gives({1, 3, 2}, 1, -1, {4, 5});
     gives({1, 3, 2}, 2, 0, {0, 2, 4});
+    // Rows and columns of a picture of one channel.
+    gives({1, 1, 4, 3}, 2, 1, {3, 4, 5});
+    gives({1, 1, 4, 3}, 2, -1, {9, 10, 11});
+    gives({1, 1, 4, 3}, 3, 0, {0, 3, 6, 9});
+}
+
+TEST(GatherRewrite, ASliceOfOneRowOfOneChannel) {
+    for (const int64_t step : {1, 4}) {
+        MadeModel model;
+        model.input("x", {1, 1, 4, 3}).output("y").integers("from", {2}).integers("to", {3});
+        model.integers("axes", {-2}).integers("steps", {step});
+        model.node("Slice", {"x", "from", "to", "axes", "steps"}, {"y"});
+        const Converted result = convert_and_prove(model.bytes(), {{"x", ascending({1, 1, 4, 3})}});
+        expect_proof(result);
+        expect_numbers(result, {6, 7, 8});
+    }
 }
 
 TEST(GatherRewrite, OfTheLastStateAndTheLastStep) {
