@@ -82,6 +82,10 @@ Blob Lowering::times(Blob blob, double factor, double& used) {
     constexpr double LARGE = 0x1p14;
     Affine last;
     double exact = 1.0;
+    // Beyond a half the GPU engine has infinity, and a tap of zero times that is no number.
+    require(!emitter.for_gpu() || std::fabs(factor) <= LARGE,
+            "limits that take a factor of at most 16384, for the GPU engine, expected, found " +
+                number_text(std::fabs(factor)));
     while (std::fabs(factor) > LARGE || std::fabs(factor) < 1.0 / LARGE) {
         const double step = std::fabs(factor) > LARGE ? LARGE : 1.0 / LARGE;
         blob = emitter.affine(blob, {{step}, {0.0}}, last);
@@ -153,17 +157,37 @@ Blob Lowering::clipped(const Blob& blob, double& low, double& high) {
     if (near == 0) {
         result = side_of(blob, sign, far);
     } else {
-        double room = far - near;
+        // A term keeps its digits down to the smallest half: a limit near 0 is one of 1 to 2 for a
+        // power of two as a factor. Not for the GPU engine, where large numbers times it are no
+        // halves. The smallest limit leaves numbers of up to 2^87 below infinity.
+        double scale = 1.0;
+        if (!emitter.for_gpu() && near < 0x1p-4) {
+            require(near >= 0x1p-40,
+                    "a limit nearest to 0 of at least 2^-40, or 0, expected, found " +
+                        number_text(sign * near));
+            int exponent = 0;
+            std::frexp(near, &exponent);
+            scale = std::ldexp(1.0, 1 - exponent);
+        }
+        double used = 1.0;
+        double room = (far - near) * scale;
         Affine taken;
         Affine given;
-        result = side_of(emitter.affine(blob, {{1.0}, {-sign * near}}, taken), sign, room);
-        result = emitter.affine(result, {{1.0}, {sign * near}}, given);
-        near = std::fabs(given.shift[0]);
+        result = scale == 1.0 ? blob : times(blob, scale, used);
+        result = emitter.affine(result, {{1.0}, {-sign * near * scale}}, taken);
+        result = side_of(result, sign, room);
+        result = emitter.affine(result, {{1.0}, {sign * near * scale}}, given);
+        if (scale != 1.0) result = times(result, 1.0 / scale, used);
+        const double kept = std::fabs(given.shift[0]) / scale;
+        require(std::fabs(kept - near) <= 0x1p-11 * near,
+                "a limit nearest to 0 that is a normal half, or 0, expected, found " +
+                    number_text(sign * near));
+        near = kept;
         // The factor goes for the distance from the nearer limit.
         InputChange& change = own_changes[at];
         const double factor = sign > 0 ? change.above : change.below;
         change = {factor, factor, sign * near * (1.0 - factor)};
-        far = near + room;
+        far = near + room / scale;
     }
     low = sign > 0 ? near : -far;
     high = sign > 0 ? far : -near;

@@ -61,6 +61,11 @@ const Limits LIMITS[] = {
     {"negative_open", {}, -0.25f},
     {"not_above_zero", {}, 0.0f},
     {"not_above_zero_and_not_far_below", -10.0f, 0.0f},
+    {"two_tiny_ones", 1e-9f, 3e-9f},
+    {"two_tiny_negative_ones", -3e-9f, -1e-9f},
+    {"two_small_ones", 3e-6f, 1e-5f},
+    {"not_below_a_tiny_one", 1e-12f, {}},
+    {"tiny_to_large", 1e-6f, 65504.0f},
     {"tiny", -1e-7f, 1e-7f},
     {"zero_to_tiny", 0.0f, 2e-5f},
     {"below_a_tiny_one", {}, 1e-7f},
@@ -114,12 +119,34 @@ TEST(ClipRewrite, LimitsFarAwayLeaveSmallNumbersTheirDigits) {
 }
 
 TEST(ClipRewrite, ALimitThatAlmostVanishesDoesNotExcuseAnything) {
-    // 1e-9 is 0 as a half. What that changes is told as what halves cost, and bounded.
+    // 1e-9 is 0 as a half.
     MadeModel model = clip(1e-9f, {}, 2, 13);
     const Converted result = convert_and_prove(model.bytes());
     expect_proof(result);
     EXPECT_LE(result.proof.outputs[0].from_graph.maximum, 2e-9);
     EXPECT_LE(result.proof.outputs[0].bound, 1e-5);
+}
+
+// Steps of factors would leave the range of halves, and a limit below the normal ones its digits.
+TEST(ClipRewrite, SmallLimitsAreRefusedForTheGpuEngine) {
+    ConvertOptions both;
+    both.engines = Engines::Both;
+    const auto refusal = [&](float low, float high, const std::string& reason) {
+        expect_refusal(convert_only(clip(low, high, 2, 13).bytes(), both), "node \"y\" (Clip)",
+                       reason);
+    };
+    refusal(-1e-5f, 1e-5f, "a factor of at most 16384, for the GPU engine, expected, found 6");
+    refusal(1e-6f, 3.0f, "a limit nearest to 0 that is a normal half, or 0, expected, found 1");
+    EXPECT_TRUE(convert_only(clip(-1e-3f, 1e-3f, 2, 13).bytes(), both).status);
+    EXPECT_TRUE(convert_only(clip(1e-3f, 3.0f, 2, 13).bytes(), both).status);
+}
+
+TEST(ClipRewrite, LimitsThatAreTooSmallToScaleAreRefused) {
+    for (const float sign : {1.0f, -1.0f}) {
+        MadeModel model = sign > 0 ? clip(1e-13f, {}, 2, 13) : clip({}, -1e-13f, 2, 13);
+        expect_refusal(convert_only(model.bytes()), "node \"y\" (Clip)",
+                       "a limit nearest to 0 of at least 2^-40, or 0, expected, found ");
+    }
 }
 
 TEST(ClipRewrite, LimitsThatHalvesLackAreRefusedAtTheNode) {
