@@ -65,7 +65,7 @@ onnx::Tensor read_data(const std::string& path, const std::vector<int64_t>& dims
         if (!read) throw CommandError(path + ": " + read.message());
         expect_shape(tensor.dims);
     } else {
-        const size_t most_dimensions = std::max(most_tensor_dimensions, dims.size());
+        const size_t most_dimensions = std::max<size_t>(16, dims.size());
         expect_shape(read_npy_shape(path, most_dimensions));
         NpyArray array = read_npy(path, most_dimensions);
         // The file may have been exchanged in between.

@@ -19,7 +19,7 @@ Quotient quotient_for(double wanted) {
     Quotient best;
     if (wanted == 0) return best;
     require(std::fabs(wanted) < 30000.0,
-            "a factor of at most 30000 expected, found " + std::to_string(wanted));
+            "a factor below 30000 expected, found " + std::to_string(wanted));
     // Small factors get large variances, so that the slope stays among the normal halves.
     const double start = std::fabs(wanted) < 0x1p-9 ? 0x1p14 : 1.0;
     double least = std::numeric_limits<double>::infinity();

@@ -60,6 +60,7 @@ void Lowering::dense(const Value& data, int64_t rows, const MatrixWeights& weigh
     // output.
     int multiplier = outputs;
     if ((outputs - 1) * rows * inner * outputs > (int64_t{1} << 20)) {
+        expect_room_to_pick(blob, rows * outputs);
         std::vector<int> order;
         for (int64_t i = 0; i < rows; ++i) order.insert(order.end(), outputs, static_cast<int>(i));
         blob = pick_channels(blob, order);

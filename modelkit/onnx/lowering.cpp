@@ -561,10 +561,15 @@ Blob Lowering::pad_or_crop(Blob blob, int top, int left, int bottom, int right) 
     return blob;
 }
 
+void Lowering::expect_room_to_pick(const Blob& blob, int64_t channels) const {
+    require(channels <= MOST_MOVING_WEIGHTS / blob.size.c,
+            "at most " + std::to_string(MOST_MOVING_WEIGHTS) +
+                " weights to move channels expected, found " + std::to_string(channels) +
+                " channels of " + std::to_string(blob.size.c));
+}
+
 Blob Lowering::pick_channels(const Blob& blob, const std::vector<int>& channels) {
-    const int64_t count = int64_t{blob.size.c} * static_cast<int64_t>(channels.size());
-    require(count <= MOST_MOVING_WEIGHTS,
-            "at most 4096 channels to move, found " + std::to_string(blob.size.c));
+    expect_room_to_pick(blob, static_cast<int64_t>(channels.size()));
     bool in_place = static_cast<int>(channels.size()) == blob.size.c;
     const auto from = static_cast<size_t>(blob.size.c);
     const auto weights = [&](size_t row, float* to) {

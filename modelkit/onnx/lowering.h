@@ -140,6 +140,8 @@ private:
     // Layers that move numbers without changing them.
     Blob pad_or_crop(Blob blob, int top, int left, int bottom, int right);
     Blob pick_channels(const Blob& blob, const std::vector<int>& channels);
+    /// Refuses more `channels` than `pick_channels` takes, before anybody lists them.
+    void expect_room_to_pick(const Blob& blob, int64_t channels) const;
     Blob gather_lines(const Blob& blob, bool rows, const std::vector<int>& lines);
     Blob repeat(Blob blob, int times_y, int times_x);
     Blob broadcast(Blob blob, const Extent& size);

@@ -117,6 +117,16 @@ TEST(LinearOverSteps, OfManyValues) {
     expect_converted(model);
 }
 
+// 2^26 copies of rows are not listed before that is asked.
+TEST(LinearOverSteps, OfMoreOutputsThanChannelsMayMoveIsRefused) {
+    MadeModel model;
+    model.input("x", {1, 1024, 1}).output("y").random("w", {1, 65535}, 1);
+    model.node("MatMul", {"x", "w"}, {"y"});
+    expect_refusal(convert_only(model.bytes()), "node \"y\" (MatMul)",
+                   "at most 16777216 weights to move channels expected, found 67107840 channels of "
+                   "1024");
+}
+
 TEST(DepthMultiplier, BeyondTheEnginesFloatsIsRefused) {
     MadeModel model;
     model.input("x", {1, 2, 4, 4}).output("y").random("w", {2000, 1, 3, 3}, 1);

@@ -127,4 +127,29 @@ TEST(VanishingWeights, AreNotZerosBiasesOrSingleChannels) {
     expect_proof(convert_and_prove(dead.bytes()));
 }
 
+// Among other channels one that is wiped out costs nothing, unless what follows makes it large.
+TEST(VanishingWeights, OfOneChannelMatterWhereTheyAreMadeLarge) {
+    for (const double factor : {1.0, 2e4}) {
+        SCOPED_TRACE(factor);
+        MadeModel model;
+        model.input("x", {1, 2, 4, 4})
+            .output("y")
+            .floats("w", {2, 2, 1, 1}, {1e-9f, 1e-9f, 1, 0.5});
+        for (const char* name : {"f", "g"}) {
+            model.floats(name, {1, 2, 1, 1}, {static_cast<float>(factor), 1.0f});
+        }
+        model.node("Conv", {"x", "w"}, {"c"}).node("Relu", {"c"}, {"r"});
+        model.node("Mul", {"r", "f"}, {"m"}).node("Mul", {"m", "g"}, {"y"});
+        const Converted converted = convert_and_prove(model.bytes());
+        if (factor == 1.0) {
+            expect_proof(converted);
+        } else {
+            ASSERT_TRUE(converted.status) << converted.status.message();
+            const auto& proof = converted.proof.outputs.at(0);
+            EXPECT_GT(proof.by_halves.maximum, proof.halves_bound) << "the lost channel passed";
+            EXPECT_FALSE(converted.proof.holds());
+        }
+    }
+}
+
 }  // namespace
