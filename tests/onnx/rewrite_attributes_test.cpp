@@ -25,15 +25,6 @@ void expect_refused(const MadeModel& model, const std::string& node, const std::
     expect_refusal(convert_only(model.bytes()), "node \"" + node, reason);
 }
 
-// 0, 1, 2 and so on.
-Tensor ascending(const Ints& dims) {
-    size_t count = 1;
-    for (const int64_t size : dims) count *= static_cast<size_t>(size);
-    std::vector<float> values(count);
-    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i);
-    return Tensor::of_floats(dims, values);
-}
-
 TEST(ConvAttributes, ThreeDimensionsAndComputedWeightsAreRefused) {
     MadeModel solid;
     solid.input("x", {1, 2, 4, 4}).output("y").integers("s", {1, 2, 2, 2, 4});

@@ -10,15 +10,6 @@ namespace {
 
 using namespace onnx_test;
 
-// 0, 1, 2 and so on.
-Tensor ascending(const Ints& dims) {
-    size_t count = 1;
-    for (const int64_t size : dims) count *= static_cast<size_t>(size);
-    std::vector<float> values(count);
-    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i);
-    return Tensor::of_floats(dims, values);
-}
-
 MadeModel gathered(const Ints& dims, int64_t axis, int64_t index, bool scalar) {
     MadeModel model;
     model.input("x", dims).output("y");

@@ -20,6 +20,15 @@ inline Tensor picture(const std::vector<int64_t>& dims, const std::vector<float>
     return Tensor::of_floats(dims, values);
 }
 
+/// 0, 1, 2 and so on.
+inline Tensor ascending(const Ints& dims) {
+    size_t count = 1;
+    for (const int64_t size : dims) count *= static_cast<size_t>(size);
+    std::vector<float> values(count);
+    for (size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i);
+    return Tensor::of_floats(dims, values);
+}
+
 inline void expect_numbers(const Converted& result, const Numbers& expected, double tolerance = 0) {
     ASSERT_TRUE(result.status) << result.status.message();
     ASSERT_EQ(result.numbers().size(), expected.size());
