@@ -4,7 +4,6 @@
 #include <map>
 #include <new>
 #include <set>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -344,22 +343,6 @@ std::set<std::string> unread_places(const Graph& graph) {
     return names;
 }
 
-// Whether an output comes from each node; of a graph without outputs all are asked for.
-std::vector<bool> needed_nodes(const Graph& graph) {
-    std::vector<bool> needed(graph.nodes.size(), graph.outputs.empty());
-    std::unordered_set<std::string> read;
-    for (const ValueInfo& output : graph.outputs) read.insert(output.name);
-    for (size_t i = graph.nodes.size(); i-- > 0;) {
-        const Node& node = graph.nodes[i];
-        for (const std::string& output : node.outputs) {
-            if (read.count(output) != 0) needed[i] = true;
-        }
-        if (needed[i]) read.insert(node.inputs.begin(), node.inputs.end());
-        read.erase(std::string());
-    }
-    return needed;
-}
-
 }  // namespace
 
 Status evaluate(const Graph& graph, const std::map<std::string, Tensor>& inputs,
@@ -375,7 +358,9 @@ Status evaluate_within(EvaluationLimits& left, const Graph& graph,
     const Status taken = take_inputs(graph, inputs, values);
     if (!taken) return taken;
     const std::set<std::string> unread = unread_places(graph);
-    const std::vector<bool> needed = needed_nodes(graph);
+    // Of a graph without outputs all is asked for.
+    const std::vector<bool> needed =
+        graph.outputs.empty() ? std::vector<bool>(graph.nodes.size(), true) : needed_nodes(graph);
     std::set<std::string> constants;
     for (size_t i = 0; i < graph.nodes.size(); ++i) {
         if (!needed[i]) continue;

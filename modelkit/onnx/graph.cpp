@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <unordered_set>
 #include <utility>
 
 namespace modelkit::onnx {
@@ -253,6 +254,22 @@ std::string label_of(const Node& node) {
         if (!output.empty()) return printable(output);
     }
     return printable(node.op_type);
+}
+
+std::vector<bool> needed_nodes(const Graph& graph) {
+    std::vector<bool> needed(graph.nodes.size(), false);
+    std::unordered_set<std::string> read;
+    for (const ValueInfo& output : graph.outputs) read.insert(output.name);
+    for (size_t i = graph.nodes.size(); i-- > 0;) {
+        const Node& node = graph.nodes[i];
+        for (const std::string& output : node.outputs) {
+            if (read.count(output) != 0) needed[i] = true;
+        }
+        if (needed[i]) read.insert(node.inputs.begin(), node.inputs.end());
+        // An input that is left out has the name of an output that is left out.
+        read.erase(std::string());
+    }
+    return needed;
 }
 
 }  // namespace modelkit::onnx

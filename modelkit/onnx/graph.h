@@ -160,4 +160,7 @@ struct Graph {
     std::set<std::string> external_files;  ///< whole paths of the files that hold its weights
 };
 
+/// Whether an output of the graph comes from each node; nodes stand behind those they read.
+std::vector<bool> needed_nodes(const Graph& graph);
+
 }  // namespace modelkit::onnx

@@ -55,23 +55,20 @@ void erase_nodes(Graph& graph, const std::set<size_t>& dead) {
 }
 
 void remove_unused(Graph& graph) {
-    std::set<std::string> needed;
-    for (const ValueInfo& output : graph.outputs) needed.insert(output.name);
+    const std::vector<bool> needed = needed_nodes(graph);
+    std::set<std::string> read;
+    for (const ValueInfo& output : graph.outputs) read.insert(output.name);
     std::set<size_t> dead;
-    for (size_t i = graph.nodes.size(); i-- > 0;) {
-        bool used = false;
-        for (const std::string& output : graph.nodes[i].outputs) {
-            used = used || needed.count(output) != 0;
-        }
-        if (!used) {
+    for (size_t i = 0; i < graph.nodes.size(); ++i) {
+        if (needed[i]) {
+            read.insert(graph.nodes[i].inputs.begin(), graph.nodes[i].inputs.end());
+        } else {
             dead.insert(i);
-            continue;
         }
-        for (const std::string& input : graph.nodes[i].inputs) needed.insert(input);
     }
     erase_nodes(graph, dead);
     for (auto at = graph.initializers.begin(); at != graph.initializers.end();) {
-        at = needed.count(at->first) != 0 ? std::next(at) : graph.initializers.erase(at);
+        at = read.count(at->first) != 0 ? std::next(at) : graph.initializers.erase(at);
     }
 }
 

@@ -183,6 +183,15 @@ TEST(UnknownOperator, ThatNothingReadsIsLeftOut) {
     expect_refused(model, "unread\" (NoSuchOperator)", "the operator is not supported");
 }
 
+// An output that is left out is not what an input that is left out reads.
+TEST(UnknownOperator, ThatLeavesOutAnOutputIsLeftOutToo) {
+    MadeModel model;
+    model.input("x", {1, 2, 4, 4}).output("y").floats("six", {}, {6});
+    model.node("NoSuchOperator", {"x"}, {"", "unread"});
+    model.node("Relu", {"x"}, {"r"}).node("Clip", {"r", "", "six"}, {"y"});
+    expect_proof(convert_and_prove(model.bytes()));
+}
+
 TEST(ReduceMeanAttributes, OtherAxesThanRowsAndColumnsAreRefused) {
     for (const Ints& axes : {Ints{1}, Ints{2}, Ints{3}, Ints{1, 2, 3}, Ints{0}, Ints{-3, -1}}) {
         expect_refused(one_node("ReduceMean", {1, 2, 4, 4}, {{"axes", axes}}), "y\" (ReduceMean)",
